@@ -1,0 +1,77 @@
+// The serial line to the device: opening, line settings, raw byte transfer.
+//
+// A port handle points to a Port: the system's handle and a receive buffer.
+// Reads are served from the buffer and refill it with whatever the driver
+// holds, so a packet costs a few system calls, not one per byte; purge and
+// close drop what the buffer holds along with the driver's queues.
+#pragma once
+
+#include "platform/platform.h"
+
+#include <cstddef>
+#include <cstdint>
+
+namespace vukra::link {
+
+struct SerialSettings {
+    std::uint32_t baud;
+    char parity;             // carried, not applied: the line is always 8N1
+    std::uint8_t data_bits;  // likewise
+    std::uint8_t stop_bits;  // likewise
+    std::uint32_t timeout_ms;
+};
+
+// The settings every session opens its port with.
+inline constexpr SerialSettings kSessionSettings{400000, 'N', 8, 1, 4000};
+
+inline constexpr std::size_t kReceiveBufferSize = 4096;
+
+struct Port {
+    platform::NativePort native;
+    std::uint32_t timeout_ms;
+    std::uint32_t head; // next byte to hand out
+    std::uint32_t tail; // end of the bytes held
+    std::uint8_t received[kReceiveBufferSize];
+};
+
+// Opens the port by name, or adopts native_handle when it is not 0, applies
+// settings when given, purges and prepares the port. Only a failed
+// allocation gives null: a name that cannot be opened yields a Port on the
+// invalid handle, whose transfers then fail.
+Port* serial_open(int unused, const char* name, std::intptr_t native_handle, const SerialSettings* settings);
+
+// Applies settings; prints "%s ready\n" when a name is given. 0 or -1 (the
+// system's handle is then closed and the Port left on the invalid handle).
+int serial_configure(const char* name, Port* port, const SerialSettings* settings);
+
+// Up to count bytes: the number read, 0 when the time-out ran out, -1 on
+// failure (the system's text of the error is printed).
+long serial_read(Port* port, void* buffer, std::size_t count);
+
+long serial_write(Port* port, const void* bytes, std::size_t count);
+int serial_purge(Port* port);
+int serial_close(Port* port); // also frees the Port
+
+// Waits up to the port's time-out for input and takes all that has
+// arrived into the receive buffer: 1 with bytes held, 0 on time-out, -1 on
+// failure (the system's text of the error is printed).
+int serial_fill(Port* port);
+
+// One byte, not counted as received: 1, 0 on time-out, -1 on failure. The
+// packet receive's inner step, which counts a packet's bytes as a whole.
+inline int serial_take_byte(Port* port, std::uint8_t& byte) {
+    if (port->head == port->tail) {
+        int r = serial_fill(port);
+        if (r <= 0) return r;
+    }
+    byte = port->received[port->head++];
+    return 1;
+}
+
+// Diagnostic records kept for the whole process; nothing depends on them.
+SerialSettings serial_last_settings();
+std::uint32_t serial_received_count();
+void serial_count_received(std::uint32_t bytes);
+void serial_reset_received_count();
+
+} // namespace vukra::link

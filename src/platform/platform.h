@@ -1,0 +1,123 @@
+// The one door to the operating system. Everything that needs a serial
+// port, a thread, a lock, the clock, the machine's names or a raw file goes
+// through these declarations; platform/posix and platform/win32 each
+// implement all of them, and nothing outside platform/ includes an OS header.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace vukra::platform {
+
+// ---- serial port --------------------------------------------------------
+
+// A HANDLE on Win32, a file descriptor on POSIX.
+using NativePort = std::intptr_t;
+inline constexpr NativePort kInvalidPort = -1;
+
+// Opens an existing serial device for reading and writing, not shared.
+// Returns kInvalidPort when it cannot be opened.
+NativePort serial_open(const char* name);
+
+// Applies the fixed line settings at the given speed: 8 data bits, no
+// parity, 1 stop bit, no flow control, DTR on, RTS off, event character
+// 0xC0, and a total read time-out of timeout_ms per read with no interval
+// time-out. Returns 0, or -1 when the port refuses (the port is then closed).
+int serial_configure(NativePort port, std::uint32_t baud, std::uint32_t timeout_ms);
+
+// Watches the receive events and sizes both driver queues (65536 bytes).
+void serial_setup_queues(NativePort port);
+
+// Waits up to timeout_ms for input, then returns whatever is available, at
+// most capacity bytes: a count above 0, 0 when the time-out ran out, -1 on
+// failure. On Win32 the time-out set by serial_configure governs instead.
+long serial_read_some(NativePort port, void* buffer, std::size_t capacity, std::uint32_t timeout_ms);
+
+// Writes all count bytes in one blocking transfer; the count or -1.
+long serial_write(NativePort port, const void* bytes, std::size_t count);
+
+// Aborts pending transfers and empties both queues of the driver.
+void serial_purge(NativePort port);
+
+// Ends a break condition on the line.
+void serial_clear_break(NativePort port);
+
+// Purges, cancels outstanding transfers and releases the port.
+void serial_close(NativePort port);
+
+// The system's text for the last error of this thread, in the default
+// language (valid until the next call from the same thread).
+const char* last_error_text();
+
+// ---- locks --------------------------------------------------------------
+
+// A recursive lock with a critical section's behaviour: the owning thread
+// may enter again and must leave as often as it entered.
+struct RecursiveLock {
+    alignas(16) unsigned char storage[64];
+};
+
+void lock_init(RecursiveLock& lock);
+void lock_enter(RecursiveLock& lock);
+void lock_leave(RecursiveLock& lock);
+void lock_destroy(RecursiveLock& lock);
+
+class LockGuard {
+public:
+    explicit LockGuard(RecursiveLock& lock) : lock_(lock) { lock_enter(lock_); }
+    ~LockGuard() { lock_leave(lock_); }
+    LockGuard(const LockGuard&) = delete;
+    LockGuard& operator=(const LockGuard&) = delete;
+
+private:
+    RecursiveLock& lock_;
+};
+
+// ---- threads ------------------------------------------------------------
+
+using ThreadEntry = void (*)(void* argument);
+
+struct Thread {
+    std::intptr_t handle = 0; // 0 while no thread runs
+    std::uint64_t id = 0;
+};
+
+// Starts entry(argument) on a new thread. Returns false if none could be made.
+bool thread_start(Thread& thread, ThreadEntry entry, void* argument);
+
+// Waits up to timeout_ms for the thread to end and releases it. Returns
+// false on time-out; the thread is then left running and still owned.
+bool thread_join(Thread& thread, std::uint32_t timeout_ms);
+
+std::uint64_t current_thread_id();
+void sleep_ms(std::uint32_t milliseconds);
+
+// ---- clock and names ----------------------------------------------------
+
+// Milliseconds of a monotonic clock; wraps at 2^32.
+std::uint32_t clock_ms();
+
+// The computer's and the user's names, cut to size - 1 characters and
+// NUL-terminated; an empty text when the system does not tell.
+void computer_name(char* buffer, std::size_t size);
+void user_name(char* buffer, std::size_t size);
+
+// ---- low-level files ----------------------------------------------------
+
+enum FileMode : unsigned {
+    kFileRead = 1,
+    kFileWrite = 2,
+    kFileCreate = 4,
+    kFileTruncate = 8,
+};
+
+enum SeekOrigin : int { kSeekSet = 0, kSeekCurrent = 1, kSeekEnd = 2 };
+
+// Binary files, as the runtime's _open/_lseek/_read/_write/_close see them.
+int file_open(const char* path, unsigned mode);
+long file_seek(int file, long offset, SeekOrigin origin);
+long file_read(int file, void* buffer, std::size_t count);
+long file_write(int file, const void* bytes, std::size_t count);
+int file_close(int file);
+
+} // namespace vukra::platform

@@ -1,0 +1,67 @@
+// The Session: one connection to a device, owned by the host between an
+// open call and session_close.
+#pragma once
+
+#include "link/serial_port.h"
+#include "modbus_vukra.h"
+#include "platform/platform.h"
+
+#include <cstdint>
+
+// Flag bytes exchanged by the mount request; their meaning is the device's.
+struct MountFlags {
+    std::uint8_t bytes[4];
+};
+
+// Words of the status block, guarded by the state lock.
+enum StatusWord : int {
+    kStatusDurationMs = 0,
+    kStatusBitsPerSecond = 1,
+    kStatusDirection = 2,
+    kStatusPhase = 3,
+    kStatusProgress = 4,
+    kStatusWords = 5,
+};
+
+inline constexpr std::int32_t kPhaseDone = 4;
+
+struct modbus_vukra_session {
+    const char* mount_path;       // the process-wide identity text
+    MountFlags request_flags;     // 0, 1, 1, 1
+    MountFlags reply_flags;       // of the last mount reply
+    std::uint32_t volume;         // all ones until mounted
+    std::uint32_t directory_ref;  // current handle: directory reference
+    std::int32_t file_descriptor; // current handle: file descriptor
+    std::int32_t position;        // file position or directory cookie
+    std::int32_t error;           // status of the last reply, or a local error
+    std::uint8_t verbose;         // prints the open call's diagnostics
+    std::uint8_t mirror_enabled;  // paths holding "/mem" go to the mirror
+    std::uint8_t mirror_selected; // the last path-routed operation went there
+    modbus_vukra_session* mirror; // the local mirror session, or null
+    std::uint32_t timeout_ms;
+    std::int32_t status[kStatusWords];
+    std::int32_t cancel;          // image transfer cancel request
+    vukra::link::Port* port;             // null for an unconnected record
+    void* host_window;
+    std::uint32_t host_message;
+    vukra::platform::RecursiveLock operations_lock;
+    vukra::platform::RecursiveLock state_lock;
+    modbus_vukra_callback host_callback;
+};
+
+namespace vukra::session {
+
+using Session = modbus_vukra_session;
+
+// The process-wide open flag: 1 while a connected Session exists.
+bool is_open();
+
+// Opens a Session on a port named or handed over (exactly one of the two).
+Session* open(const char* port_name, std::intptr_t port_handle);
+std::int32_t close(Session* session);
+
+// The "%s.%s" text of computer and user names that mount paths point to;
+// rebuilt by every open call.
+const char* refresh_identity();
+
+} // namespace vukra::session
