@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# The shared library shows exactly the C interface, under plain C names.
+set -eu
+lib=$1
+expected=$(sort <<'LIST'
+modbus_vukra_op_cancelfs
+modbus_vukra_op_session_callback
+modbus_vukra_op_session_close
+modbus_vukra_op_session_error
+modbus_vukra_op_session_hwnd
+modbus_vukra_op_session_info
+modbus_vukra_op_session_open
+modbus_vukra_op_session_open2
+LIST
+)
+actual=$(nm -D --defined-only "$lib" | awk '{print $3}' | sort)
+if [ "$expected" != "$actual" ]; then
+  echo "exported symbols differ:"
+  diff <(echo "$expected") <(echo "$actual") || true
+  exit 1
+fi
+echo "exports ok: $(echo "$actual" | wc -l) symbols"

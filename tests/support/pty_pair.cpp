@@ -1,0 +1,57 @@
+#include "support/pty_pair.h"
+
+#include <cerrno>
+#include <poll.h>
+#include <pty.h>
+#include <stdexcept>
+#include <termios.h>
+#include <unistd.h>
+
+namespace vukra::test {
+
+PtyPair::PtyPair() {
+    int slave = -1;
+    char name[256];
+    if (openpty(&master, &slave, name, nullptr, nullptr) != 0) throw std::runtime_error("openpty failed");
+    termios tio{};
+    tcgetattr(master, &tio);
+    cfmakeraw(&tio);
+    tcsetattr(master, TCSANOW, &tio);
+    // The slave stays raw too until the code under test configures it.
+    tcgetattr(slave, &tio);
+    cfmakeraw(&tio);
+    tcsetattr(slave, TCSANOW, &tio);
+    ::close(slave);
+    slave_path = name;
+}
+
+PtyPair::~PtyPair() {
+    if (master >= 0) ::close(master);
+}
+
+void PtyPair::send(const std::vector<std::uint8_t>& bytes) const {
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        ssize_t n = ::write(master, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) throw std::runtime_error("write to pty master failed");
+        done += static_cast<std::size_t>(n);
+    }
+}
+
+std::vector<std::uint8_t> PtyPair::receive(std::size_t count, int timeout_ms) const {
+    std::vector<std::uint8_t> out;
+    while (out.size() < count) {
+        pollfd p{master, POLLIN, 0};
+        if (::poll(&p, 1, timeout_ms) <= 0) break;
+        std::uint8_t chunk[4096];
+        ssize_t n = ::read(master, chunk, std::min(sizeof chunk, count - out.size()));
+        if (n <= 0) break;
+        out.insert(out.end(), chunk, chunk + n);
+    }
+    return out;
+}
+
+std::vector<std::uint8_t> bytes_of(const std::string& text) { return {text.begin(), text.end()}; }
+
+} // namespace vukra::test

@@ -1,0 +1,28 @@
+// A pseudo-terminal standing in for the serial line: the test holds the
+// master (the device's end) and the code under test opens the slave path.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vukra::test {
+
+struct PtyPair {
+    int master = -1;
+    std::string slave_path;
+
+    PtyPair();
+    ~PtyPair();
+    PtyPair(const PtyPair&) = delete;
+    PtyPair& operator=(const PtyPair&) = delete;
+
+    // Writes all bytes to the master end.
+    void send(const std::vector<std::uint8_t>& bytes) const;
+    // Reads from the master end until count bytes came or timeout_ms passed.
+    std::vector<std::uint8_t> receive(std::size_t count, int timeout_ms = 2000) const;
+};
+
+std::vector<std::uint8_t> bytes_of(const std::string& text);
+
+} // namespace vukra::test

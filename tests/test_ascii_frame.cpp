@@ -1,0 +1,159 @@
+// The Modbus ASCII frame codec: building, checking, decoding, receiving.
+#include "link/ascii_frame.h"
+#include "link/slip.h"
+#include "support/pty_pair.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+using namespace vukra;
+using test::PtyPair;
+
+namespace {
+
+std::string text_of(const link::AsciiFrame& f) {
+    return std::string(reinterpret_cast<const char*>(f.buffer), static_cast<std::size_t>(f.length));
+}
+
+struct Built {
+    std::uint8_t storage[link::kFrameCapacity];
+    link::AsciiFrame frame;
+    Built() { link::frame_init(frame, storage, link::kFrameCapacity); }
+};
+
+link::AsciiFrame frame_over(std::string& text) {
+    link::AsciiFrame f{reinterpret_cast<std::uint8_t*>(text.data()), 0, static_cast<std::int32_t>(text.size()),
+                       static_cast<std::int32_t>(text.size()), 0};
+    return f;
+}
+
+TEST(AsciiFrame, BuildsTheReadRequestOfTwoWordsAt0x100) {
+    Built b;
+    link::frame_put_byte(b.frame, 1);
+    link::frame_put_byte(b.frame, 3);
+    std::uint16_t address = 0x0100, count = 2;
+    link::frame_put_field(b.frame, &address, 2);
+    link::frame_put_field(b.frame, &count, 2);
+    link::frame_put_lrc(b.frame);
+    link::frame_end(b.frame);
+    EXPECT_EQ(text_of(b.frame), ":010301000002F9\r\n");
+    EXPECT_EQ(b.frame.position, b.frame.length);
+    EXPECT_EQ(link::frame_check(b.frame), 1);
+
+    testing::internal::CaptureStdout();
+    link::frame_print(b.frame);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Frame : [:010301000002F9<CR><LF>]\n");
+}
+
+TEST(AsciiFrame, LrcOfAWriteRequestIs0xC2) {
+    Built b;
+    for (std::uint8_t byte : {0x01, 0x10, 0x00, 0x00, 0x00, 0x01, 0x02, 0x00, 0x2A}) link::frame_put_byte(b.frame, byte);
+    EXPECT_EQ(b.frame.sum, 0x3E);
+    link::frame_put_lrc(b.frame);
+    EXPECT_EQ(text_of(b.frame).substr(19), "C2");
+}
+
+TEST(AsciiFrame, FieldsGoMostSignificantFirstAndDecodeToHostOrder) {
+    Built b;
+    std::uint16_t v16 = 0x1234;
+    std::uint32_t v32 = 0x89ABCDEF;
+    link::frame_put_field(b.frame, &v16, 2);
+    link::frame_put_field(b.frame, &v32, 4);
+    EXPECT_EQ(text_of(b.frame), ":123489ABCDEF");
+
+    std::uint16_t d16 = 0;
+    link::hex_decode(reinterpret_cast<const std::uint8_t*>("1234"), 2, 0, &d16);
+    EXPECT_EQ(d16, 0x1234);
+    std::uint32_t d32 = 0;
+    link::hex_decode(reinterpret_cast<const std::uint8_t*>("12345678"), 4, 0, &d32);
+    EXPECT_EQ(d32, 0x12345678u);
+    std::uint8_t lower = 0;
+    link::hex_decode(reinterpret_cast<const std::uint8_t*>("fa"), 1, 0, &lower);
+    EXPECT_EQ(lower, 0xFA);
+}
+
+TEST(AsciiFrame, CheckNeedsStartLengthAndCrLfAndReportsABadLrc) {
+    std::string shortest = ":0103FC\r\n"; // 9 characters: address, function, LRC
+    EXPECT_EQ(link::frame_check(frame_over(shortest)), 1);
+
+    testing::internal::CaptureStdout();
+    std::string eight = ":0103F\r\n";
+    std::string no_start = "x0103FC\r\n";
+    std::string no_crlf = ":0103FC\n\n";
+    EXPECT_EQ(link::frame_check(frame_over(eight)), 0);
+    EXPECT_EQ(link::frame_check(frame_over(no_start)), 0);
+    EXPECT_EQ(link::frame_check(frame_over(no_crlf)), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), ""); // silent failures
+
+    testing::internal::CaptureStdout();
+    std::string bad_lrc = ":0103FD\r\n";
+    EXPECT_EQ(link::frame_check(frame_over(bad_lrc)), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Erreur LRC\n");
+}
+
+TEST(AsciiFrame, BuildingStopsAtTheCapacity) {
+    std::uint8_t storage[8] = {};
+    link::AsciiFrame f;
+    link::frame_init(f, storage, 7);
+    for (int i = 0; i < 10; ++i) link::frame_put_byte(f, 0xAB);
+    link::frame_end(f);
+    EXPECT_LE(f.length, 7);
+    EXPECT_EQ(storage[7], 0);
+}
+
+struct FrameReceive : ::testing::Test {
+    static constexpr link::SerialSettings kQuick{400000, 'N', 8, 1, 300};
+    PtyPair pty;
+    link::Port* port = link::serial_open(0, pty.slave_path.c_str(), 0, &kQuick);
+    Built reply;
+    ~FrameReceive() override { link::serial_close(port); }
+
+    void send_packet(const std::string& payload) {
+        std::vector<std::uint8_t> wire{0xC0};
+        wire.insert(wire.end(), payload.begin(), payload.end());
+        wire.push_back(0xC0);
+        pty.send(wire);
+    }
+};
+
+TEST_F(FrameReceive, AFrameSpanningPacketsIsJoinedAndNoiseBeforeItDropped) {
+    send_packet("garbage:01");
+    send_packet("0300");
+    send_packet("FC\r\ntrailing");
+    ASSERT_EQ(link::frame_receive(port, reply.frame), 1);
+    EXPECT_EQ(text_of(reply.frame), ":010300FC\r\n");
+    EXPECT_EQ(link::frame_check(reply.frame), 1);
+}
+
+TEST_F(FrameReceive, ASecondColonRestartsTheFrame) {
+    send_packet("::0103FC\r\n");
+    ASSERT_EQ(link::frame_receive(port, reply.frame), 1);
+    EXPECT_EQ(text_of(reply.frame), ":0103FC\r\n");
+}
+
+TEST_F(FrameReceive, SilenceOrALineWithoutLfFailsWithoutOverflow) {
+    EXPECT_EQ(link::frame_receive(port, reply.frame), 0);
+
+    std::string endless(400, 'A');
+    endless[0] = ':';
+    send_packet(endless);
+    send_packet(endless);
+    std::uint8_t storage[link::kFrameCapacity + 16];
+    std::fill(std::begin(storage), std::end(storage), 0x5A);
+    link::AsciiFrame f;
+    link::frame_init(f, storage, link::kFrameCapacity);
+    EXPECT_EQ(link::frame_receive(port, f), 0);
+    EXPECT_LE(f.length, link::kFrameCapacity);
+    for (int i = link::kFrameCapacity; i < link::kFrameCapacity + 16; ++i) EXPECT_EQ(storage[i], 0x5A);
+}
+
+TEST_F(FrameReceive, SendPutsTheFrameInOneSlipPacket) {
+    link::frame_put_byte(reply.frame, 0xC0); // a data byte never needs escaping: it goes as "C0"
+    link::frame_end(reply.frame);
+    link::frame_send(port, reply.frame);
+    EXPECT_EQ(pty.receive(7), (std::vector<std::uint8_t>{0xC0, ':', 'C', '0', '\r', '\n', 0xC0}));
+}
+
+} // namespace

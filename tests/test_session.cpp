@@ -1,0 +1,153 @@
+// The session family of exports, through the C interface.
+#include "modbus_vukra.h"
+#include "session/session.h"
+#include "support/pty_pair.h"
+#include "support/temp_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+using namespace vukra;
+using test::PtyPair;
+
+namespace {
+
+struct SessionTest : ::testing::Test {
+    test::TempWorkingDir dir;
+    PtyPair pty;
+};
+
+TEST_F(SessionTest, OpenSetsTheDefaultsAndInfoGivesSevenWords) {
+    modbus_vukra_session* s = modbus_vukra_op_session_open(pty.slave_path.c_str());
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(s->volume, 0xFFFFFFFFu);
+    EXPECT_EQ(s->file_descriptor, -1);
+    EXPECT_EQ(s->timeout_ms, 4000u);
+    EXPECT_NE(std::strchr(s->mount_path, '.'), nullptr);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), 0);
+
+    std::int32_t info[8];
+    std::fill(std::begin(info), std::end(info), 0x55555555);
+    ASSERT_EQ(modbus_vukra_op_session_info(s, info), 0);
+    const std::uint8_t request_flags[4] = {0, 1, 1, 1};
+    EXPECT_EQ(std::memcmp(&info[0], request_flags, 4), 0);
+    EXPECT_EQ(info[1], 0);
+    EXPECT_EQ(info[2], 0);
+    EXPECT_EQ(info[3], 0);
+    EXPECT_EQ(info[4], 0);
+    EXPECT_EQ(info[5], 4); // transfer phase: done
+    EXPECT_EQ(info[6], 0);
+    EXPECT_EQ(info[7], 0x55555555) << "wrote an eighth word";
+    EXPECT_EQ(modbus_vukra_op_session_info(s, nullptr), -1);
+
+    EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
+}
+
+TEST_F(SessionTest, OnlyOneSessionAtATimeAndReopenAfterClose) {
+    modbus_vukra_session* first = modbus_vukra_op_session_open(pty.slave_path.c_str());
+    ASSERT_NE(first, nullptr);
+    PtyPair other;
+    EXPECT_EQ(modbus_vukra_op_session_open(other.slave_path.c_str()), nullptr);
+    EXPECT_EQ(modbus_vukra_op_session_error(first), 0); // the first still works
+    ASSERT_EQ(modbus_vukra_op_session_close(first), 0);
+
+    modbus_vukra_session* again = modbus_vukra_op_session_open(other.slave_path.c_str());
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(modbus_vukra_op_session_close(again), 0);
+}
+
+TEST_F(SessionTest, ANullPortGivesAnUnconnectedRecordOnlyWhileASessionIsOpen) {
+    EXPECT_EQ(modbus_vukra_op_session_open(nullptr), nullptr);
+    EXPECT_EQ(modbus_vukra_op_session_open2(nullptr), nullptr);
+
+    modbus_vukra_session* s = modbus_vukra_op_session_open(pty.slave_path.c_str());
+    ASSERT_NE(s, nullptr);
+    modbus_vukra_session* record = modbus_vukra_op_session_open(nullptr);
+    ASSERT_NE(record, nullptr);
+    EXPECT_EQ(record->port, nullptr);
+    EXPECT_EQ(record->volume, 0xFFFFFFFFu);
+    EXPECT_EQ(modbus_vukra_op_session_close(record), -1); // it has no port
+    // A mirror record is freed by the close of the session that holds it.
+    s->mirror = record;
+    EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
+}
+
+TEST_F(SessionTest, Open2AdoptsTheHostsHandle) {
+    int fd = ::open(pty.slave_path.c_str(), O_RDWR | O_NOCTTY);
+    ASSERT_GE(fd, 0);
+    modbus_vukra_session* s = modbus_vukra_op_session_open2(reinterpret_cast<void*>(static_cast<std::intptr_t>(fd)));
+    ASSERT_NE(s, nullptr);
+    ASSERT_NE(s->port, nullptr);
+    EXPECT_EQ(s->port->native, fd);
+    EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
+    EXPECT_EQ(::fcntl(fd, F_GETFD), -1) << "close must release the adopted handle";
+}
+
+TEST_F(SessionTest, APortThatDoesNotExistStillOpens) {
+    modbus_vukra_session* s = modbus_vukra_op_session_open("/dev/vukra-no-such-port");
+    ASSERT_NE(s, nullptr);
+    ASSERT_NE(s->port, nullptr);
+    EXPECT_EQ(s->port->native, platform::kInvalidPort);
+    EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
+}
+
+TEST(SessionAccessors, ANullSessionGives4095OrMinusOne) {
+    EXPECT_EQ(modbus_vukra_op_session_error(nullptr), 4095);
+    EXPECT_EQ(modbus_vukra_op_session_hwnd(nullptr, nullptr, 0), 4095);
+    EXPECT_EQ(modbus_vukra_op_session_callback(nullptr, nullptr), 4095);
+    std::int32_t info[7];
+    EXPECT_EQ(modbus_vukra_op_session_info(nullptr, info), -1);
+    EXPECT_EQ(modbus_vukra_op_cancelfs(nullptr), -1);
+    EXPECT_EQ(modbus_vukra_op_session_close(nullptr), -1);
+}
+
+void host_callback(modbus_vukra_session*) {}
+
+TEST_F(SessionTest, AccessorsStoreWhatTheHostGives) {
+    modbus_vukra_session* s = modbus_vukra_op_session_open(pty.slave_path.c_str());
+    ASSERT_NE(s, nullptr);
+    int window = 0;
+    EXPECT_EQ(modbus_vukra_op_session_hwnd(s, &window, 0x8123), 0);
+    EXPECT_EQ(s->host_window, &window);
+    EXPECT_EQ(s->host_message, 0x8123u);
+    EXPECT_EQ(modbus_vukra_op_session_callback(s, host_callback), 0);
+    EXPECT_EQ(s->host_callback, &host_callback);
+    EXPECT_EQ(modbus_vukra_op_cancelfs(s), 0);
+    EXPECT_EQ(s->cancel, 1);
+    s->error = -17;
+    EXPECT_EQ(modbus_vukra_op_session_error(s), -17);
+    EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
+}
+
+TEST_F(SessionTest, CancelWorksWhileAnotherThreadHoldsTheOperationsLock) {
+    modbus_vukra_session* s = modbus_vukra_op_session_open(pty.slave_path.c_str());
+    ASSERT_NE(s, nullptr);
+    platform::RecursiveLock& ops = s->operations_lock;
+    struct Holder {
+        platform::RecursiveLock* lock;
+        std::atomic<int> state{0}; // 1 held, 2 release asked
+    } holder{&ops};
+    platform::Thread t;
+    ASSERT_TRUE(platform::thread_start(
+        t,
+        [](void* raw) {
+            auto* h = static_cast<Holder*>(raw);
+            platform::LockGuard guard(*h->lock);
+            h->state = 1;
+            while (h->state != 2) platform::sleep_ms(1);
+        },
+        &holder));
+    while (holder.state != 1) platform::sleep_ms(1);
+    EXPECT_EQ(modbus_vukra_op_cancelfs(s), 0);
+    std::int32_t info[7];
+    EXPECT_EQ(modbus_vukra_op_session_info(s, info), 0);
+    holder.state = 2;
+    EXPECT_TRUE(platform::thread_join(t, 2000));
+    EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
+}
+
+} // namespace

@@ -1,0 +1,130 @@
+// SLIP framing on a pseudo-terminal: byte vectors both ways.
+#include "link/serial_port.h"
+#include "link/slip.h"
+#include "support/pty_pair.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+using namespace vukra;
+using test::PtyPair;
+using Bytes = std::vector<std::uint8_t>;
+
+namespace {
+
+constexpr link::SerialSettings kQuick{400000, 'N', 8, 1, 300};
+
+struct SlipTest : ::testing::Test {
+    PtyPair pty;
+    link::Port* port = link::serial_open(0, pty.slave_path.c_str(), 0, &kQuick);
+    ~SlipTest() override { link::serial_close(port); }
+
+    Bytes receive(std::size_t capacity) {
+        Bytes out(capacity + 8, 0xEE);
+        long n = link::slip_receive(port, out.data(), capacity);
+        if (n < 0) return {};
+        EXPECT_EQ(out[static_cast<std::size_t>(n)], 0xEE) << "wrote past the packet";
+        out.resize(static_cast<std::size_t>(n));
+        return out;
+    }
+};
+
+TEST_F(SlipTest, SendEscapesEndAndEscAndFramesWithEnd) {
+    Bytes payload{0x01, 0xC0, 0x02, 0xDB, 0x03};
+    EXPECT_EQ(link::slip_send(port, payload.data(), payload.size()), 5);
+    EXPECT_EQ(pty.receive(9), (Bytes{0xC0, 0x01, 0xDB, 0xDC, 0x02, 0xDB, 0xDD, 0x03, 0xC0}));
+
+    EXPECT_EQ(link::slip_send(port, nullptr, 0), 0);
+    EXPECT_EQ(pty.receive(2), (Bytes{0xC0, 0xC0}));
+}
+
+TEST_F(SlipTest, SendOfALongPayloadKeepsEveryByte) {
+    Bytes payload(5000, 0xC0); // escapes to 10000 bytes, past any one buffer
+    payload[4999] = 0x42;
+    link::slip_send(port, payload.data(), payload.size());
+    Bytes wire = pty.receive(1 + 2 * 4999 + 1 + 1);
+    ASSERT_EQ(wire.size(), 10001u);
+    EXPECT_EQ(wire.front(), 0xC0);
+    EXPECT_EQ(wire[9997], 0xDB);
+    EXPECT_EQ(wire[9998], 0xDC);
+    EXPECT_EQ(wire[9999], 0x42);
+    EXPECT_EQ(wire.back(), 0xC0);
+}
+
+TEST_F(SlipTest, ReceiveSkipsLeadingEndsAndUndoesEscapes) {
+    pty.send({0xC0, 0xC0, 0xC0, 0x10, 0xDB, 0xDC, 0xDB, 0xDD, 0xDB, 0x41, 0x20, 0xC0});
+    EXPECT_EQ(receive(64), (Bytes{0x10, 0xC0, 0xDB, 0x41, 0x20}));
+}
+
+TEST_F(SlipTest, PacketsArriveOneByOneAndInPieces) {
+    pty.send({0xC0, 'a', 'b', 0xC0, 0xC0, 'c', 0xC0, 'd'});
+    EXPECT_EQ(receive(64), test::bytes_of("ab"));
+    EXPECT_EQ(receive(64), test::bytes_of("c"));
+    pty.send({'e', 0xC0});
+    EXPECT_EQ(receive(64), test::bytes_of("de"));
+}
+
+TEST_F(SlipTest, APacketLongerThanCapacityIsCutAndItsRestComesNext) {
+    pty.send({0xC0, '1', '2', '3', '4', '5', '6', 0xC0});
+    EXPECT_EQ(receive(4), test::bytes_of("1234")); // '5' is dropped
+    EXPECT_EQ(receive(4), test::bytes_of("6"));
+}
+
+TEST_F(SlipTest, SilenceAndAnEndlessPacketGiveMinusOne) {
+    Bytes buffer(16);
+    EXPECT_EQ(link::slip_receive(port, buffer.data(), buffer.size()), -1);
+    pty.send({0xC0, 'x', 'y', 'z'}); // no closing END
+    EXPECT_EQ(link::slip_receive(port, buffer.data(), buffer.size()), -1);
+    pty.send({0xC0, 'q', 0xDB}); // escape cut off by silence
+    EXPECT_EQ(link::slip_receive(port, buffer.data(), buffer.size()), -1);
+}
+
+TEST_F(SlipTest, PurgeDropsWhatTheBufferHolds) {
+    pty.send({0xC0, 'o', 'l', 'd', 0xC0, 0xC0, 's', 't', 'a', 'l', 'e', 0xC0});
+    EXPECT_EQ(receive(64), test::bytes_of("old")); // the stale packet now sits in the buffer
+    link::serial_purge(port);
+    pty.send({0xC0, 'n', 'e', 'w', 0xC0});
+    EXPECT_EQ(receive(64), test::bytes_of("new"));
+}
+
+TEST_F(SlipTest, ReceivedCountCoversTheLastPacket) {
+    pty.send({0xC0, 0xC0, 'a', 0xDB, 0xDC, 0xC0});
+    EXPECT_EQ(receive(64), (Bytes{'a', 0xC0}));
+    EXPECT_EQ(link::serial_received_count(), 6u);
+}
+
+TEST(SlipPort, APortThatCannotBeOpenedStillGivesAHandleWhoseTransfersFail) {
+    link::Port* port = link::serial_open(0, "/dev/no-such-port", 0, &kQuick);
+    ASSERT_NE(port, nullptr);
+    std::uint8_t buffer[8];
+    EXPECT_EQ(link::slip_receive(port, buffer, sizeof buffer), -1);
+    EXPECT_EQ(link::serial_read(port, buffer, sizeof buffer), -1);
+    EXPECT_EQ(link::slip_send(port, "x", 1), 1); // the write's failure is not reported
+    link::serial_close(port);
+}
+
+TEST(SlipPort, ConfigureKeepsTheLastSettingsAndAlwaysSets8N1) {
+    PtyPair pty;
+    const link::SerialSettings odd{400000, 'E', 7, 2, 250};
+    link::Port* port = link::serial_open(0, pty.slave_path.c_str(), 0, &odd);
+    link::SerialSettings last = link::serial_last_settings();
+    EXPECT_EQ(last.baud, 400000u);
+    EXPECT_EQ(last.parity, 'E');
+    EXPECT_EQ(last.timeout_ms, 250u);
+    // The line itself carries 8-bit bytes: every value arrives unchanged.
+    Bytes all(256);
+    for (int i = 0; i < 256; ++i) all[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(i);
+    pty.send(all);
+    Bytes got(256);
+    std::size_t n = 0;
+    while (n < got.size()) {
+        long r = link::serial_read(port, got.data() + n, got.size() - n);
+        ASSERT_GT(r, 0);
+        n += static_cast<std::size_t>(r);
+    }
+    EXPECT_EQ(got, all);
+    link::serial_close(port);
+}
+
+} // namespace
