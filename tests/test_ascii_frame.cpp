@@ -111,9 +111,8 @@ struct FrameReceive : ::testing::Test {
     ~FrameReceive() override { link::serial_close(port); }
 
     void send_packet(const std::string& payload) {
-        std::vector<std::uint8_t> wire{0xC0};
-        wire.insert(wire.end(), payload.begin(), payload.end());
-        wire.push_back(0xC0);
+        std::vector<std::uint8_t> wire(payload.size() + 2, 0xC0);
+        std::copy(payload.begin(), payload.end(), wire.begin() + 1);
         pty.send(wire);
     }
 };

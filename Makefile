@@ -1,0 +1,55 @@
+# make        build the library and the tools
+# make test   every test: native, under the sanitizers, and the Windows build under wine
+# make demo   run the main job against the built-in device emulator
+# make bench  run the benchmarks
+
+JOBS      ?= $(shell nproc)
+BUILD     := build
+NATIVE    := $(BUILD)/release
+ASAN      := $(BUILD)/asan
+TSAN      := $(BUILD)/tsan
+WIN64     := $(BUILD)/win-x86_64
+WIN32     := $(BUILD)/win-i686
+CMAKE_GEN := -G Ninja -DMODBUS_VUKRA_WERROR=ON
+
+.PHONY: all deps native win test test-native test-asan test-tsan demo bench clean
+
+all: native
+
+deps:
+	@scripts/deps.sh
+
+native: deps
+	@cmake -S . -B $(NATIVE) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMODBUS_VUKRA_WIN_BUILD=$(abspath $(WIN64)) >/dev/null
+	@cmake --build $(NATIVE) -j $(JOBS)
+
+win: deps
+	@cmake -S . -B $(WIN64) $(CMAKE_GEN) -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-x86_64.cmake -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build $(WIN64) -j $(JOBS)
+	@cmake -S . -B $(WIN32) $(CMAKE_GEN) -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-i686.cmake -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build $(WIN32) -j $(JOBS)
+
+test-native: native win
+	cd $(NATIVE) && ctest -j $(JOBS) --output-on-failure
+
+test-asan: deps
+	@cmake -S . -B $(ASAN) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DMODBUS_VUKRA_SANITIZE=address,undefined -DMODBUS_VUKRA_BENCH=OFF >/dev/null
+	@cmake --build $(ASAN) -j $(JOBS)
+	cd $(ASAN) && ctest -j $(JOBS) --output-on-failure
+
+test-tsan: deps
+	@cmake -S . -B $(TSAN) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DMODBUS_VUKRA_SANITIZE=thread -DMODBUS_VUKRA_BENCH=OFF >/dev/null
+	@cmake --build $(TSAN) -j $(JOBS)
+	cd $(TSAN) && ctest -j $(JOBS) --output-on-failure
+
+# The native run comes last so that its summary closes the output.
+test: test-asan test-tsan test-native
+
+demo: native
+	@scripts/demo.sh $(NATIVE)
+
+bench: native
+	@scripts/bench.sh $(NATIVE)
+
+clean:
+	rm -rf $(BUILD)
