@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# Runs every benchmark of a finished native build.
+set -eu
+build=$1
+for b in "$build"/bench/*_bench; do
+  echo "== $(basename "$b")"
+  "$b"
+done
