@@ -72,6 +72,38 @@ MODBUS_VUKRA_API int32_t modbus_vukra_op_session_callback(modbus_vukra_session *
 /* Asks a running image transfer to stop; callable from any thread. */
 MODBUS_VUKRA_API int32_t modbus_vukra_op_cancelfs(modbus_vukra_session *session);
 
+/* ---- registers, by their names in "table.xml" ---------------------------- */
+
+/* The longest text register_btoa writes, its NUL included. */
+#define MODBUS_VUKRA_TEXT_SIZE 256
+
+/*
+ * Reads a register into value: its words in register order, in host order
+ * (a 32-bit value as one host-order number). Copies count bytes, at most
+ * 256; returns that count, or -1.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_readreg(modbus_vukra_session *session, const char *name,
+                                                           void *value, int32_t count);
+
+/* Writes a register from value; returns the bytes taken (at most 256), or -1. */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_writereg(modbus_vukra_session *session, const char *name,
+                                                            const void *value, int32_t count);
+
+/*
+ * The register's value as text, by its type, into text (room for
+ * MODBUS_VUKRA_TEXT_SIZE bytes). Returns text, or NULL for an unknown
+ * register or a type that cannot be shown.
+ */
+MODBUS_VUKRA_API char *modbus_vukra_op_register_btoa(char *text, const char *name, const void *value);
+
+/*
+ * Text to the register's value, by its type: 0, or -1 for an unknown
+ * register or a type that cannot be written from text (uint16, uint32 and
+ * buffers other than buffer2float). Text that does not parse still gives 0
+ * and leaves value as it was.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_register_atob(void *value, const char *name, const char *text);
+
 #ifdef __cplusplus
 }
 #endif

@@ -4,6 +4,10 @@ set -eu
 lib=$1
 expected=$(sort <<'LIST'
 modbus_vukra_op_cancelfs
+modbus_vukra_op_protected_readreg
+modbus_vukra_op_protected_writereg
+modbus_vukra_op_register_atob
+modbus_vukra_op_register_btoa
 modbus_vukra_op_session_callback
 modbus_vukra_op_session_close
 modbus_vukra_op_session_error

@@ -2,19 +2,10 @@
 
 namespace vukra::link {
 
-long slip_send(Port* port, const void* bytes, std::size_t count) {
-    // Escaped into chunks of one buffer; a payload that cannot grow past it
-    // (every caller's) leaves in a single write.
-    std::uint8_t out[4096];
+std::size_t slip_escape(const std::uint8_t* payload, std::size_t count, std::uint8_t* out) {
     std::size_t n = 0;
-    out[n++] = kSlipEnd;
-    const auto* p = static_cast<const std::uint8_t*>(bytes);
     for (std::size_t i = 0; i < count; ++i) {
-        if (n + 2 > sizeof out) {
-            (void)serial_write(port, out, n);
-            n = 0;
-        }
-        std::uint8_t b = p[i];
+        std::uint8_t b = payload[i];
         if (b == kSlipEnd) {
             out[n++] = kSlipEsc;
             out[n++] = kSlipEscEnd;
@@ -25,9 +16,25 @@ long slip_send(Port* port, const void* bytes, std::size_t count) {
             out[n++] = b;
         }
     }
-    if (n + 1 > sizeof out) {
-        (void)serial_write(port, out, n);
-        n = 0;
+    return n;
+}
+
+long slip_send(Port* port, const void* bytes, std::size_t count) {
+    // One write for any payload that escapes into the buffer (every
+    // caller's); a longer one leaves in several.
+    std::uint8_t out[4096];
+    constexpr std::size_t kChunk = (sizeof out - 2) / 2;
+    const auto* p = static_cast<const std::uint8_t*>(bytes);
+    std::size_t n = 0;
+    out[n++] = kSlipEnd;
+    for (std::size_t done = 0; done < count;) {
+        std::size_t take = count - done < kChunk ? count - done : kChunk;
+        if (n + 2 * take + 1 > sizeof out) {
+            (void)serial_write(port, out, n);
+            n = 0;
+        }
+        n += slip_escape(p + done, take, out + n);
+        done += take;
     }
     out[n++] = kSlipEnd;
     (void)serial_write(port, out, n);

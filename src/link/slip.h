@@ -10,6 +10,10 @@ inline constexpr std::uint8_t kSlipEsc = 0xDB;
 inline constexpr std::uint8_t kSlipEscEnd = 0xDC;
 inline constexpr std::uint8_t kSlipEscEsc = 0xDD;
 
+// Escapes count payload bytes into out, which holds at least 2 * count
+// bytes; returns the bytes written (no END bytes are added).
+std::size_t slip_escape(const std::uint8_t* payload, std::size_t count, std::uint8_t* out);
+
 // Sends END, the escaped payload and END. Returns count whatever the line did.
 long slip_send(Port* port, const void* bytes, std::size_t count);
 

@@ -56,8 +56,11 @@ using Session = modbus_vukra_session;
 // The process-wide open flag: 1 while a connected Session exists.
 bool is_open();
 
-// Opens a Session on a port named or handed over (exactly one of the two).
-Session* open(const char* port_name, std::intptr_t port_handle);
+inline constexpr const char* kTableFile = "table.xml";
+
+// Opens a Session on a port named or handed over (exactly one of the two),
+// with the register table of table_file.
+Session* open(const char* port_name, std::intptr_t port_handle, const char* table_file = kTableFile);
 std::int32_t close(Session* session);
 
 // The "%s.%s" text of computer and user names that mount paths point to;

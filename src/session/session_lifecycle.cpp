@@ -1,6 +1,8 @@
 // Opening and closing a Session.
 #include "session/session.h"
 
+#include "table/register_table.h"
+
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -36,7 +38,7 @@ Session* give_up(Session* s) {
 
 bool is_open() { return open_flag.load() != 0; }
 
-Session* open(const char* port_name, std::intptr_t port_handle) {
+Session* open(const char* port_name, std::intptr_t port_handle, const char* table_file) {
     const link::SerialSettings settings = link::kSessionSettings;
     Session* s = new_record();
     if (s == nullptr) return nullptr;
@@ -57,6 +59,11 @@ Session* open(const char* port_name, std::intptr_t port_handle) {
     s->port = link::serial_open(0, port_name, port_handle, &settings);
     if (s->port == nullptr) {
         if (s->verbose) std::printf("error: cannot open serial port\n");
+        return give_up(s);
+    }
+    // The register table is process-wide; every open loads it again.
+    if (!table::load(table_file)) {
+        if (s->verbose) std::printf("error: cannot open file: %s\n", table_file);
         return give_up(s);
     }
 

@@ -32,7 +32,8 @@ void check(bool ok, const char* what) {
 const char* const kExports[] = {
     "modbus_vukra_op_session_open",  "modbus_vukra_op_session_open2",    "modbus_vukra_op_session_close",
     "modbus_vukra_op_session_info",  "modbus_vukra_op_session_error",    "modbus_vukra_op_session_hwnd",
-    "modbus_vukra_op_session_callback", "modbus_vukra_op_cancelfs",
+    "modbus_vukra_op_session_callback", "modbus_vukra_op_cancelfs", "modbus_vukra_op_protected_readreg",
+    "modbus_vukra_op_protected_writereg", "modbus_vukra_op_register_btoa", "modbus_vukra_op_register_atob",
 };
 
 using OpenFn = modbus_vukra_session* (*)(const char*);

@@ -1,0 +1,38 @@
+// One Modbus request and its reply for the whole value of one register:
+// function 3 (read holding registers) to read, 16 (write multiple
+// registers) to write, device address 1. Each transaction prints what it
+// sent and received and how long the device took.
+//
+// Results: 1 done, 0 the device answered wrongly (an exception reply
+// included), -1 no valid reply (time-out, read failure, unsound frame).
+#pragma once
+
+#include "link/serial_port.h"
+#include "table/register_table.h"
+
+#include <cstddef>
+
+namespace vukra::link {
+
+inline constexpr std::uint8_t kDeviceAddress = 1;
+inline constexpr std::uint8_t kReadFunction = 3;
+inline constexpr std::uint8_t kWriteFunction = 16;
+
+// Reads the register into destination (at most capacity bytes, as one
+// host-order number of 2 x words bytes).
+int modbus_read_registers(Port* port, const table::RegisterRecord& reg, const table::TypeRecord& type,
+                          void* destination, std::size_t capacity);
+
+// Writes 2 x words bytes from source, a host-order number.
+int modbus_write_registers(Port* port, const table::RegisterRecord& reg, const table::TypeRecord& type,
+                           const void* source);
+
+// Convenience forms by name with conversion to and from text (at least
+// table::kValueTextSize bytes). They print "read %s\n" or "write %s %s\n"
+// first. Reading counts a transaction result of -1 as done (and converts
+// whatever the buffer holds); writing stops with 0 when the name or the
+// text cannot be used and otherwise gives the transaction's result.
+int read_register_by_name(Port* port, const char* name, char* text);
+int write_register_by_name(Port* port, const char* name, const char* text);
+
+} // namespace vukra::link
