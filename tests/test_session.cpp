@@ -1,6 +1,7 @@
 // The session family of exports, through the C interface.
 #include "modbus_vukra.h"
 #include "session/session.h"
+#include "support/files.h"
 #include "support/pty_pair.h"
 #include "support/temp_dir.h"
 
@@ -19,6 +20,7 @@ namespace {
 struct SessionTest : ::testing::Test {
     test::TempWorkingDir dir;
     PtyPair pty;
+    SessionTest() { test::write_file("table.xml", "<root><type_list/><table_list/></root>"); }
 };
 
 TEST_F(SessionTest, OpenSetsTheDefaultsAndInfoGivesSevenWords) {

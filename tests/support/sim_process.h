@@ -1,0 +1,25 @@
+// vukra-sim started as a child process for end-to-end tests.
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace vukra::test {
+
+class SimProcess {
+public:
+    // Starts vukra-sim with these arguments and waits for its pty path.
+    explicit SimProcess(const std::vector<std::string>& arguments);
+    ~SimProcess();
+    SimProcess(const SimProcess&) = delete;
+    SimProcess& operator=(const SimProcess&) = delete;
+
+    const std::string& port() const { return port_; }
+
+private:
+    pid_t pid_ = -1;
+    std::string port_;
+};
+
+} // namespace vukra::test

@@ -1,0 +1,140 @@
+// Register transactions on the line, against a scripted device on a pty.
+#include "link/register_transactions.h"
+#include "link/slip.h"
+#include "support/files.h"
+#include "support/pty_pair.h"
+#include "support/temp_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <functional>
+#include <thread>
+
+using namespace vukra;
+using test::PtyPair;
+
+namespace {
+
+struct TransactionTest : ::testing::Test {
+    test::TempWorkingDir dir;
+    PtyPair pty;
+    link::Port* port = nullptr;
+    table::RegisterRecord reg{};
+    table::TypeRecord type{};
+
+    TransactionTest() {
+        test::write_file("table.xml", R"(<root><type_list>
+<type name="int16" words="1"/><type name="int32" words="2"/></type_list><table_list>
+<table name="t" base="FFF0"><register_list>
+<register name="one" type="int16" offset="0"/><register name="two" type="int32" offset="20"/>
+</register_list></table></table_list></root>)");
+        table::load("table.xml");
+        const link::SerialSettings quick{400000, 'N', 8, 1, 500};
+        port = link::serial_open(0, pty.slave_path.c_str(), 0, &quick);
+    }
+    ~TransactionTest() override { link::serial_close(port); }
+
+    // The request as it arrived, after the device answered it with reply.
+    std::string answer_with(const std::string& reply) {
+        std::string request;
+        std::thread device([&] {
+            // One SLIP packet: up to its closing END.
+            for (int ends = 0; ends < 2;) {
+                auto byte = pty.receive(1, 1000);
+                if (byte.empty()) break;
+                request += static_cast<char>(byte[0]);
+                if (byte[0] == 0xC0) ++ends;
+            }
+            std::vector<std::uint8_t> wire{0xC0};
+            wire.insert(wire.end(), reply.begin(), reply.end());
+            wire.push_back(0xC0);
+            if (!reply.empty()) pty.send(wire);
+        });
+        result = run();
+        device.join();
+        return request;
+    }
+
+    std::function<int()> run;
+    int result = 99;
+};
+
+TEST_F(TransactionTest, ReadOfTwoWordsGivesTheHostNumber) {
+    ASSERT_TRUE(table::find_register(reg, type, "two"));
+    std::uint32_t value = 0;
+    run = [&] { return link::modbus_read_registers(port, reg, type, &value, sizeof value); };
+    testing::internal::CaptureStdout();
+    std::string request = answer_with(":01030412345678E4\r\n");
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(result, 1);
+    EXPECT_EQ(value, 0x12345678u);
+    // 0xFFF0 + 0x20 is sent cut to 16 bits and printed in full.
+    EXPECT_EQ(request, "\xC0:010300100002EA\r\n\xC0");
+    EXPECT_EQ(out.substr(0, out.find('\n') + 1), "0x10010, int32, 2 mots\n");
+    EXPECT_NE(out.find("Frame : [:010300100002EA<CR><LF>]\n"), std::string::npos);
+    EXPECT_NE(out.find("Ok ("), std::string::npos);
+}
+
+TEST_F(TransactionTest, WriteSendsTheValueMostSignificantFirst) {
+    ASSERT_TRUE(table::find_register(reg, type, "two"));
+    std::uint32_t value = 0x2A;
+    run = [&] { return link::modbus_write_registers(port, reg, type, &value); };
+    testing::internal::CaptureStdout();
+    std::string request = answer_with(":011000100002DD\r\n");
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(result, 1);
+    EXPECT_EQ(request, "\xC0:01100010000204000000" "2AAF\r\n\xC0");
+}
+
+TEST_F(TransactionTest, WrongAnswersGiveZeroAndNoAnswerMinusOne) {
+    ASSERT_TRUE(table::find_register(reg, type, "one"));
+    std::uint16_t value = 0;
+    run = [&] { return link::modbus_read_registers(port, reg, type, &value, sizeof value); };
+
+    testing::internal::CaptureStdout();
+    answer_with(":0183027A\r\n"); // exception: illegal address
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(result, 0);
+    EXPECT_NE(out.find("0xfff0, int16, 1 mot\n"), std::string::npos);
+    EXPECT_NE(out.find("Fonction incorrecte\nError ("), std::string::npos);
+
+    testing::internal::CaptureStdout();
+    answer_with(":0103020001F8\r\n"); // LRC off by one
+    out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(result, -1);
+    EXPECT_NE(out.find("Erreur LRC\nTrame incorrecte\n"), std::string::npos);
+
+    testing::internal::CaptureStdout();
+    answer_with(""); // silence
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(result, -1);
+
+    run = [&] { return link::modbus_write_registers(port, reg, type, &value); };
+    testing::internal::CaptureStdout();
+    answer_with(":01100001000" "1ED\r\n"); // echoes address 1
+    out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(result, 0);
+    EXPECT_NE(out.find("adresse d'ecriture incorrecte\n"), std::string::npos);
+    EXPECT_EQ(out.find("Error ("), std::string::npos);
+
+    testing::internal::CaptureStdout();
+    answer_with(":0110FFF00002FE\r\n"); // echoes 2 registers
+    out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(result, 0);
+    EXPECT_NE(out.find("nombre de registres ecrits incorrect\n"), std::string::npos);
+}
+
+TEST_F(TransactionTest, AReplyDeclaringMoreThanTheDestinationHoldsStaysInside) {
+    ASSERT_TRUE(table::find_register(reg, type, "one"));
+    std::uint8_t value[4] = {0, 0, 0x77, 0x77};
+    run = [&] { return link::modbus_read_registers(port, reg, type, value, 2); };
+    testing::internal::CaptureStdout();
+    answer_with(":0103FF01020304F3\r\n");
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(result, 1);
+    EXPECT_EQ(value[2], 0x77);
+    EXPECT_EQ(value[3], 0x77);
+}
+
+} // namespace

@@ -1,0 +1,125 @@
+// Register values to text and back, by type, and through the two exports.
+#include "modbus_vukra.h"
+#include "support/files.h"
+#include "support/temp_dir.h"
+#include "table/value_conversion.h"
+#include "table/value_parse.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+using namespace vukra;
+using namespace vukra::table;
+
+namespace {
+
+TypeRecord type_of(const char* name, int words, const char* c_type = "?") {
+    return TypeRecord{name, words, c_type, 2 * words, 0, "T"};
+}
+
+std::string text_of(const TypeRecord& type, const void* value) {
+    char text[kValueTextSize];
+    if (!binary_to_text(text, sizeof text, type, value)) return "<fails>";
+    return text;
+}
+
+TEST(ValueConversion, EveryTypeToTextAndBack) {
+    std::uint8_t area[16] = {};
+    ASSERT_EQ(text_to_binary(area, "real", "21.5"), 1);
+    EXPECT_EQ(text_of(type_of("real", 2), area), "21.500000");
+    float f;
+    std::memcpy(&f, area, 4);
+    EXPECT_EQ(f, 21.5f);
+
+    ASSERT_EQ(text_to_binary(area, "int16", "-12"), 1);
+    EXPECT_EQ(text_of(type_of("int16", 1), area), "-12");
+    EXPECT_EQ(text_of(type_of("uint16", 1), area), "65524");
+    ASSERT_EQ(text_to_binary(area, "boolean", "1"), 1);
+    EXPECT_EQ(text_of(type_of("boolean", 1), area), "1");
+    ASSERT_EQ(text_to_binary(area, "int16", "70000"), 1);
+    EXPECT_EQ(text_of(type_of("uint16", 1), area), "4464") << "the low 16 bits";
+
+    ASSERT_EQ(text_to_binary(area, "int32", "-100000"), 1);
+    EXPECT_EQ(text_of(type_of("int32", 2), area), "-100000");
+    std::uint16_t words[2];
+    std::memcpy(words, area, 4);
+    EXPECT_EQ(words[0], 0x7960) << "the first word holds the low 16 bits";
+    EXPECT_EQ(words[1], 0xFFFE);
+    EXPECT_EQ(text_of(type_of("uint32", 2), area), "4294867296");
+
+    ASSERT_EQ(text_to_binary(area, "buffer2float", "0.75[10]"), 1);
+    EXPECT_EQ(text_of(type_of("buffer2float", 2, "float"), area), "0.750000\n");
+
+    EXPECT_EQ(text_to_binary(area, "uint16", "5"), 0);
+    EXPECT_EQ(text_to_binary(area, "uint32", "5"), 0);
+    EXPECT_EQ(text_to_binary(area, "buffer_x", "5"), 0);
+    EXPECT_EQ(text_to_binary(area, "?", "5"), 0);
+    EXPECT_EQ(text_of(type_of("?", 1), area), "<fails>");
+}
+
+TEST(ValueConversion, TextThatDoesNotParseCountsAndLeavesTheValue) {
+    std::uint16_t word = 1234;
+    EXPECT_EQ(text_to_binary(&word, "int16", "abc"), 1);
+    EXPECT_EQ(word, 1234);
+}
+
+TEST(ValueConversion, BuffersShowOneElementALine) {
+    const std::int32_t longs[3] = {70000, -5, 99};
+    EXPECT_EQ(text_of(type_of("buffer_l", 5, "long"), longs), "70000\n-5\n") << "10 bytes hold 2 longs";
+    const std::int16_t shorts[3] = {100, -200, 300};
+    EXPECT_EQ(text_of(type_of("buffer_s", 3, "short"), shorts), "100\n-200\n300\n");
+    const float floats[2] = {1.5f, -2.0f};
+    EXPECT_EQ(text_of(type_of("buffer_f", 4, "float"), floats), "1.500000\n-2.000000\n");
+    EXPECT_EQ(text_of(type_of("buffer_c", 2, "char"), floats), "<fails>");
+
+    std::int16_t many[200] = {};
+    char small[16];
+    ASSERT_EQ(binary_to_text(small, sizeof small, type_of("buffer_big", 200, "short"), many), 1);
+    EXPECT_LT(std::strlen(small), sizeof small) << "the text is cut at its buffer";
+}
+
+TEST(ValueParse, AcceptsOnlyWholeValuesInRange) {
+    std::uint8_t area[16] = {};
+    EXPECT_TRUE(parse_value(type_of("int16", 1), "-32768", area, sizeof area));
+    EXPECT_FALSE(parse_value(type_of("int16", 1), "70000", area, sizeof area));
+    EXPECT_FALSE(parse_value(type_of("int16", 1), "12abc", area, sizeof area));
+    EXPECT_FALSE(parse_value(type_of("int16", 1), "", area, sizeof area));
+    EXPECT_TRUE(parse_value(type_of("uint16", 1), "65535", area, sizeof area));
+    EXPECT_FALSE(parse_value(type_of("uint16", 1), "-1", area, sizeof area));
+    EXPECT_FALSE(parse_value(type_of("boolean", 1), "2", area, sizeof area));
+    EXPECT_TRUE(parse_value(type_of("uint32", 2), "4294967295", area, sizeof area));
+    EXPECT_FALSE(parse_value(type_of("int32", 2), "2147483648", area, sizeof area));
+    EXPECT_FALSE(parse_value(type_of("real", 2), "1e999", area, sizeof area));
+    EXPECT_FALSE(parse_value(type_of("?", 1), "1", area, sizeof area));
+
+    EXPECT_TRUE(parse_value(type_of("buffer_s", 3, "short"), "1, 2 -3", area, sizeof area));
+    std::int16_t shorts[3];
+    std::memcpy(shorts, area, sizeof shorts);
+    EXPECT_EQ(shorts[2], -3);
+    EXPECT_FALSE(parse_value(type_of("buffer_s", 3, "short"), "1 2", area, sizeof area)) << "too few";
+    EXPECT_FALSE(parse_value(type_of("buffer_s", 3, "short"), "1 2 3 4", area, sizeof area)) << "too many";
+    EXPECT_FALSE(parse_value(type_of("int32", 2), "1", area, 2)) << "does not fit the area";
+}
+
+TEST(ValueExports, ConvertThroughTheRegisterTable) {
+    test::TempWorkingDir dir;
+    test::write_file("t.xml", R"(<root><type_list><type name="int16" words="1"/><type name="uint16" words="1"/>
+</type_list><table_list><table name="t" base="0"><register_list>
+<register name="level" type="int16" offset="0"/><register name="count" type="uint16" offset="1"/>
+<register name="odd" type="nothing" offset="2"/></register_list></table></table_list></root>)");
+    ASSERT_EQ(load("t.xml"), 1);
+    std::uint16_t word = 0;
+    EXPECT_EQ(modbus_vukra_op_register_atob(&word, "level", "70000"), 0);
+    EXPECT_EQ(word, 4464);
+    char text[MODBUS_VUKRA_TEXT_SIZE];
+    EXPECT_EQ(modbus_vukra_op_register_btoa(text, "level", &word), text);
+    EXPECT_STREQ(text, "4464");
+    EXPECT_EQ(modbus_vukra_op_register_atob(&word, "count", "5"), -1);
+    EXPECT_EQ(modbus_vukra_op_register_btoa(text, "odd", &word), nullptr);
+    EXPECT_EQ(modbus_vukra_op_register_btoa(text, "missing", &word), nullptr);
+    EXPECT_EQ(modbus_vukra_op_register_atob(&word, "missing", "1"), -1);
+}
+
+} // namespace
