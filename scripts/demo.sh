@@ -1,5 +1,56 @@
 #!/usr/bin/env bash
-# The demonstration run of `make demo`, on a finished native build.
+# The demonstration of `make demo`, on a finished native build: vukra-sim
+# plays the device of examples/table.xml on a pseudo-terminal, and the vukra
+# command line reads and writes registers of every type through the
+# library, showing each frame that goes over the line.
 set -eu
-build=$1
+build=$(cd "$1" && pwd)
+root=$(cd "$(dirname "$0")/.." && pwd)
+vukra=$build/tools/vukra
+work=$(mktemp -d)
+sim_pid=
+cleanup() {
+  [ -n "$sim_pid" ] && kill "$sim_pid" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+step() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
+
+cp "$root/examples/table.xml" "$work/table.xml"
+cd "$work"
+
+step "SLIP packets both ways on a pseudo-terminal"
 "$build/examples/link_demo"
+"$build/tools/vukra-sim" --table table.xml >sim.out 2>sim.err &
+sim_pid=$!
+for _ in $(seq 100); do [ -s sim.out ] && break; sleep 0.05; done
+port=$(head -n 1 sim.out)
+step "vukra-sim plays the device on $port"
+cat sim.err
+
+step "The register table"
+"$vukra" reg list
+
+step "Reading every register (the frames on the line, then the value)"
+for name in setpoint offset_trim heater_on cycle_count energy uptime gain temperature probe_raw alarm history serial_number; do
+  "$vukra" -p "$port" reg read "$name"
+done
+
+step "Writing registers of every type, then reading them back"
+"$vukra" -p "$port" reg write setpoint 19.75
+"$vukra" -p "$port" reg write offset_trim -250
+"$vukra" -p "$port" reg write heater_on 0
+"$vukra" -p "$port" reg write cycle_count 65535
+"$vukra" -p "$port" reg write energy -2000000000
+"$vukra" -p "$port" reg write uptime 4000000000
+"$vukra" -p "$port" reg write gain 1.25
+"$vukra" -p "$port" reg write probe_raw "10 -20 30"
+"$vukra" -p "$port" reg write history "123456 -7"
+"$vukra" -q -p "$port" reg read setpoint offset_trim heater_on cycle_count energy uptime gain probe_raw history
+
+step "What the command line refuses before anything is sent"
+"$vukra" -p "$port" reg write offset_trim 70000 || true
+"$vukra" -p "$port" reg read no_such_register || true
+echo
+echo "demo done"

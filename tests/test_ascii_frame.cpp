@@ -109,25 +109,19 @@ struct FrameReceive : ::testing::Test {
     link::Port* port = link::serial_open(0, pty.slave_path.c_str(), 0, &kQuick);
     Built reply;
     ~FrameReceive() override { link::serial_close(port); }
-
-    void send_packet(const std::string& payload) {
-        std::vector<std::uint8_t> wire(payload.size() + 2, 0xC0);
-        std::copy(payload.begin(), payload.end(), wire.begin() + 1);
-        pty.send(wire);
-    }
 };
 
 TEST_F(FrameReceive, AFrameSpanningPacketsIsJoinedAndNoiseBeforeItDropped) {
-    send_packet("garbage:01");
-    send_packet("0300");
-    send_packet("FC\r\ntrailing");
+    pty.send_packet("garbage:01");
+    pty.send_packet("0300");
+    pty.send_packet("FC\r\ntrailing");
     ASSERT_EQ(link::frame_receive(port, reply.frame), 1);
     EXPECT_EQ(text_of(reply.frame), ":010300FC\r\n");
     EXPECT_EQ(link::frame_check(reply.frame), 1);
 }
 
 TEST_F(FrameReceive, ASecondColonRestartsTheFrame) {
-    send_packet("::0103FC\r\n");
+    pty.send_packet("::0103FC\r\n");
     ASSERT_EQ(link::frame_receive(port, reply.frame), 1);
     EXPECT_EQ(text_of(reply.frame), ":0103FC\r\n");
 }
@@ -137,8 +131,8 @@ TEST_F(FrameReceive, SilenceOrALineWithoutLfFailsWithoutOverflow) {
 
     std::string endless(400, 'A');
     endless[0] = ':';
-    send_packet(endless);
-    send_packet(endless);
+    pty.send_packet(endless);
+    pty.send_packet(endless);
     std::uint8_t storage[link::kFrameCapacity + 16];
     std::fill(std::begin(storage), std::end(storage), 0x5A);
     link::AsciiFrame f;

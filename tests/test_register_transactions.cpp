@@ -46,10 +46,7 @@ struct TransactionTest : ::testing::Test {
                 request += static_cast<char>(byte[0]);
                 if (byte[0] == 0xC0) ++ends;
             }
-            std::vector<std::uint8_t> wire{0xC0};
-            wire.insert(wire.end(), reply.begin(), reply.end());
-            wire.push_back(0xC0);
-            if (!reply.empty()) pty.send(wire);
+            if (!reply.empty()) pty.send_packet(reply);
         });
         result = run();
         device.join();

@@ -39,6 +39,12 @@ void PtyPair::send(const std::vector<std::uint8_t>& bytes) const {
     }
 }
 
+void PtyPair::send_packet(const std::string& payload) const {
+    std::vector<std::uint8_t> wire(payload.size() + 2, 0xC0);
+    std::copy(payload.begin(), payload.end(), wire.begin() + 1);
+    send(wire);
+}
+
 std::vector<std::uint8_t> PtyPair::receive(std::size_t count, int timeout_ms) const {
     std::vector<std::uint8_t> out;
     while (out.size() < count) {

@@ -19,6 +19,9 @@ struct PtyPair {
 
     // Writes all bytes to the master end.
     void send(const std::vector<std::uint8_t>& bytes) const;
+    // Writes payload between two SLIP END bytes, unescaped (test payloads
+    // are text).
+    void send_packet(const std::string& payload) const;
     // Reads from the master end until count bytes came or timeout_ms passed.
     std::vector<std::uint8_t> receive(std::size_t count, int timeout_ms = 2000) const;
 };

@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Runs a cross-built Windows test under wine against a pseudo-terminal that
-# the wine prefix maps to COM5.
-#   run_wine_test.sh WIN_BUILD_DIR PEER_PROGRAM
+# Runs the cross-built Windows test under wine: COM5 of the wine prefix
+# leads to vukra-sim on a pseudo-terminal, COM6 to the reversing SLIP peer.
+#   run_wine_test.sh WIN_BUILD_DIR VUKRA_SIM SLIP_PEER EXAMPLE_TABLE
 set -eu
 win_build=$(cd "$1" && pwd)
-peer=$2
+sim=$2
+peer=$3
+table=$4
 export WINEPREFIX=$win_build/wineprefix
 export WINEDEBUG=-all
 export WINEDLLOVERRIDES="mscoree,mshtml="
@@ -12,17 +14,34 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
   wine wineboot -i >/dev/null 2>&1
 fi
 
-out=$(mktemp)
-"$peer" >"$out" &
-peer_pid=$!
-trap 'kill $peer_pid 2>/dev/null || true; rm -f "$out"' EXIT
-for _ in $(seq 100); do [ -s "$out" ] && break; sleep 0.05; done
-pty=$(head -n 1 "$out")
-[ -e "$pty" ] || { echo "peer gave no pty"; exit 1; }
-ln -sfn "$pty" "$WINEPREFIX/dosdevices/com5"
+work=$(mktemp -d)
+pids=()
+cleanup() {
+  for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
+  rm -rf "$work"
+}
+trap cleanup EXIT
 
-cd "$win_build/src"
+# Starts a program that prints its pty on its first line; maps it to a COM port.
+start_line() {
+  local com=$1 out=$work/$1.out
+  shift
+  "$@" >"$out" &
+  pids+=($!)
+  for _ in $(seq 100); do [ -s "$out" ] && break; sleep 0.05; done
+  local pty
+  pty=$(head -n 1 "$out")
+  [ -e "$pty" ] || { echo "no pty for $com"; exit 1; }
+  ln -sfn "$pty" "$WINEPREFIX/dosdevices/$com"
+}
+
+start_line com5 "$sim" --table "$table"
+start_line com6 "$peer"
+
+cp "$win_build/src/modbus_vukra.dll" "$win_build/src/wine_session_test.exe" "$work/"
+cp "$table" "$work/table.xml"
+cd "$work"
 status=0
-wine ./wine_session_test.exe COM5 || status=$?
+wine ./wine_session_test.exe COM5 COM6 || status=$?
 wineserver -w || true
 exit $status

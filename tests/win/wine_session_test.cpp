@@ -2,7 +2,10 @@
 // opens a session on a COM port, then exchanges SLIP packets on that port
 // with the reversing peer at its other end.
 //
-//   wine_session_test COM5
+//   wine_session_test COM5 COM6
+//
+// COM5 leads to vukra-sim playing the device with the example table (also
+// in the working directory as table.xml); COM6 to the reversing SLIP peer.
 #include "link/serial_port.h"
 #include "link/slip.h"
 #include "modbus_vukra.h"
@@ -40,6 +43,9 @@ using OpenFn = modbus_vukra_session* (*)(const char*);
 using CloseFn = int32_t (*)(modbus_vukra_session*);
 using InfoFn = int32_t (*)(modbus_vukra_session*, int32_t*);
 using ErrorFn = int32_t (*)(modbus_vukra_session*);
+using RegFn = int32_t (*)(modbus_vukra_session*, const char*, void*, int32_t);
+using WriteRegFn = int32_t (*)(modbus_vukra_session*, const char*, const void*, int32_t);
+using BtoaFn = char* (*)(char*, const char*, const void*);
 
 template <typename Fn>
 Fn resolve(HMODULE dll, const char* name) {
@@ -66,6 +72,21 @@ void dll_session(const char* port_name) {
     check(info(s, words) == 0 && words[5] == 4, "session_info gives the done phase");
     const uint8_t flags[4] = {0, 1, 1, 1};
     check(std::memcmp(&words[0], flags, 4) == 0, "request flags 0 1 1 1");
+
+    auto readreg = resolve<RegFn>(dll, "modbus_vukra_op_protected_readreg");
+    auto writereg = resolve<WriteRegFn>(dll, "modbus_vukra_op_protected_writereg");
+    auto btoa = resolve<BtoaFn>(dll, "modbus_vukra_op_register_btoa");
+    if (s != nullptr && readreg && writereg && btoa) {
+        float setpoint = 0;
+        check(readreg(s, "setpoint", &setpoint, 4) == 4 && setpoint == 21.5f, "read a real from the device");
+        int32_t energy = -123456;
+        check(writereg(s, "energy", &energy, 4) == 4, "write an int32");
+        int32_t back = 0;
+        check(readreg(s, "energy", &back, 4) == 4 && back == energy, "read the int32 back");
+        char text[256];
+        check(btoa(text, "energy", &back) != nullptr && std::strcmp(text, "-123456") == 0, "register_btoa");
+        check(readreg(s, "no_such_register", &back, 4) == -1, "an unknown register gives -1");
+    }
     check(close(s) == 0, "session_close");
     FreeLibrary(dll);
 }
@@ -109,9 +130,8 @@ void slip_exchange(const char* port_name) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const char* port_name = argc > 1 ? argv[1] : "COM5";
-    dll_session(port_name);
-    slip_exchange(port_name);
+    dll_session(argc > 1 ? argv[1] : "COM5");
+    slip_exchange(argc > 2 ? argv[2] : "COM6");
     std::printf("%d passed, %d failed\n", passed, failed);
     return failed == 0 ? 0 : 1;
 }
