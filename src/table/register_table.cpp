@@ -35,9 +35,7 @@ Model model;
 
 std::uint32_t hex_attribute(const XmlNode* element, const char* name) {
     const char* text = xml_attribute_value(element, name);
-    unsigned value = 0;
-    if (text != nullptr) std::sscanf(text, "%x", &value);
-    return value;
+    return text ? static_cast<std::uint32_t>(std::strtoul(text, nullptr, 16)) : 0; // as "%x" reads it
 }
 
 int decimal_attribute(const XmlNode* element, const char* name) {

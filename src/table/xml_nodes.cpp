@@ -21,11 +21,37 @@ char* copy(const char* text) {
     return s;
 }
 
-XmlNode* new_node(std::int32_t kind) {
-    auto* node = static_cast<XmlNode*>(std::calloc(1, sizeof(XmlNode)));
+// One allocation for the node and copies of its name and value, which are
+// the most nodes a document has: a table of registers is mostly attributes.
+XmlNode* new_node(std::int32_t kind, const char* name, const char* value) {
+    std::size_t name_size = name ? std::strlen(name) + 1 : 0;
+    std::size_t value_size = value ? std::strlen(value) + 1 : 0;
+    auto* node = static_cast<XmlNode*>(std::malloc(sizeof(XmlNode) + name_size + value_size));
     if (node == nullptr) memory_error();
+    std::memset(node, 0, sizeof(XmlNode));
     node->kind = kind;
+    char* strings = reinterpret_cast<char*>(node + 1);
+    if (name) {
+        node->name = static_cast<char*>(std::memcpy(strings, name, name_size));
+        node->flags |= kXmlNameInline;
+    }
+    if (value) {
+        node->value = static_cast<char*>(std::memcpy(strings + name_size, value, value_size));
+        node->flags |= kXmlValueInline;
+    }
     return node;
+}
+
+void free_name(XmlNode* node) {
+    if (!(node->flags & kXmlNameInline)) std::free(node->name);
+    node->flags &= ~kXmlNameInline;
+    node->name = nullptr;
+}
+
+void free_value(XmlNode* node) {
+    if (!(node->flags & kXmlValueInline)) std::free(node->value);
+    node->flags &= ~kXmlValueInline;
+    node->value = nullptr;
 }
 
 void unlink(XmlNode* node) {
@@ -56,34 +82,23 @@ void free_list(XmlNode* first) {
 
 } // namespace
 
-XmlNode* xml_create_element(const char* name) {
-    XmlNode* node = new_node(kXmlElement);
-    node->name = copy(name);
-    return node;
-}
+XmlNode* xml_create_element(const char* name) { return new_node(kXmlElement, name, nullptr); }
 
 XmlNode* xml_create_attribute(const char* name, const char* value) {
-    XmlNode* node = new_node(kXmlAttribute);
-    node->name = copy(name);
-    node->value = copy(value);
-    return node;
+    return new_node(kXmlAttribute, name, value);
 }
 
-XmlNode* xml_create_text(const char* text) {
-    XmlNode* node = new_node(kXmlText);
-    node->value = copy(text);
-    return node;
-}
+XmlNode* xml_create_text(const char* text) { return new_node(kXmlText, nullptr, text); }
 
 void xml_set_name(XmlNode* node, const char* name) {
     char* s = copy(name);
-    std::free(node->name);
+    free_name(node);
     node->name = s;
 }
 
 void xml_set_value(XmlNode* node, const char* value) {
     char* s = copy(value);
-    std::free(node->value);
+    free_value(node);
     node->value = s;
 }
 
@@ -166,13 +181,13 @@ void xml_free(XmlNode* node) {
                 }
                 child = next;
             }
-            std::free(element->name);
+            free_name(element);
             std::free(element);
         }
         return;
     }
-    std::free(node->name);
-    std::free(node->value);
+    free_name(node);
+    free_value(node);
     std::free(node);
 }
 

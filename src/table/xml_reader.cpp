@@ -8,9 +8,11 @@
 // being read and dropped. An end of file ends the document wherever it comes.
 #include "table/xml_tree.h"
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace vukra::table {
 
@@ -25,27 +27,42 @@ constexpr std::size_t kTextSize = 8192;
     std::exit(0);
 }
 
+// A set of delimiter characters, tested with one lookup.
+struct CharSet {
+    std::array<bool, 256> member{};
+    constexpr explicit CharSet(const char* chars) {
+        for (; *chars; ++chars) member[static_cast<unsigned char>(*chars)] = true;
+    }
+};
+
+constexpr CharSet kBlanks(" \t");
+constexpr CharSet kNameEnd(" \t/>"); // also what ends an empty element
+constexpr CharSet kAttributeNameEnd(" \t=");
+constexpr CharSet kClosingNameEnd(">");
+
 struct Reader {
-    std::FILE* file = nullptr;
-    int current = 0;        // the current character, EOF included
+    // The whole file, read at once: the parse then walks memory.
+    std::string data;
+    std::size_t at = 0;
+    int current = 0; // the current character, EOF included
     bool from_entity = false;
     char name[kNameSize];
     char text_buffer[kTextSize];
 
     void next() {
-        if (current != EOF) current = std::getc(file);
+        if (current != EOF) current = at < data.size() ? static_cast<unsigned char>(data[at++]) : EOF;
         from_entity = false;
     }
 
-    static bool in(int c, const char* set) { return c != EOF && c != '\0' && std::strchr(set, c) != nullptr; }
+    static bool in(int c, const CharSet& set) { return c != EOF && set.member[static_cast<unsigned char>(c)]; }
 
-    void skip(const char* set) {
+    void skip(const CharSet& set) {
         while (in(current, set)) next();
     }
 
     // Appends characters to buffer until one of delimiters, the end of the
     // file, or a full buffer. True when a delimiter stopped it.
-    bool token(char* buffer, std::size_t size, const char* delimiters) {
+    bool token(char* buffer, std::size_t size, const CharSet& delimiters) {
         std::size_t n = 0;
         bool found = false;
         while (current != EOF && n < size - 1) {
@@ -104,11 +121,11 @@ struct Reader {
 
     void attributes(XmlNode* element) {
         for (;;) {
-            if (!token(name, kNameSize, " \t=")) return;
-            skip(" \t");
+            if (!token(name, kNameSize, kAttributeNameEnd)) return;
+            skip(kBlanks);
             if (current != '=') fail("Xml error in attribute\n");
             next();
-            skip(" \t");
+            skip(kBlanks);
             if (current != '"') fail("Xml error in attribute\n");
             next();
             char value[kValueSize];
@@ -122,7 +139,7 @@ struct Reader {
             value[n] = '\0';
             next(); // the closing quote
             xml_append_attribute(element, xml_create_attribute(name, value));
-            skip(" \t");
+            skip(kBlanks);
             if (current == '/' || current == '>') return;
         }
     }
@@ -148,7 +165,10 @@ XmlNode* xml_load(const char* path) {
     std::FILE* file = path ? std::fopen(path, "r") : nullptr;
     if (file == nullptr) return nullptr;
     Reader r;
-    r.file = file;
+    char chunk[65536];
+    std::size_t n;
+    while ((n = std::fread(chunk, 1, sizeof chunk, file)) > 0) r.data.append(chunk, n);
+    std::fclose(file);
     r.next();
 
     XmlNode* root = nullptr;
@@ -161,7 +181,7 @@ XmlNode* xml_load(const char* path) {
         if (r.current == '/') {
             if (parent == nullptr) break; // a closing tag where the root should be
             r.next();
-            r.token(r.name, kNameSize, ">");
+            r.token(r.name, kNameSize, kClosingNameEnd);
             if (r.name[0] == '\0') fail("Xml error, void name\n");
             if (std::strcmp(r.name, parent->name) != 0) {
                 std::printf("Xml error, different names %s %s\n", parent->name, r.name);
@@ -171,7 +191,7 @@ XmlNode* xml_load(const char* path) {
             if (parent == nullptr) break;
             continue;
         }
-        r.token(r.name, kNameSize, " \t/>");
+        r.token(r.name, kNameSize, kNameEnd);
         if (r.name[0] == '\0') fail("Xml error, void name\n");
         XmlNode* element = xml_create_element(r.name);
         if (parent != nullptr)
@@ -180,11 +200,11 @@ XmlNode* xml_load(const char* path) {
             root = element;
 
         while (r.current == ' ' || r.current == '\t') {
-            r.skip(" \t");
+            r.skip(kBlanks);
             r.attributes(element);
         }
         if (r.current == '/') {
-            r.skip(" \t/>");
+            r.skip(kNameEnd);
             if (parent == nullptr) break; // a root's siblings are not read
         } else if (r.current == '>') {
             r.next();
@@ -198,7 +218,6 @@ XmlNode* xml_load(const char* path) {
             if (parent == nullptr) break;
         }
     }
-    std::fclose(file);
     return root;
 }
 

@@ -14,6 +14,9 @@ namespace vukra::table {
 enum XmlKind : std::int32_t { kXmlElement = 0, kXmlAttribute = 1, kXmlText = 2 };
 
 inline constexpr std::uint32_t kXmlHidden = 1; // the writer skips the node
+// The name or the value was allocated with the node itself, not on its own.
+inline constexpr std::uint32_t kXmlNameInline = 2;
+inline constexpr std::uint32_t kXmlValueInline = 4;
 
 struct XmlNode {
     std::int32_t kind;

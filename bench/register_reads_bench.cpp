@@ -1,0 +1,147 @@
+// Register reads per second: the library against vukra-sim on a pty, next
+// to a libmodbus RTU client against a libmodbus server on a pty, in the same
+// run. Each side reads a two-word register over and over for a while.
+#include "modbus_vukra.h"
+
+#include <modbus.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <string>
+#include <sys/wait.h>
+#include <termios.h>
+#include <thread>
+#include <unistd.h>
+
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr double kSeconds = 2.0;
+
+// Starts vukra-sim on the example table; its pty path comes on its first line.
+pid_t start_sim(std::string& port) {
+    int out[2];
+    if (pipe(out) != 0) return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(out[1], 1);
+        execl(VUKRA_SIM_PATH, VUKRA_SIM_PATH, "--table", VUKRA_EXAMPLES_DIR "/table.xml", nullptr);
+        _exit(127);
+    }
+    close(out[1]);
+    char c;
+    while (read(out[0], &c, 1) == 1 && c != '\n') port += c;
+    close(out[0]);
+    return pid;
+}
+
+double vukra_reads_per_second() {
+    std::string port;
+    pid_t sim = start_sim(port);
+    // The library prints each frame on standard output; the count is what matters here.
+    int saved = dup(1);
+    int null = open("/dev/null", O_WRONLY);
+    std::fflush(stdout);
+    dup2(null, 1);
+    std::FILE* table = std::fopen("table.xml", "w");
+    std::FILE* example = std::fopen(VUKRA_EXAMPLES_DIR "/table.xml", "r");
+    char buffer[4096];
+    std::size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, example)) > 0) std::fwrite(buffer, 1, n, table);
+    std::fclose(example);
+    std::fclose(table);
+    modbus_vukra_session* s = modbus_vukra_op_session_open(port.c_str());
+    long reads = 0, failures = 0;
+    auto start = Clock::now();
+    double elapsed = 0;
+    while (s != nullptr && elapsed < kSeconds) {
+        std::int32_t value;
+        if (modbus_vukra_op_protected_readreg(s, "energy", &value, 4) == 4)
+            ++reads;
+        else
+            ++failures;
+        elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    }
+    modbus_vukra_op_session_close(s);
+    std::fflush(stdout);
+    dup2(saved, 1);
+    close(null);
+    close(saved);
+    std::remove("table.xml");
+    kill(sim, SIGTERM);
+    waitpid(sim, nullptr, 0);
+    if (failures) std::printf("vukra: %ld failed reads\n", failures);
+    return elapsed > 0 ? reads / elapsed : 0;
+}
+
+double libmodbus_reads_per_second() {
+    int master = -1, slave = -1;
+    char name[256];
+    if (openpty(&master, &slave, name, nullptr, nullptr) != 0) return 0;
+    termios tio{};
+    tcgetattr(master, &tio);
+    cfmakeraw(&tio);
+    tcsetattr(master, TCSANOW, &tio);
+
+    modbus_mapping_t* mapping = modbus_mapping_new(0, 0, 0x300, 0);
+    modbus_t* server = modbus_new_rtu("/dev/null", 115200, 'N', 8, 1);
+    modbus_set_slave(server, 1);
+    modbus_set_socket(server, master);
+    bool stop = false;
+    std::thread serve([&] {
+        uint8_t query[MODBUS_RTU_MAX_ADU_LENGTH];
+        while (!stop) {
+            pollfd p{master, POLLIN, 0};
+            if (poll(&p, 1, 50) <= 0) continue;
+            int rc = modbus_receive(server, query);
+            if (rc > 0) modbus_reply(server, query, rc, mapping);
+        }
+    });
+
+    modbus_t* client = modbus_new_rtu(name, 115200, 'N', 8, 1);
+    modbus_set_slave(client, 1);
+    long reads = 0, failures = 0;
+    double elapsed = 0;
+    if (modbus_connect(client) == 0) {
+        auto start = Clock::now();
+        while (elapsed < kSeconds) {
+            uint16_t words[2];
+            if (modbus_read_registers(client, 0x105, 2, words) == 2)
+                ++reads;
+            else
+                ++failures;
+            elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+        }
+        modbus_close(client);
+    }
+    modbus_free(client);
+    stop = true;
+    serve.join();
+    modbus_free(server);
+    modbus_mapping_free(mapping);
+    close(slave);
+    close(master);
+    if (failures) std::printf("libmodbus: %ld failed reads\n", failures);
+    return elapsed > 0 ? reads / elapsed : 0;
+}
+
+} // namespace
+
+int main() {
+    char dir[] = "/tmp/vukra-reads-XXXXXX";
+    if (mkdtemp(dir) == nullptr || chdir(dir) != 0) return 1;
+    double ours = vukra_reads_per_second();
+    double theirs = libmodbus_reads_per_second();
+    std::printf("two-word register reads on a pty, %.0f s each:\n", kSeconds);
+    std::printf("  modbus_vukra (ASCII in SLIP) against vukra-sim: %8.0f reads/s\n", ours);
+    std::printf("  libmodbus RTU client against libmodbus server:  %8.0f reads/s\n", theirs);
+    std::printf("  ratio %.2f (target >= 1)\n", theirs > 0 ? ours / theirs : 0.0);
+    rmdir(dir);
+    return 0;
+}
