@@ -2,6 +2,7 @@
 // to a libmodbus RTU client against a libmodbus server on a pty, in the same
 // run. Each side reads a two-word register over and over for a while.
 #include "modbus_vukra.h"
+#include "platform/platform.h"
 
 #include <modbus.h>
 
@@ -11,10 +12,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <pty.h>
 #include <string>
 #include <sys/wait.h>
-#include <termios.h>
 #include <thread>
 #include <unistd.h>
 
@@ -81,13 +80,10 @@ double vukra_reads_per_second() {
 }
 
 double libmodbus_reads_per_second() {
-    int master = -1, slave = -1;
-    char name[256];
-    if (openpty(&master, &slave, name, nullptr, nullptr) != 0) return 0;
-    termios tio{};
-    tcgetattr(master, &tio);
-    cfmakeraw(&tio);
-    tcsetattr(master, TCSANOW, &tio);
+    vukra::platform::PseudoTerminal pty;
+    if (!vukra::platform::pty_open(pty)) return 0;
+    const int master = static_cast<int>(pty.master);
+    const char* name = pty.path;
 
     modbus_mapping_t* mapping = modbus_mapping_new(0, 0, 0x300, 0);
     modbus_t* server = modbus_new_rtu("/dev/null", 115200, 'N', 8, 1);
@@ -125,7 +121,7 @@ double libmodbus_reads_per_second() {
     serve.join();
     modbus_free(server);
     modbus_mapping_free(mapping);
-    close(slave);
+    close(static_cast<int>(pty.slave));
     close(master);
     if (failures) std::printf("libmodbus: %ld failed reads\n", failures);
     return elapsed > 0 ? reads / elapsed : 0;

@@ -12,9 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <poll.h>
-#include <pty.h>
 #include <random>
-#include <termios.h>
 #include <unistd.h>
 #include <vector>
 
@@ -126,14 +124,10 @@ double slip_run(int master, link::Port* port, const std::vector<std::uint8_t>& w
 } // namespace
 
 int main() {
-    int master = -1, slave = -1;
-    char name[256];
-    if (openpty(&master, &slave, name, nullptr, nullptr) != 0) return 1;
-    termios tio{};
-    tcgetattr(master, &tio);
-    cfmakeraw(&tio);
-    tcsetattr(master, TCSANOW, &tio);
-    ::close(slave);
+    platform::PseudoTerminal pty;
+    if (!platform::pty_open(pty)) return 1;
+    const int master = static_cast<int>(pty.master);
+    const char* name = pty.path;
 
     // The port prints its ready line; the results follow it.
     const link::SerialSettings settings{400000, 'N', 8, 1, 2000};
@@ -167,6 +161,7 @@ int main() {
     std::printf("system calls/packet: %.2f (read + poll)\n", static_cast<double>(calls) / kPackets);
     std::printf("ratio slip/raw:     %8.2f (target >= 0.50)\n", slip_rate / raw_rate);
     link::serial_close(port);
-    ::close(master);
+    platform::serial_close(pty.master);
+    platform::serial_close(pty.slave);
     return 0;
 }

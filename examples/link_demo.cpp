@@ -9,10 +9,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <pty.h>
 #include <string>
-#include <termios.h>
-#include <unistd.h>
 
 using namespace vukra;
 
@@ -46,17 +43,12 @@ void device_loop(void* raw) {
 } // namespace
 
 int main() {
-    int master = -1, slave = -1;
-    char name[256];
-    if (openpty(&master, &slave, name, nullptr, nullptr) != 0) {
+    platform::PseudoTerminal pty;
+    if (!platform::pty_open(pty)) {
         std::perror("openpty");
         return 1;
     }
-    termios tio{};
-    tcgetattr(master, &tio);
-    cfmakeraw(&tio);
-    tcsetattr(master, TCSANOW, &tio);
-    ::close(slave);
+    const char* name = pty.path;
 
     std::printf("device line: %s\n", name);
     modbus_vukra_session* s = modbus_vukra_op_session_open(name);
@@ -70,7 +62,7 @@ int main() {
                 static_cast<int>(info[MODBUS_VUKRA_INFO_PHASE]));
 
     // The device's end is ready (and purged) before the host sends anything.
-    Device device{link::serial_open(0, nullptr, master, nullptr)};
+    Device device{link::serial_open(0, nullptr, pty.master, nullptr)};
     device.port->timeout_ms = 500;
     platform::Thread thread;
     platform::thread_start(thread, device_loop, &device);
@@ -95,6 +87,7 @@ int main() {
     platform::thread_join(thread, 2000);
     modbus_vukra_op_session_close(s);
     link::serial_close(device.port);
+    platform::serial_close(pty.slave);
     std::printf("%d of 3 packets answered\n", exchanged);
     return exchanged == 3 ? 0 : 1;
 }

@@ -88,12 +88,6 @@ TEST_F(SlipTest, PurgeDropsWhatTheBufferHolds) {
     EXPECT_EQ(receive(64), test::bytes_of("new"));
 }
 
-TEST_F(SlipTest, ReceivedCountCoversTheLastPacket) {
-    pty.send({0xC0, 0xC0, 'a', 0xDB, 0xDC, 0xC0});
-    EXPECT_EQ(receive(64), (Bytes{'a', 0xC0}));
-    EXPECT_EQ(link::serial_received_count(), 6u);
-}
-
 TEST(SlipPort, APortThatCannotBeOpenedStillGivesAHandleWhoseTransfersFail) {
     link::Port* port = link::serial_open(0, "/dev/no-such-port", 0, &kQuick);
     ASSERT_NE(port, nullptr);

@@ -45,6 +45,18 @@ void serial_clear_break(NativePort port);
 // Purges, cancels outstanding transfers and releases the port.
 void serial_close(NativePort port);
 
+// A pseudo-terminal standing in for a serial line, both ends in raw mode:
+// master is the device's end, path names the other end for an open by name.
+// The slave end is held open too, so that the line is not hung up between
+// the opens of whoever uses it; release it with serial_close. False where
+// the system has no pseudo-terminals.
+struct PseudoTerminal {
+    NativePort master = kInvalidPort;
+    NativePort slave = kInvalidPort;
+    char path[256] = {};
+};
+bool pty_open(PseudoTerminal& pty);
+
 // The system's text for the last error of this thread, in the default
 // language (valid until the next call from the same thread).
 const char* last_error_text();

@@ -1,32 +1,25 @@
 #include "support/pty_pair.h"
 
+#include "platform/platform.h"
+
 #include <cerrno>
 #include <poll.h>
-#include <pty.h>
 #include <stdexcept>
-#include <termios.h>
 #include <unistd.h>
 
 namespace vukra::test {
 
 PtyPair::PtyPair() {
-    int slave = -1;
-    char name[256];
-    if (openpty(&master, &slave, name, nullptr, nullptr) != 0) throw std::runtime_error("openpty failed");
-    termios tio{};
-    tcgetattr(master, &tio);
-    cfmakeraw(&tio);
-    tcsetattr(master, TCSANOW, &tio);
-    // The slave stays raw too until the code under test configures it.
-    tcgetattr(slave, &tio);
-    cfmakeraw(&tio);
-    tcsetattr(slave, TCSANOW, &tio);
-    ::close(slave);
-    slave_path = name;
+    platform::PseudoTerminal pty;
+    if (!platform::pty_open(pty)) throw std::runtime_error("no pseudo-terminal");
+    master = static_cast<int>(pty.master);
+    slave = static_cast<int>(pty.slave);
+    slave_path = pty.path;
 }
 
 PtyPair::~PtyPair() {
-    if (master >= 0) ::close(master);
+    ::close(master);
+    ::close(slave);
 }
 
 void PtyPair::send(const std::vector<std::uint8_t>& bytes) const {

@@ -10,6 +10,7 @@ namespace vukra::test {
 
 struct PtyPair {
     int master = -1;
+    int slave = -1; // held open so the line is never hung up
     std::string slave_path;
 
     PtyPair();

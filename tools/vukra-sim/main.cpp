@@ -12,12 +12,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <pty.h>
 #include <random>
 #include <string>
-#include <termios.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 using namespace vukra;
@@ -115,22 +112,6 @@ void corrupt(link::AsciiFrame& reply, std::mt19937& random) {
     c = static_cast<std::uint8_t>(kDigits[(value + 1 + random() % 15) % 16]);
 }
 
-// The pseudo-terminal's master end, with its slave held open here too, so
-// that the line is never hung up between the host's opens.
-link::Port* open_pty(std::string& path) {
-    int master = -1, slave = -1;
-    char name[256];
-    if (openpty(&master, &slave, name, nullptr, nullptr) != 0) return nullptr;
-    termios tio{};
-    for (int fd : {master, slave}) {
-        tcgetattr(fd, &tio);
-        cfmakeraw(&tio);
-        tcsetattr(fd, TCSANOW, &tio);
-    }
-    path = name;
-    return link::serial_open(0, nullptr, master, nullptr);
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
@@ -147,8 +128,12 @@ int main(int argc, char** argv) {
 
     std::string path = options.port;
     link::Port* port = nullptr;
+    platform::PseudoTerminal pty;
     if (options.port.empty()) {
-        port = open_pty(path);
+        if (platform::pty_open(pty)) {
+            path = pty.path;
+            port = link::serial_open(0, nullptr, pty.master, nullptr);
+        }
     } else {
         const link::SerialSettings settings = link::kSessionSettings;
         port = link::serial_open(0, nullptr, platform::serial_open(path.c_str()), &settings);

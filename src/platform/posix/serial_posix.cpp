@@ -8,9 +8,12 @@
 #include "platform/posix/serial_speed.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <initializer_list>
 #include <poll.h>
+#include <pty.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
@@ -130,6 +133,22 @@ void serial_close(NativePort port) {
     if (port < 0) return;
     serial_purge(port);
     ::close(fd_of(port));
+}
+
+bool pty_open(PseudoTerminal& pty) {
+    int master = -1, slave = -1;
+    char name[256];
+    if (::openpty(&master, &slave, name, nullptr, nullptr) != 0) return false;
+    for (int fd : {master, slave}) {
+        termios tio{};
+        ::tcgetattr(fd, &tio);
+        ::cfmakeraw(&tio);
+        ::tcsetattr(fd, TCSANOW, &tio);
+    }
+    pty.master = master;
+    pty.slave = slave;
+    std::snprintf(pty.path, sizeof pty.path, "%s", name);
+    return true;
 }
 
 const char* last_error_text() {

@@ -103,6 +103,8 @@ void serial_close(NativePort port) {
     CloseHandle(h);
 }
 
+bool pty_open(PseudoTerminal&) { return false; }
+
 const char* last_error_text() {
     thread_local char text[512];
     DWORD code = GetLastError();
