@@ -248,6 +248,31 @@ int list_registers(const char* table_name, bool with_comments) {
     return 1;
 }
 
+std::vector<TableInfo> tables() {
+    std::vector<TableInfo> out;
+    if (model.tables == nullptr) return out;
+    XmlCursor cursor;
+    for (XmlNode* t = xml_find_first(cursor, model.tables, "table_list/table"); t; t = xml_find_next(cursor)) {
+        const char* automatic_text = xml_attribute_value(t, "auto_offset");
+        XmlCursor list;
+        out.push_back(TableInfo{t, xml_attribute_value(t, "name"), hex_attribute(t, "base"),
+                                automatic_text != nullptr && std::strcmp(automatic_text, "yes") == 0,
+                                xml_find_first(list, t, "table/register_list") != nullptr});
+    }
+    return out;
+}
+
+std::vector<std::pair<RegisterRecord, TypeRecord>> registers_of(const TableInfo& table) {
+    std::vector<std::pair<RegisterRecord, TypeRecord>> out;
+    walk_table(model, table.element, [&](const RegisterRecord& reg, int type) {
+        out.emplace_back(reg, type_at(model, type));
+        return false;
+    });
+    return out;
+}
+
+std::vector<TypeRecord> types() { return model.type_list; }
+
 XmlNode* document() { return model.document; }
 XmlNode* config_section() { return model.config; }
 XmlNode* type_section() { return model.types; }

@@ -11,6 +11,8 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace vukra::table {
 
@@ -67,6 +69,21 @@ int find_register_by_walk(RegisterRecord& reg, TypeRecord& type, const char* reg
 // Printed listings.
 int list_tables();
 int list_registers(const char* table_name, bool with_comments);
+
+// The tables in document order, each with its registers as the walk gives
+// them (automatic offsets included), for the generator.
+struct TableInfo {
+    XmlNode* element;
+    const char* name;
+    std::uint32_t base; // 0 when the table has no "base"
+    bool automatic;
+    bool has_register_list;
+};
+std::vector<TableInfo> tables();
+// The registers of one table, with the type of each (the default type when undeclared).
+std::vector<std::pair<RegisterRecord, TypeRecord>> registers_of(const TableInfo& table);
+// The declared types in document order.
+std::vector<TypeRecord> types();
 
 // The loaded document and its parts, for the generator and the tools.
 XmlNode* document();

@@ -1,0 +1,253 @@
+// The table code generator: the C it writes compiles and runs, the user's
+// code survives regeneration, and the texts and pages come out as they must.
+#include "codegen/c_sources.h"
+#include "codegen/html_pages.h"
+#include "support/files.h"
+#include "support/temp_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <cstring>
+#include <regex>
+#include <sstream>
+#include <string>
+
+using namespace vukra;
+using test::read_file;
+using test::write_file;
+
+namespace {
+
+struct CodegenTest : ::testing::Test {
+    test::TempWorkingDir dir;
+    CodegenTest() {
+        write_file("table.xml", read_file(VUKRA_EXAMPLES_DIR "/table.xml"));
+        EXPECT_EQ(table::load("table.xml"), 1);
+        std::filesystem::create_directories("generated");
+    }
+};
+
+// Puts text between the markers of tag in a generated file.
+void insert_user_code(const std::string& path, const std::string& tag, const std::string& text) {
+    std::string file = read_file(path);
+    std::string marker = "// @MODBUS_CODE_BEGIN/" + tag + "\n";
+    std::size_t at = file.find(marker);
+    ASSERT_NE(at, std::string::npos) << tag;
+    file.insert(at + marker.size(), text);
+    write_file(path, file);
+}
+
+std::string run(const std::string& command) {
+    std::string output_file = "command.out";
+    int status = std::system((command + " > " + output_file + " 2>&1").c_str());
+    std::string out = read_file(output_file);
+    return status == 0 ? out : "FAILED(" + std::to_string(status) + "): " + out;
+}
+
+TEST_F(CodegenTest, GeneratedCodeCompilesRunsAndKeepsTheUsersCode) {
+    codegen::generate_c_sources();
+    const std::string read_block = "   *val = 21.5f;\n\n   return 42;\n";
+    insert_user_code("generated/mb_Tableprocess.c", "Function/Read/process/setpoint", read_block);
+    insert_user_code("generated/mb_Tableprocess.c", "Header", "#include <stdio.h>\n");
+    codegen::generate_c_sources(); // the user's lines must come through this
+    std::string table_file = read_file("generated/mb_Tableprocess.c");
+    EXPECT_NE(table_file.find("// @MODBUS_CODE_BEGIN/Function/Read/process/setpoint\n" + read_block +
+                              "// @MODBUS_CODE_END/Function/Read/process/setpoint\n"),
+              std::string::npos);
+    EXPECT_NE(table_file.find("// @MODBUS_CODE_BEGIN/Header\n#include <stdio.h>\n// @MODBUS_CODE_END/Header\n"),
+              std::string::npos);
+
+    write_file("modbus_header_extern.h",
+               "/* Shared functions take the register's address first. */\n"
+               "int MbWrite_process_CommonReset(unsigned short address, short *val);\n");
+    write_file("main.c", R"(#include "generated/mb_Type.h"
+#include "generated/mb_Header.h"
+#include <stdio.h>
+
+extern const ModbusTable ModbusTableIndex[];
+static unsigned short reset_address;
+
+int MbWrite_process_CommonReset(unsigned short address, short *val)
+{
+   reset_address = address;
+   return *val == 1 ? 7 : -1;
+}
+
+int main(void)
+{
+   const ModbusTable *process = &ModbusTableIndex[0];
+   const ModbusRegister *setpoint = &process->registers[0];
+   const ModbusRegister *reset = &process->registers[7];
+   float value = 0;
+   short one = 1;
+   int plain = ModbusCall(setpoint->functionRead, process->baseAddress + setpoint->offset, &value, setpoint->type);
+   int shared = ModbusCall(reset->functionWrite, process->baseAddress + reset->offset, &one, reset->type);
+   printf("%d %.1f %d 0x%x\n", plain, value, shared, reset_address);
+   return 0;
+}
+)");
+    std::string warnings = run("LC_ALL=C gcc -Wall -Wextra -I. -c generated/mb_Call.c generated/mb_Data.c "
+                               "generated/mb_Tableprocess.c generated/mb_Tablestatus.c main.c");
+    ASSERT_EQ(warnings.find("FAILED"), std::string::npos) << warnings;
+    // The skeletons' fixed text leaves val unused; nothing else may warn.
+    std::istringstream lines(warnings);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find("warning:") == std::string::npos) continue;
+        EXPECT_NE(line.find("unused parameter 'val'"), std::string::npos) << line;
+    }
+    std::string linked = run("gcc mb_Call.o mb_Data.o mb_Tableprocess.o mb_Tablestatus.o main.o -o table_test");
+    ASSERT_EQ(linked, "");
+    EXPECT_EQ(run("./table_test"), "42 21.5 7 0x10b\n");
+}
+
+TEST_F(CodegenTest, AlteredMarkersDropTheirBlock) {
+    codegen::write_table_files();
+    insert_user_code("generated/mb_Tablestatus.c", "Function/Read/status/alarm", "   *val = 1;\n");
+    insert_user_code("generated/mb_Tablestatus.c", "Function/Read/status/temperature", "   *val = 2;\n");
+    std::string file = read_file("generated/mb_Tablestatus.c");
+    std::size_t end = file.find("// @MODBUS_CODE_END/Function/Read/status/temperature");
+    file.replace(end, 3, "//@"); // the end marker no longer matches
+    write_file("generated/mb_Tablestatus.c", file);
+    codegen::write_table_files();
+    file = read_file("generated/mb_Tablestatus.c");
+    EXPECT_NE(file.find("   *val = 1;\n"), std::string::npos);
+    EXPECT_EQ(file.find("   *val = 2;\n"), std::string::npos);
+}
+
+TEST_F(CodegenTest, TextsOfTheTypesDispatcherPrototypesAndArrays) {
+    codegen::generate_c_sources();
+    std::string types = read_file("generated/mb_Type.h");
+    EXPECT_EQ(types.find("#ifndef MODBUS_TYPE_H\n#define MODBUS_TYPE_H\n\ntypedef struct {\n"), 0u);
+    EXPECT_NE(types.find("#define SHARED_FCT 0x80\nint ModbusCall(void *func, unsigned short address, void *arg, "
+                         "unsigned char argType);\n#define TYPE_INT16 0\n#define TYPE_UINT16 1\n"),
+              std::string::npos);
+    EXPECT_NE(types.find("#define TYPE_BUFFER_LONG2 8\n\n#endif\n"), std::string::npos);
+
+    std::string call = read_file("generated/mb_Call.c");
+    EXPECT_EQ(call.find("#include \"generated/mb_Type.h\"\n\n"), 0u);
+    EXPECT_NE(call.find("    case TYPE_REAL :\n      {\n         int (*f)(float *);\n         f = (int(*)(float *))func;\n"
+                        "         return f((float *)arg);\n      }\n"),
+              std::string::npos);
+    EXPECT_NE(call.find("    case TYPE_REAL | SHARED_FCT:\n      {\n         int (*f)(unsigned short,float *);\n"
+                        "         f = (int(*)(unsigned short,float *))func;\n         return f(address,(float *)arg);\n"),
+              std::string::npos);
+    std::size_t cases = 0;
+    for (std::size_t at = 0; (at = call.find("    case ", at)) != std::string::npos; ++at) ++cases;
+    EXPECT_EQ(cases, 18u) << "two cases for each of nine types";
+
+    std::string header = read_file("generated/mb_Header.h");
+    EXPECT_NE(header.find("int MbRead_process_energy(long *val); // accés : R\n"
+                          "int MbWrite_process_energy(long *val); // accés : W\n"),
+              std::string::npos);
+    EXPECT_NE(header.find("/* fonction partagée utilisée : CommonReset\n"
+                          "int MbWrite_process_CommonReset(short *val); // accés : W\n*/\n"),
+              std::string::npos);
+
+    std::string data = read_file("generated/mb_Data.c");
+    EXPECT_NE(data.find("    { 0x0000, (void*)MbRead_status_temperature, (void*)0, TYPE_REAL , 4,sizeof(float)}\n"
+                        "   ,{ 0x0002, (void*)MbRead_status_probe_raw,"),
+              std::string::npos)
+        << "automatic offsets, a blank ahead of the first row and commas after";
+    EXPECT_NE(data.find("   ,{ 0x000B, (void*)0, (void*)MbWrite_process_CommonReset, TYPE_INT16 | SHARED_FCT, "
+                        "2,sizeof(short)}\n"),
+              std::string::npos);
+    EXPECT_NE(data.find("   { (ModbusRegister *)ModbusRegisterprocess, 0x0100, 8, 12 }\n"
+                        "  ,{ (ModbusRegister *)ModbusRegisterstatus, 0x0200, 5, 12 }\n"
+                        "  ,{ 0,0,0,0 } // Marqueur de fin de table\n};\n"),
+              std::string::npos);
+
+    std::string skeletons = read_file("generated/mb_Tableprocess.c");
+    EXPECT_NE(skeletons.find("/* Fonction partagée utilisée : CommonReset */\n\n"), std::string::npos);
+    EXPECT_EQ(skeletons.find("CommonReset(short"), std::string::npos) << "no skeleton for a shared function";
+    EXPECT_LT(skeletons.find("int MbRead_process_setpoint(float *val)\n{\n"),
+              skeletons.find("int MbWrite_process_setpoint(float *val)\n{\n"));
+    std::regex date(" \\* Date de génération : \\d\\d/\\d\\d/\\d{4}\n");
+    EXPECT_TRUE(std::regex_search(skeletons, date));
+}
+
+TEST_F(CodegenTest, AnEmptyTableListAndAnUnwritableDirectory) {
+    write_file("empty.xml", "<root><config path=\"no/such/dir\"/><type_list/><table_list/></root>");
+    ASSERT_EQ(table::load("empty.xml"), 1);
+    testing::internal::CaptureStdout();
+    codegen::generate_c_sources();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Erreur d'ouverture en ecriture [no/such/dir/Header.h]\n"
+              "Erreur d'ouverture en ecriture [no/such/dir/Data.c]\n");
+
+    write_file("none.xml", "<root><config/><table_list/></root>");
+    ASSERT_EQ(table::load("none.xml"), 1);
+    codegen::write_data_file();
+    EXPECT_NE(read_file("./Data.c").find("ModbusTableIndex [] = {\n   { 0,0,0,0 } // Marqueur"), std::string::npos);
+}
+
+TEST_F(CodegenTest, RegisterMapShowsEveryRegisterWithItsRowColour) {
+    ASSERT_EQ(codegen::write_register_map("map.html"), 0);
+    std::string page = read_file("map.html");
+    EXPECT_EQ(page.find("<html>\n<head>\n"), 0u);
+    EXPECT_NE(page.find("<TR bgcolor=\"#FFFF00\"><TD><b>process</TD><TD><b>0x0100</TD><TD></TD><TD></TD><TD></TD>"
+                        "<TD></TD></TR\n"),
+              std::string::npos);
+    EXPECT_NE(page.find("<TR bgcolor=\"#A060FF\">\n<a name=\"setpoint\"><TD>0x0000</TD><TD>setpoint</TD>"
+                        "<TD>Temperature setpoint in degrees</TD><TD>RW</TD><TD>real</TD><TD>2</TD></TR>\n"),
+              std::string::npos);
+    EXPECT_NE(page.find("<TR bgcolor=\"#8040FF\">\n<a name=\"offset_trim\">"), std::string::npos);
+    EXPECT_NE(page.find("<TR bgcolor=\"#A060FF\">\n<a name=\"temperature\">"), std::string::npos)
+        << "each table starts its rows again";
+    EXPECT_NE(page.find("<TD>W</TD><TD>int16</TD>"), std::string::npos);
+    EXPECT_TRUE(page.ends_with("</TR>\n</table>\n</body>\n</html>\n"));
+    EXPECT_EQ(codegen::write_register_map("no/such/dir/map.html"), 0);
+}
+
+TEST_F(CodegenTest, LivePageReadsOneRegisterAndShowsTheOthersFromTheirCache) {
+    int reads = 0;
+    codegen::ReadRegister read = [&](const table::RegisterRecord& reg, const table::TypeRecord&, void* value) {
+        ++reads;
+        if (std::strcmp(reg.name, "energy") != 0) return 0;
+        std::int32_t v = 99;
+        std::memcpy(value, &v, 4);
+        return 1;
+    };
+    ASSERT_EQ(codegen::write_live_page("live.html", "10.0.0.7", read, "energy"), 0);
+    EXPECT_EQ(reads, 1);
+    std::string page = read_file("live.html");
+    EXPECT_NE(page.find("<TR bgcolor=\"#FFFF00\"><TD><b>Table : process</b></TD><TD></TD><TD></TD></TR>\n"),
+              std::string::npos);
+    EXPECT_NE(page.find("<a name=\"energy\"><TD>energy</TD><TD><FORM action=\"http://10.0.0.7/modbus.cb\" "
+                        "method=\"post\">\n<P><INPUT type=\"text\" name=\"energy\" value=\"99\">\n</FORM></TD>\n"
+                        "<TD>int32</TD></TR>\n"),
+              std::string::npos);
+    EXPECT_NE(page.find("name=\"setpoint\" value=\"21.5\""), std::string::npos) << "from the cached attribute";
+    EXPECT_NE(page.find("name=\"alarm\" value=\"Erreur\""), std::string::npos) << "no cache, no read";
+    table::RegisterRecord reg;
+    table::TypeRecord type;
+    ASSERT_TRUE(table::find_register(reg, type, "energy"));
+    EXPECT_STREQ(table::xml_attribute_value(reg.element, "value"), "99");
+
+    // Without a name every register is read; a failed read shows and caches "Erreur".
+    ASSERT_EQ(codegen::write_live_page("live.html", "h", read, nullptr), 0);
+    EXPECT_EQ(reads, 1 + 13);
+    ASSERT_TRUE(table::find_register(reg, type, "setpoint"));
+    EXPECT_STREQ(table::xml_attribute_value(reg.element, "value"), "Erreur");
+    ASSERT_TRUE(table::find_register(reg, type, "alarm"));
+    EXPECT_STREQ(table::xml_attribute_value(reg.element, "value"), "Erreur");
+}
+
+TEST(GeneratorEntry, ArgumentsAndResults) {
+    test::TempWorkingDir dir;
+    char program[] = "vukra-gen", good[] = "t.xml", missing[] = "missing.xml", extra[] = "x";
+    write_file("t.xml", "<root/>");
+    testing::internal::CaptureStdout();
+    char* none[] = {program};
+    EXPECT_EQ(codegen::generator_entry(1, none), -1);
+    char* loads[] = {program, good, extra};
+    EXPECT_EQ(codegen::generator_entry(3, loads), 1);
+    char* fails[] = {program, missing};
+    EXPECT_EQ(codegen::generator_entry(2, fails), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "error: missing xml input file\r\nwarning: too many input parameters\r\n"
+              "error: cannot open xml input file: missing.xml\r\nerror: invalid xml input file\r\n");
+}
+
+} // namespace
