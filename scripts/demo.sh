@@ -49,6 +49,12 @@ step "Writing registers of every type, then reading them back"
 "$vukra" -p "$port" reg write history "123456 -7"
 "$vukra" -q -p "$port" reg read setpoint offset_trim heater_on cycle_count energy uptime gain probe_raw history
 
+step "The device side's C sources and the HTML pages, from the same table"
+"$build/tools/vukra-gen" table.xml --all --host device.local --port "$port" >/dev/null
+ls generated
+grep -A3 'ModbusTableIndex' generated/mb_Data.c
+grep -c '<TR bgcolor' generated/modbus_live.html | sed 's/^/live page rows: /'
+
 step "What the command line refuses before anything is sent"
 "$vukra" -p "$port" reg write offset_trim 70000 || true
 "$vukra" -p "$port" reg read no_such_register || true

@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev
   mingw-w64 wine wine64
   libexpat1-dev libmodbus-dev
+  chromium python3
 )
 
 missing=()

@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# Renders the register map and the live value page of the example table in
+# headless Chromium and checks what a person would see: every register, in
+# rows of alternating colours.
+#   render_pages.sh VUKRA_GEN VUKRA_SIM EXAMPLE_TABLE
+set -eu
+gen=$1
+sim=$2
+table=$3
+here=$(cd "$(dirname "$0")" && pwd)
+work=$(mktemp -d)
+sim_pid=
+cleanup() {
+  [ -n "$sim_pid" ] && kill "$sim_pid" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+cd "$work"
+cp "$table" table.xml
+
+# The live page reads its values from the emulated device.
+"$sim" --table table.xml >sim.out 2>/dev/null &
+sim_pid=$!
+for _ in $(seq 100); do [ -s sim.out ] && break; sleep 0.05; done
+"$gen" table.xml --html-map map.html --html-live live.html --host device.local --port "$(head -n 1 sim.out)" >/dev/null
+
+names=$(grep -o '<register name="[^"]*"' table.xml | sed 's/<register name="//; s/"$//')
+render() {
+  chromium --headless --no-sandbox --disable-gpu --disable-quic --no-first-run \
+    --disable-background-networking --disable-component-update --disable-sync \
+    --user-data-dir="$work/profile" --hide-scrollbars --window-size=1200,1800 "$@" 2>/dev/null
+}
+status=0
+for page in map live; do
+  render --screenshot="$work/$page.png" "file://$work/$page.html" >/dev/null
+  render --dump-dom "file://$work/$page.html" >"$page.dom"
+  python3 "$here/check_page.py" "$page.png" "$page.dom" $names || status=1
+  if [ -n "${VUKRA_PAGES_DIR:-}" ]; then cp "$page.png" "$VUKRA_PAGES_DIR/"; fi
+done
+grep -q 'value="-100000"' live.html || { echo "the live page has no value read from the device"; status=1; }
+exit $status
