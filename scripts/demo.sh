@@ -6,6 +6,7 @@
 set -eu
 build=$(cd "$1" && pwd)
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/scripts/pty_program.sh"
 vukra=$build/tools/vukra
 work=$(mktemp -d)
 sim_pid=
@@ -22,10 +23,9 @@ cd "$work"
 
 step "SLIP packets both ways on a pseudo-terminal"
 "$build/examples/link_demo"
-"$build/tools/vukra-sim" --table table.xml >sim.out 2>sim.err &
-sim_pid=$!
-for _ in $(seq 100); do [ -s sim.out ] && break; sleep 0.05; done
-port=$(head -n 1 sim.out)
+start_pty_program sim.out "$build/tools/vukra-sim" --table table.xml 2>sim.err
+sim_pid=$PTY_PID
+port=$PTY_PATH
 step "vukra-sim plays the device on $port"
 cat sim.err
 

@@ -8,6 +8,7 @@ gen=$1
 sim=$2
 table=$3
 here=$(cd "$(dirname "$0")" && pwd)
+. "$here/../../scripts/pty_program.sh"
 work=$(mktemp -d)
 sim_pid=
 cleanup() {
@@ -19,10 +20,9 @@ cd "$work"
 cp "$table" table.xml
 
 # The live page reads its values from the emulated device.
-"$sim" --table table.xml >sim.out 2>/dev/null &
-sim_pid=$!
-for _ in $(seq 100); do [ -s sim.out ] && break; sleep 0.05; done
-"$gen" table.xml --html-map map.html --html-live live.html --host device.local --port "$(head -n 1 sim.out)" >/dev/null
+start_pty_program sim.out "$sim" --table table.xml 2>/dev/null
+sim_pid=$PTY_PID
+"$gen" table.xml --html-map map.html --html-live live.html --host device.local --port "$PTY_PATH" >/dev/null
 
 names=$(grep -o '<register name="[^"]*"' table.xml | sed 's/<register name="//; s/"$//')
 render() {

@@ -7,6 +7,7 @@ win_build=$(cd "$1" && pwd)
 sim=$2
 peer=$3
 table=$4
+. "$(dirname "$0")/../../scripts/pty_program.sh"
 export WINEPREFIX=$win_build/wineprefix
 export WINEDEBUG=-all
 export WINEDLLOVERRIDES="mscoree,mshtml="
@@ -24,15 +25,11 @@ trap cleanup EXIT
 
 # Starts a program that prints its pty on its first line; maps it to a COM port.
 start_line() {
-  local com=$1 out=$work/$1.out
+  local com=$1
   shift
-  "$@" >"$out" &
-  pids+=($!)
-  for _ in $(seq 100); do [ -s "$out" ] && break; sleep 0.05; done
-  local pty
-  pty=$(head -n 1 "$out")
-  [ -e "$pty" ] || { echo "no pty for $com"; exit 1; }
-  ln -sfn "$pty" "$WINEPREFIX/dosdevices/$com"
+  start_pty_program "$work/$com.out" "$@"
+  pids+=("$PTY_PID")
+  ln -sfn "$PTY_PATH" "$WINEPREFIX/dosdevices/$com"
 }
 
 start_line com5 "$sim" --table "$table"
