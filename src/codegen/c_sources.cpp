@@ -3,9 +3,9 @@
 
 #include "codegen/generated_names.h"
 #include "codegen/kept_code.h"
+#include "platform/platform.h"
 
 #include <cstdio>
-#include <ctime>
 
 namespace vukra::codegen {
 
@@ -84,15 +84,9 @@ void write_skeleton(std::FILE* f, Direction direction, const RegisterRecord& reg
 
 void write_banner(std::FILE* f, const TableInfo& t) {
     std::fputs(kBanner, f);
-    std::time_t now = std::time(nullptr);
-    std::tm local{};
-#ifdef _WIN32
-    localtime_s(&local, &now);
-#else
-    localtime_r(&now, &local);
-#endif
+    const platform::LocalTime now = platform::local_time();
     std::fprintf(f, "/****************************************************************\n");
-    std::fprintf(f, " * Date de génération : %02d/%02d/%4d\n", local.tm_mday, local.tm_mon + 1, local.tm_year + 1900);
+    std::fprintf(f, " * Date de génération : %02d/%02d/%4d\n", now.day, now.month, now.year);
     std::fprintf(f, " ****************************************************************/\n");
     std::fprintf(f, "\n");
     std::fprintf(f, "/****************************************************************\n");

@@ -106,6 +106,11 @@ void sleep_ms(std::uint32_t milliseconds);
 
 // ---- clock and names ----------------------------------------------------
 
+struct LocalTime {
+    int second, minute, hour, day, month /* 1 to 12 */, year;
+};
+LocalTime local_time();
+
 // Milliseconds of a monotonic clock; wraps at 2^32.
 std::uint32_t clock_ms();
 
@@ -121,7 +126,17 @@ enum FileMode : unsigned {
     kFileWrite = 2,
     kFileCreate = 4,
     kFileTruncate = 8,
+    kFileExclusive = 16, // with kFileCreate: fail when the file exists
 };
+
+// Where image files live: the working directory, as the system writes it.
+#ifdef _WIN32
+inline constexpr const char* kWorkingDirPrefix = ".\\";
+#else
+inline constexpr const char* kWorkingDirPrefix = "./";
+#endif
+
+bool file_exists(const char* path);
 
 enum SeekOrigin : int { kSeekSet = 0, kSeekCurrent = 1, kSeekEnd = 2 };
 

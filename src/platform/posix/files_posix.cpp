@@ -2,6 +2,7 @@
 #include "platform/platform.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace vukra::platform {
@@ -16,7 +17,13 @@ int file_open(const char* path, unsigned mode) {
         flags |= O_RDONLY;
     if (mode & kFileCreate) flags |= O_CREAT;
     if (mode & kFileTruncate) flags |= O_TRUNC;
-    return ::open(path, flags, 0666);
+    if (mode & kFileExclusive) flags |= O_EXCL;
+    return ::open(path, flags, 0600);
+}
+
+bool file_exists(const char* path) {
+    struct stat info {};
+    return ::stat(path, &info) == 0;
 }
 
 long file_seek(int file, long offset, SeekOrigin origin) {

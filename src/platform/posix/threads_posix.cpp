@@ -101,6 +101,13 @@ void sleep_ms(std::uint32_t milliseconds) {
     }
 }
 
+LocalTime local_time() {
+    std::time_t now = std::time(nullptr);
+    std::tm t{};
+    localtime_r(&now, &t);
+    return LocalTime{t.tm_sec, t.tm_min, t.tm_hour, t.tm_mday, t.tm_mon + 1, t.tm_year + 1900};
+}
+
 std::uint32_t clock_ms() {
     timespec t{};
     clock_gettime(CLOCK_MONOTONIC, &t);

@@ -18,7 +18,13 @@ int file_open(const char* path, unsigned mode) {
         flags |= _O_RDONLY;
     if (mode & kFileCreate) flags |= _O_CREAT;
     if (mode & kFileTruncate) flags |= _O_TRUNC;
+    if (mode & kFileExclusive) flags |= _O_EXCL;
     return _open(path, flags, _S_IREAD | _S_IWRITE);
+}
+
+bool file_exists(const char* path) {
+    struct _stat info {};
+    return _stat(path, &info) == 0;
 }
 
 long file_seek(int file, long offset, SeekOrigin origin) {

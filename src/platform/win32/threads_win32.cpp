@@ -65,4 +65,10 @@ void sleep_ms(std::uint32_t milliseconds) { Sleep(milliseconds); }
 
 std::uint32_t clock_ms() { return GetTickCount(); }
 
+LocalTime local_time() {
+    SYSTEMTIME t{};
+    GetLocalTime(&t);
+    return LocalTime{t.wSecond, t.wMinute, t.wHour, t.wDay, t.wMonth, t.wYear};
+}
+
 } // namespace vukra::platform

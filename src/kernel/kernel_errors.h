@@ -1,0 +1,33 @@
+// Where failing kernel calls leave their error code.
+//
+// In boot context (always, inside the library) a failing call stores its
+// negative code in the kernel error variable. Outside it, the code goes to
+// the current process's error field, and only while that field is still 0:
+// a pending error is never overwritten.
+#pragma once
+
+#include <cstdint>
+
+namespace vukra::kernel {
+
+inline constexpr int kErrExists = -20;       // the node exists, or its parent cannot be found
+inline constexpr int kErrRefused = -29;      // a device or filesystem refused to open or read
+inline constexpr int kErrNoDescriptor = -40; // no free descriptor
+inline constexpr int kErrNotDevice = -43;    // not a device, or no driver for its number
+inline constexpr int kErrNoNode = -44;       // no such node, or a failed mount
+inline constexpr int kErrNotDirectory = -56;
+
+// Records code as a failing call's error and returns -1.
+int fail(int code);
+
+std::int32_t kernel_error();
+void clear_kernel_error();
+
+bool boot_context();
+void set_boot_context(bool on);
+
+// The error field of the process that runs when not in boot context.
+std::int32_t process_error();
+void clear_process_error();
+
+} // namespace vukra::kernel

@@ -1,0 +1,40 @@
+// Bringing the simulated kernel up: its tables, its directory tree and
+// device nodes, and the clock; and the full system start that also applies
+// "/usr/etc/.mount" and runs "/usr/etc/.boot".
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace vukra::kernel {
+
+// Once per process: 0 when it did the start, -1 when the kernel was started.
+int kernel_start();
+bool kernel_started();
+
+// The full start; running a program is handed to the hook (this build has
+// no process model), which by default records what would run.
+int kernel_boot(void* argument);
+using ProgramHook = std::function<void(const std::string& program, const std::vector<std::string>& arguments)>;
+void set_program_hook(ProgramHook hook);
+// What the default hook recorded, in order.
+const std::vector<std::vector<std::string>>& programs_run();
+
+// The boot readers on their own (kernel_boot calls them).
+void apply_mount_file(const char* path);
+int run_boot_file(const char* path);
+// The board code a ".boot" code field gives: read from its last character
+// back, "x" or "X" ending it, the first character never read.
+std::uint32_t parse_board_code(const std::string& field);
+
+// Seconds of the kernel clock, set from the real-time clock at start; 0 before.
+std::uint32_t kernel_seconds();
+
+// The system information call: see uname's buffer layout in docs.
+int uname(const int* names, int length, void* buffer, std::size_t* buffer_length);
+
+inline constexpr std::size_t kUnameSize = 160;
+
+} // namespace vukra::kernel

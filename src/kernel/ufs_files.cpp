@@ -1,0 +1,286 @@
+// ufs nodes and their bytes: node records, the map from a file's block
+// index to a device block (one direct block, a single-indirect block of
+// block numbers, a double-indirect block of such blocks), and reading,
+// writing and truncating files through it.
+#include "kernel/kernel_errors.h"
+#include "kernel/ufs_files.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace vukra::kernel::ufs {
+
+namespace {
+
+std::uint16_t u16_at(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] | p[1] << 8); }
+std::uint32_t u32_at(const std::uint8_t* p) {
+    return static_cast<std::uint32_t>(p[0] | p[1] << 8 | p[2] << 16) | static_cast<std::uint32_t>(p[3]) << 24;
+}
+void put_u16(std::uint8_t* p, std::uint16_t v) {
+    p[0] = static_cast<std::uint8_t>(v);
+    p[1] = static_cast<std::uint8_t>(v >> 8);
+}
+void put_u32(std::uint8_t* p, std::uint32_t v) {
+    for (int i = 0; i < 4; ++i) p[i] = static_cast<std::uint8_t>(v >> (8 * i));
+}
+
+std::uint64_t block_offset(const Volume& v, std::uint16_t block) {
+    return v.data_start + static_cast<std::uint64_t>(block) * v.block_size;
+}
+
+// An indirect block's bytes, from the cache or the device; null when the
+// block number is out of the volume or the device fails.
+const std::vector<std::uint8_t>* indirect_block(Volume& v, std::uint16_t block) {
+    if (block >= v.blocks) return nullptr;
+    for (auto& cached : v.indirect)
+        if (cached.number == block) return &cached.bytes;
+    auto& slot = v.indirect[v.next_victim++ % v.indirect.size()];
+    slot.bytes.resize(v.block_size);
+    slot.number = kNoBlock;
+    if (!device_read(v, block_offset(v, block), slot.bytes.data(), slot.bytes.size())) return nullptr;
+    slot.number = block;
+    return &slot.bytes;
+}
+
+// Entry i of a block of block numbers; kNoBlock when absent or unreadable.
+std::uint16_t get_entry(Volume& v, std::uint16_t list, std::uint32_t i) {
+    const std::vector<std::uint8_t>* bytes = indirect_block(v, list);
+    if (bytes == nullptr || (i + 1) * 2 > bytes->size()) return kNoBlock;
+    return u16_at(bytes->data() + i * 2);
+}
+
+bool set_entry(Volume& v, std::uint16_t list, std::uint32_t i, std::uint16_t value) {
+    if (list >= v.blocks || (i + 1) * 2 > v.block_size) return false;
+    std::uint8_t bytes[2];
+    put_u16(bytes, value);
+    if (!device_write(v, block_offset(v, list) + i * 2, bytes, 2)) return false;
+    for (auto& cached : v.indirect)
+        if (cached.number == list) put_u16(cached.bytes.data() + i * 2, value);
+    return true;
+}
+
+// A new block, or with as_list a new block of block numbers all "none".
+long new_block(Volume& v, bool as_list) {
+    long block = allocate_block(v);
+    if (block < 0 || !as_list) return block;
+    std::vector<std::uint8_t> none(v.block_size, 0xFF);
+    if (!device_write(v, block_offset(v, static_cast<std::uint16_t>(block)), none.data(), none.size())) return -1;
+    for (auto& cached : v.indirect)
+        if (cached.number == block) cached.number = kNoBlock;
+    return block;
+}
+
+// A block number held in a node record's field: the block, made when create is set.
+std::uint16_t field_block(Volume& v, std::uint16_t& field, bool create, bool as_list, bool& changed) {
+    if (field < v.blocks) return field;
+    if (!create) return kNoBlock;
+    long made = new_block(v, as_list);
+    if (made < 0) return kNoBlock;
+    field = static_cast<std::uint16_t>(made);
+    changed = true;
+    return field;
+}
+
+// The same for entry i of a list.
+std::uint16_t entry_block(Volume& v, std::uint16_t list, std::uint32_t i, bool create, bool as_list) {
+    std::uint16_t e = get_entry(v, list, i);
+    if (e < v.blocks) return e;
+    if (!create) return kNoBlock;
+    long made = new_block(v, as_list);
+    if (made < 0 || !set_entry(v, list, i, static_cast<std::uint16_t>(made))) return kNoBlock;
+    return static_cast<std::uint16_t>(made);
+}
+
+// The device block of a file's block index (made, with the lists leading
+// to it, when create is set); kNoBlock when there is none. changed tells
+// that the node record must be written back.
+std::uint16_t map_block(Volume& v, NodeRecord& node, std::uint32_t index, bool create, bool& changed) {
+    const std::uint32_t per = v.block_size / 2;
+    if (index == 0) return field_block(v, node.direct, create, false, changed);
+    index -= 1;
+    if (index < per) {
+        std::uint16_t list = field_block(v, node.single, create, true, changed);
+        return list == kNoBlock ? kNoBlock : entry_block(v, list, index, create, false);
+    }
+    index -= per;
+    if (index >= per * per) return kNoBlock;
+    std::uint16_t outer = field_block(v, node.twice, create, true, changed);
+    if (outer == kNoBlock) return kNoBlock;
+    std::uint16_t inner = entry_block(v, outer, index / per, create, true);
+    return inner == kNoBlock ? kNoBlock : entry_block(v, inner, index % per, create, false);
+}
+
+void release(Volume& v, std::uint16_t& block) {
+    if (block < v.blocks) set_block(v, block, false);
+    block = kNoBlock;
+}
+
+// Frees every block of a file from block index first on, and the lists
+// that no longer hold anything; entries are cleared in the lists that stay.
+void free_blocks_from(Volume& v, NodeRecord& node, std::uint32_t first) {
+    const std::uint32_t per = v.block_size / 2;
+    if (first == 0) release(v, node.direct);
+    if (node.single < v.blocks) {
+        const std::uint32_t from = first > 1 ? first - 1 : 0;
+        for (std::uint32_t i = from; i < per; ++i) {
+            std::uint16_t e = get_entry(v, node.single, i);
+            if (e == kNoBlock) continue;
+            release(v, e);
+            if (from > 0) set_entry(v, node.single, i, kNoBlock);
+        }
+        if (from == 0) release(v, node.single);
+    }
+    if (node.twice < v.blocks) {
+        const std::uint32_t from = first > 1 + per ? first - 1 - per : 0;
+        for (std::uint32_t o = from / per; o < per; ++o) {
+            std::uint16_t inner = get_entry(v, node.twice, o);
+            if (inner >= v.blocks) continue;
+            const std::uint32_t inner_from = from > o * per ? from - o * per : 0;
+            for (std::uint32_t i = inner_from; i < per; ++i) {
+                std::uint16_t e = get_entry(v, inner, i);
+                if (e == kNoBlock) continue;
+                release(v, e);
+                if (inner_from > 0) set_entry(v, inner, i, kNoBlock);
+            }
+            if (inner_from == 0) {
+                release(v, inner);
+                if (from > 0) set_entry(v, node.twice, o, kNoBlock);
+            }
+        }
+        if (from == 0) release(v, node.twice);
+    }
+}
+
+} // namespace
+
+bool read_node(Volume& v, std::uint32_t n, NodeRecord& node) {
+    std::uint8_t r[kNodeRecordSize];
+    if (n >= v.nodes || !device_read(v, v.node_table_start + static_cast<std::uint64_t>(n) * kNodeRecordSize, r, sizeof r))
+        return false;
+    node = NodeRecord{r[0], r[1], u16_at(r + 2), u32_at(r + 4), u32_at(r + 8), u16_at(r + 12), u16_at(r + 14), u16_at(r + 16)};
+    return true;
+}
+
+bool write_node(Volume& v, std::uint32_t n, const NodeRecord& node) {
+    std::uint8_t r[kNodeRecordSize];
+    r[0] = node.kind;
+    r[1] = node.reserved;
+    put_u16(r + 2, node.device);
+    put_u32(r + 4, node.size);
+    put_u32(r + 8, node.time);
+    put_u16(r + 12, node.direct);
+    put_u16(r + 14, node.single);
+    put_u16(r + 16, node.twice);
+    return n < v.nodes && device_write(v, v.node_table_start + static_cast<std::uint64_t>(n) * kNodeRecordSize, r, sizeof r);
+}
+
+long read_bytes(Volume& v, NodeRecord& node, std::uint32_t position, void* buffer, std::size_t count) {
+    if (position >= node.size) return 0;
+    std::uint64_t end = std::min<std::uint64_t>({static_cast<std::uint64_t>(position) + count, node.size, v.file_limit});
+    if (end <= position) return 0;
+    auto* out = static_cast<std::uint8_t*>(buffer);
+    std::uint64_t at = position;
+    // Runs of consecutive device blocks are read in one transfer.
+    std::uint64_t run_device = 0, run_length = 0;
+    std::uint8_t* run_out = out;
+    auto flush = [&]() -> bool {
+        if (run_length == 0) return true;
+        bool ok = device_read(v, run_device, run_out, run_length);
+        run_length = 0;
+        return ok;
+    };
+    while (at < end) {
+        const std::uint32_t index = static_cast<std::uint32_t>(at / v.block_size);
+        const std::uint32_t within = static_cast<std::uint32_t>(at % v.block_size);
+        const std::size_t take = static_cast<std::size_t>(std::min<std::uint64_t>(v.block_size - within, end - at));
+        bool changed = false;
+        std::uint16_t block = map_block(v, node, index, false, changed);
+        std::uint8_t* target = out + (at - position);
+        if (block == kNoBlock) {
+            if (!flush()) return -1;
+            std::memset(target, 0, take); // a hole reads as zeros
+        } else {
+            std::uint64_t device_at = block_offset(v, block) + within;
+            if (run_length > 0 && run_device + run_length == device_at) {
+                run_length += take;
+            } else {
+                if (!flush()) return -1;
+                run_device = device_at;
+                run_length = take;
+                run_out = target;
+            }
+        }
+        at += take;
+    }
+    if (!flush()) return -1;
+    return static_cast<long>(end - position);
+}
+
+long write_bytes(Volume& v, std::uint32_t n, NodeRecord& node, std::uint32_t position, const void* buffer,
+                 std::size_t count) {
+    std::uint64_t end = std::min<std::uint64_t>(static_cast<std::uint64_t>(position) + count, v.file_limit);
+    if (end <= position) return count == 0 ? 0 : -1;
+    const auto* in = static_cast<const std::uint8_t*>(buffer);
+    bool record_changed = false;
+    std::uint64_t at = position;
+    std::uint64_t run_device = 0, run_length = 0;
+    const std::uint8_t* run_in = in;
+    auto flush = [&]() -> bool {
+        if (run_length == 0) return true;
+        bool ok = device_write(v, run_device, run_in, run_length);
+        run_length = 0;
+        return ok;
+    };
+    while (at < end) {
+        const std::uint32_t index = static_cast<std::uint32_t>(at / v.block_size);
+        const std::uint32_t within = static_cast<std::uint32_t>(at % v.block_size);
+        const std::size_t take = static_cast<std::size_t>(std::min<std::uint64_t>(v.block_size - within, end - at));
+        bool fresh = false;
+        std::uint16_t block = map_block(v, node, index, true, fresh);
+        if (block == kNoBlock) break; // the volume is full
+        record_changed = record_changed || fresh;
+        std::uint64_t device_at = block_offset(v, block) + within;
+        const std::uint8_t* source = in + (at - position);
+        if (run_length > 0 && run_device + run_length == device_at) {
+            run_length += take;
+        } else {
+            if (!flush()) return -1;
+            run_device = device_at;
+            run_length = take;
+            run_in = source;
+        }
+        at += take;
+    }
+    if (!flush()) return -1;
+    if (at > node.size) {
+        node.size = static_cast<std::uint32_t>(at);
+        record_changed = true;
+    }
+    if (record_changed) {
+        node.time = seconds_now();
+        if (!write_node(v, n, node)) return -1;
+    }
+    if (at == position) return -1;
+    return static_cast<long>(at - position);
+}
+
+bool truncate_node(Volume& v, std::uint32_t n, NodeRecord& node, std::uint32_t length) {
+    if (length < node.size) {
+        const std::uint32_t keep = (length + v.block_size - 1) / v.block_size; // blocks still holding bytes
+        free_blocks_from(v, node, keep);
+        // The tail of the last kept block reads as zeros if the file grows again.
+        if (length % v.block_size != 0) {
+            bool changed = false;
+            std::uint16_t last = map_block(v, node, length / v.block_size, false, changed);
+            if (last != kNoBlock) {
+                std::vector<std::uint8_t> zeros(v.block_size - length % v.block_size, 0);
+                device_write(v, block_offset(v, last) + length % v.block_size, zeros.data(), zeros.size());
+            }
+        }
+    }
+    node.size = length;
+    node.time = seconds_now();
+    return write_node(v, n, node);
+}
+
+} // namespace vukra::kernel::ufs
