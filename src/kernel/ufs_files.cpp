@@ -60,6 +60,8 @@ bool set_entry(Volume& v, std::uint16_t list, std::uint32_t i, std::uint16_t val
 }
 
 // A new block, or with as_list a new block of block numbers all "none".
+// A new data block keeps what a freed block held: its writer zeroes what it
+// does not cover (write_bytes).
 long new_block(Volume& v, bool as_list) {
     long block = allocate_block(v);
     if (block < 0 || !as_list) return block;
@@ -70,44 +72,50 @@ long new_block(Volume& v, bool as_list) {
     return block;
 }
 
-// A block number held in a node record's field: the block, made when create is set.
-std::uint16_t field_block(Volume& v, std::uint16_t& field, bool create, bool as_list, bool& changed) {
+// A block number held in a node record's field: the block, made when
+// create is set (fresh tells that it was).
+std::uint16_t field_block(Volume& v, std::uint16_t& field, bool create, bool as_list, bool& changed,
+                          bool* fresh = nullptr) {
     if (field < v.blocks) return field;
     if (!create) return kNoBlock;
     long made = new_block(v, as_list);
     if (made < 0) return kNoBlock;
     field = static_cast<std::uint16_t>(made);
     changed = true;
+    if (fresh) *fresh = true;
     return field;
 }
 
 // The same for entry i of a list.
-std::uint16_t entry_block(Volume& v, std::uint16_t list, std::uint32_t i, bool create, bool as_list) {
+std::uint16_t entry_block(Volume& v, std::uint16_t list, std::uint32_t i, bool create, bool as_list,
+                          bool* fresh = nullptr) {
     std::uint16_t e = get_entry(v, list, i);
     if (e < v.blocks) return e;
     if (!create) return kNoBlock;
     long made = new_block(v, as_list);
     if (made < 0 || !set_entry(v, list, i, static_cast<std::uint16_t>(made))) return kNoBlock;
+    if (fresh) *fresh = true;
     return static_cast<std::uint16_t>(made);
 }
 
 // The device block of a file's block index (made, with the lists leading
 // to it, when create is set); kNoBlock when there is none. changed tells
-// that the node record must be written back.
-std::uint16_t map_block(Volume& v, NodeRecord& node, std::uint32_t index, bool create, bool& changed) {
+// that the node record must be written back, fresh that the data block is new.
+std::uint16_t map_block(Volume& v, NodeRecord& node, std::uint32_t index, bool create, bool& changed,
+                        bool* fresh = nullptr) {
     const std::uint32_t per = v.block_size / 2;
-    if (index == 0) return field_block(v, node.direct, create, false, changed);
+    if (index == 0) return field_block(v, node.direct, create, false, changed, fresh);
     index -= 1;
     if (index < per) {
         std::uint16_t list = field_block(v, node.single, create, true, changed);
-        return list == kNoBlock ? kNoBlock : entry_block(v, list, index, create, false);
+        return list == kNoBlock ? kNoBlock : entry_block(v, list, index, create, false, fresh);
     }
     index -= per;
     if (index >= per * per) return kNoBlock;
     std::uint16_t outer = field_block(v, node.twice, create, true, changed);
     if (outer == kNoBlock) return kNoBlock;
     std::uint16_t inner = entry_block(v, outer, index / per, create, true);
-    return inner == kNoBlock ? kNoBlock : entry_block(v, inner, index % per, create, false);
+    return inner == kNoBlock ? kNoBlock : entry_block(v, inner, index % per, create, false, fresh);
 }
 
 void release(Volume& v, std::uint16_t& block) {
@@ -235,10 +243,16 @@ long write_bytes(Volume& v, std::uint32_t n, NodeRecord& node, std::uint32_t pos
         const std::uint32_t index = static_cast<std::uint32_t>(at / v.block_size);
         const std::uint32_t within = static_cast<std::uint32_t>(at % v.block_size);
         const std::size_t take = static_cast<std::size_t>(std::min<std::uint64_t>(v.block_size - within, end - at));
-        bool fresh = false;
-        std::uint16_t block = map_block(v, node, index, true, fresh);
+        bool changed = false, fresh = false;
+        std::uint16_t block = map_block(v, node, index, true, changed, &fresh);
         if (block == kNoBlock) break; // the volume is full
-        record_changed = record_changed || fresh;
+        record_changed = record_changed || changed;
+        if (fresh && take < v.block_size) {
+            // A new block this write covers in part: the rest reads as zeros.
+            if (!flush()) return -1;
+            std::vector<std::uint8_t> zeros(v.block_size, 0);
+            if (!device_write(v, block_offset(v, block), zeros.data(), zeros.size())) return -1;
+        }
         std::uint64_t device_at = block_offset(v, block) + within;
         const std::uint8_t* source = in + (at - position);
         if (run_length > 0 && run_device + run_length == device_at) {

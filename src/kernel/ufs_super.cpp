@@ -41,7 +41,9 @@ bool valid_block_size(std::uint32_t b) {
 // Reads and checks the header; the header readers of both versions also
 // read the older "ufs 1.2" layout (no block-size field, blocks of 32), but
 // the version lookup in front of them knows only 1.4 and 1.5.
-bool read_header(Volume& v, const Version& version) {
+// for_mount: refuse the block sizes the kernel cannot mount (513 and more);
+// mkfs reads back its own header without that refusal.
+bool read_header(Volume& v, const Version& version, bool for_mount = true) {
     std::uint8_t header[7 + 2 + 5 * 4];
     const std::uint32_t w = version.size_field_bytes;
     if (!device_read(v, 0, header, kVersionLength + 2 + 5 * w)) return false;
@@ -56,7 +58,7 @@ bool read_header(Volume& v, const Version& version) {
     v.header_size = static_cast<std::uint32_t>(p - header);
     // A block size of 513 or more is refused (so a volume made with 1024
     // does not mount), as are sizes that do not fit together.
-    if (!valid_block_size(v.block_size) || v.block_size > 512) return false;
+    if (!valid_block_size(v.block_size) || (for_mount && v.block_size > 512)) return false;
     if (v.allocation_size != v.block_bitmap_size + v.node_bitmap_size) return false;
     if (v.allocation_size > kMaxAllocationArea || v.allocation_size < v.block_bitmap_size) return false;
     v.nodes = v.node_table_size / kNodeRecordSize;
@@ -176,7 +178,7 @@ int makefs(Descriptor device, const void* argument) {
     std::vector<std::uint8_t> zeros(allocation, 0);
     if (!device_write(v, static_cast<std::size_t>(p - header), zeros.data(), zeros.size())) return -1;
 
-    if (!read_header(v, *version)) return -1;
+    if (!read_header(v, *version, false)) return -1;
     set_node(v, 0, true);
     NodeRecord root;
     root.kind = kNodeDirectory;

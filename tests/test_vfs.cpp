@@ -1,0 +1,116 @@
+// The filesystem switch's calls, limits and error codes.
+#include "kernel/kernel_errors.h"
+#include "kernel/kernel_start.h"
+#include "kernel/vfs.h"
+#include "support/kernel_helpers.h"
+#include "support/temp_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+using namespace vukra;
+using namespace vukra::kernel;
+
+namespace {
+
+struct Vfs : ::testing::Test {
+    test::TempWorkingDir dir;
+    Vfs() {
+        kernel_start();
+        clear_kernel_error();
+    }
+};
+
+TEST_F(Vfs, CreateExclusiveAndTheOpenFlags) {
+    ASSERT_TRUE(test::put_file("/var/log", "12345"));
+    EXPECT_EQ(kernel::open("/var/log", kOpenWrite | kOpenCreate | kOpenExclusive), -1);
+    EXPECT_EQ(kernel_error(), kErrExists);
+    Descriptor fd = kernel::open("/var/log", kOpenWrite | kOpenCreate | kOpenAppend);
+    ASSERT_GE(fd, 0) << "without exclusive the file opens";
+    EXPECT_EQ(kernel::write(fd, "6", 1), 1);
+    kernel::close(fd);
+    EXPECT_EQ(test::get_file("/var/log"), "123456");
+    fd = kernel::open("/var/log", kOpenWrite | kOpenTruncate);
+    kernel::close(fd);
+    EXPECT_EQ(test::get_file("/var/log"), "");
+    EXPECT_EQ(kernel::open("", kOpenRead), -1);
+    EXPECT_EQ(kernel::open("/var/none", kOpenRead), -1);
+    EXPECT_EQ(kernel_error(), kErrNoNode);
+}
+
+TEST_F(Vfs, TwentyDescriptorsAndNoMore) {
+    std::vector<Descriptor> open_now;
+    for (int i = 0; i < kOpenFileSlots; ++i) {
+        Descriptor fd = kernel::open("/bin/init", kOpenRead);
+        ASSERT_GE(fd, 0) << i;
+        open_now.push_back(fd);
+    }
+    EXPECT_EQ(kernel::open("/bin/init", kOpenRead), -1);
+    EXPECT_EQ(kernel_error(), kErrNoDescriptor);
+    for (Descriptor fd : open_now) kernel::close(fd);
+    EXPECT_GE(kernel::open("/bin/init", kOpenRead), 0);
+}
+
+TEST_F(Vfs, MountsNeedADeviceAndThereAreSix) {
+    EXPECT_EQ(kernel::mount(kUfs, "/bin/init", "/mnt"), -1);
+    EXPECT_EQ(kernel_error(), kErrNotDevice);
+    // Five rootfs-like volumes on the flash disk's node fill the slots the root leaves.
+    UfsMakeArgument make{8, 100, 32, 0x20000};
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(kernel::mkfs(kUfs, "/dev/hd/hdc", &make), 0);
+    testing::internal::GetCapturedStdout();
+    for (int i = 0; i < 5; ++i) {
+        const std::string point = "/mnt/m" + std::to_string(i);
+        ASSERT_EQ(kernel::mkdir(point.c_str()), 0);
+        ASSERT_EQ(kernel::mount(kUfs, "/dev/hd/hdc", point.c_str()), 0) << i;
+    }
+    ASSERT_EQ(kernel::mkdir("/mnt/seventh"), 0);
+    EXPECT_EQ(kernel::mount(kUfs, "/dev/hd/hdc", "/mnt/seventh"), -1);
+    EXPECT_EQ(kernel_error(), kErrNoNode);
+    EXPECT_EQ(kernel::umount("/mnt/m2"), 0);
+    EXPECT_EQ(kernel::mount(kUfs, "/dev/hd/hdc", "/mnt/seventh"), 0) << "a freed slot is used again";
+    EXPECT_EQ(kernel::flush_mounts(), 0);
+    for (int m = 0; m < kMountSlots; ++m) EXPECT_NE(mount_slot(m), nullptr) << m;
+}
+
+TEST_F(Vfs, DevicesAndDirectoriesRefuseWhatTheyAreNot) {
+    ASSERT_EQ(kernel::mknod("/dev/ghost", kCharacterDevice, 40), 0);
+    EXPECT_EQ(kernel::open("/dev/ghost", kOpenRead), -1);
+    EXPECT_EQ(kernel_error(), kErrNotDevice);
+    Descriptor fd = kernel::open("/bin/init", kOpenRead);
+    DirEntry entry{};
+    EXPECT_EQ(kernel::readdir(fd, entry), -1);
+    EXPECT_EQ(kernel_error(), kErrNotDirectory);
+    kernel::close(fd);
+
+    Descriptor null = kernel::open("/dev/null", kOpenRead | kOpenWrite);
+    char byte;
+    EXPECT_EQ(kernel::write(null, "gone", 4), 4);
+    EXPECT_EQ(kernel::read(null, &byte, 1), 0);
+    kernel::close(null);
+    Descriptor board = kernel::open("/dev/board", kOpenRead);
+    std::uint32_t code = 0;
+    EXPECT_EQ(kernel::ioctl(board, kBoardCodeRequest, &code), 0);
+    EXPECT_EQ(code, kBoardCode);
+    EXPECT_EQ(kernel::ioctl(board, 1, nullptr), 0);
+    kernel::close(board);
+}
+
+TEST_F(Vfs, DirectoryPositionsCanBeToldAndSought) {
+    Descriptor fd = kernel::open("/", kOpenRead);
+    DirEntry first{}, entry{};
+    ASSERT_EQ(kernel::readdir(fd, first), 1);
+    long after_first = kernel::telldir(fd);
+    ASSERT_EQ(kernel::readdir(fd, entry), 1);
+    std::string second = entry.name;
+    ASSERT_EQ(kernel::seekdir(fd, after_first), 0);
+    ASSERT_EQ(kernel::readdir(fd, entry), 1);
+    EXPECT_EQ(second, entry.name);
+    ASSERT_EQ(kernel::rewinddir(fd), 0);
+    ASSERT_EQ(kernel::readdir(fd, entry), 1);
+    EXPECT_STREQ(entry.name, first.name);
+    kernel::close(fd);
+}
+
+} // namespace
