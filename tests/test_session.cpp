@@ -1,5 +1,6 @@
 // The session family of exports, through the C interface.
 #include "modbus_vukra.h"
+#include "kernel/kernel_start.h"
 #include "session/session.h"
 #include "support/files.h"
 #include "support/pty_pair.h"
@@ -59,6 +60,8 @@ TEST_F(SessionTest, OnlyOneSessionAtATimeAndReopenAfterClose) {
 
     modbus_vukra_session* again = modbus_vukra_op_session_open(other.slave_path.c_str());
     ASSERT_NE(again, nullptr);
+    EXPECT_TRUE(kernel::kernel_started()) << "the first open started the kernel";
+    EXPECT_EQ(kernel::kernel_start(), -1) << "and no open starts it again";
     EXPECT_EQ(modbus_vukra_op_session_close(again), 0);
 }
 

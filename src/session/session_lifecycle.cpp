@@ -1,6 +1,7 @@
 // Opening and closing a Session.
 #include "session/session.h"
 
+#include "kernel/kernel_start.h"
 #include "table/register_table.h"
 
 #include <atomic>
@@ -48,6 +49,7 @@ Session* open(const char* port_name, std::intptr_t port_handle, const char* tabl
         if (!is_open()) return give_up(s);
         return s;
     }
+    kernel::kernel_start(); // once per process; later calls do nothing
     if (is_open()) return give_up(s);
 
     if (s->verbose) {
