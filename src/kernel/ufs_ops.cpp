@@ -45,9 +45,11 @@ bool read_entries(Volume& v, NodeRecord& dir, std::vector<Entry>& entries) {
 }
 
 std::vector<std::uint8_t> encode(const Entry& e) {
-    std::vector<std::uint8_t> bytes{static_cast<std::uint8_t>(e.node), static_cast<std::uint8_t>(e.node >> 8),
-                                    static_cast<std::uint8_t>(e.name.size())};
-    bytes.insert(bytes.end(), e.name.begin(), e.name.end());
+    std::vector<std::uint8_t> bytes(3 + e.name.size());
+    bytes[0] = static_cast<std::uint8_t>(e.node);
+    bytes[1] = static_cast<std::uint8_t>(e.node >> 8);
+    bytes[2] = static_cast<std::uint8_t>(e.name.size());
+    std::memcpy(bytes.data() + 3, e.name.data(), e.name.size());
     return bytes;
 }
 
@@ -55,7 +57,9 @@ bool write_entries(Volume& v, std::uint32_t n, NodeRecord& dir, const std::vecto
     std::vector<std::uint8_t> bytes;
     for (const Entry& e : entries) {
         std::vector<std::uint8_t> one = encode(e);
-        bytes.insert(bytes.end(), one.begin(), one.end());
+        const std::size_t at = bytes.size();
+        bytes.resize(at + one.size());
+        std::memcpy(bytes.data() + at, one.data(), one.size());
     }
     if (!bytes.empty() && write_bytes(v, n, dir, 0, bytes.data(), bytes.size()) != static_cast<long>(bytes.size()))
         return false;
