@@ -278,6 +278,47 @@ long write_bytes(Volume& v, std::uint32_t n, NodeRecord& node, std::uint32_t pos
     return static_cast<long>(at - position);
 }
 
+bool read_entries(Volume& v, NodeRecord& dir, std::vector<DirectoryEntry>& entries) {
+    constexpr std::uint32_t kMaxDirectoryBytes = 1u << 20;
+    std::uint32_t size = dir.size < kMaxDirectoryBytes ? dir.size : kMaxDirectoryBytes;
+    std::vector<std::uint8_t> bytes(size);
+    long got = read_bytes(v, dir, 0, bytes.data(), bytes.size());
+    if (got < 0) return false;
+    bytes.resize(static_cast<std::size_t>(got));
+    entries.clear();
+    for (std::size_t at = 0; at + 3 <= bytes.size();) {
+        std::uint16_t node = static_cast<std::uint16_t>(bytes[at] | bytes[at + 1] << 8);
+        std::size_t length = bytes[at + 2];
+        if (length == 0 || at + 3 + length > bytes.size()) break;
+        entries.push_back(DirectoryEntry{node, std::string(reinterpret_cast<char*>(&bytes[at + 3]), length),
+                                         static_cast<std::uint32_t>(at)});
+        at += 3 + length;
+    }
+    return true;
+}
+
+void blocks_of(Volume& v, NodeRecord& node, std::vector<std::uint32_t>& blocks) {
+    const std::uint32_t per = v.block_size / 2;
+    auto add = [&](std::uint16_t b) {
+        if (b != kNoBlock) blocks.push_back(b);
+    };
+    const std::uint64_t size = std::min<std::uint64_t>(node.size, v.file_limit);
+    const std::uint32_t count = static_cast<std::uint32_t>((size + v.block_size - 1) / v.block_size);
+    if (count > 0) add(node.direct);
+    if (count > 1) {
+        add(node.single);
+        for (std::uint32_t i = 0; i < per && 1 + i < count; ++i) add(get_entry(v, node.single, i));
+    }
+    if (count > 1 + per) {
+        add(node.twice);
+        for (std::uint32_t o = 0; o < per && 1 + per + o * per < count; ++o) {
+            std::uint16_t inner = get_entry(v, node.twice, o);
+            add(inner);
+            for (std::uint32_t i = 0; i < per && 1 + per + o * per + i < count; ++i) add(get_entry(v, inner, i));
+        }
+    }
+}
+
 bool truncate_node(Volume& v, std::uint32_t n, NodeRecord& node, std::uint32_t length) {
     if (length < node.size) {
         const std::uint32_t keep = (length + v.block_size - 1) / v.block_size; // blocks still holding bytes

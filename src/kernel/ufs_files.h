@@ -3,7 +3,19 @@
 
 #include "kernel/ufs_volume.h"
 
+#include <string>
+#include <vector>
+
 namespace vukra::kernel::ufs {
+
+struct DirectoryEntry {
+    std::uint16_t node;
+    std::string name;
+    std::uint32_t offset; // where it starts in the directory's content
+};
+
+// The entries of a directory; a damaged tail ends the list.
+bool read_entries(Volume& v, NodeRecord& dir, std::vector<DirectoryEntry>& entries);
 
 bool read_node(Volume& v, std::uint32_t n, NodeRecord& node);
 bool write_node(Volume& v, std::uint32_t n, const NodeRecord& node);
@@ -16,6 +28,11 @@ long read_bytes(Volume& v, NodeRecord& node, std::uint32_t position, void* buffe
 // the volume fills up or the file reaches its limit), or -1.
 long write_bytes(Volume& v, std::uint32_t n, NodeRecord& node, std::uint32_t position, const void* buffer,
                  std::size_t count);
+// Every block a file holds, data blocks and blocks of block numbers, as far
+// as its size reaches; numbers outside the volume are given too (they are
+// damage), "none" is not.
+void blocks_of(Volume& v, NodeRecord& node, std::vector<std::uint32_t>& blocks);
+
 // Cuts or extends a file to length, freeing the blocks past it.
 bool truncate_node(Volume& v, std::uint32_t n, NodeRecord& node, std::uint32_t length);
 

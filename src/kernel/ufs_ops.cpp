@@ -13,35 +13,10 @@ namespace vukra::kernel::ufs {
 
 namespace {
 
-constexpr std::uint32_t kMaxDirectoryBytes = 1u << 20;
-
-struct Entry {
-    std::uint16_t node;
-    std::string name;
-    std::uint32_t offset; // where it starts in the directory's content
-};
+using Entry = DirectoryEntry;
 
 bool directory_record(Volume& v, std::uint32_t n, NodeRecord& dir) {
     return read_node(v, n, dir) && dir.kind == kNodeDirectory;
-}
-
-// The entries of a directory; a damaged tail ends the list.
-bool read_entries(Volume& v, NodeRecord& dir, std::vector<Entry>& entries) {
-    std::uint32_t size = dir.size < kMaxDirectoryBytes ? dir.size : kMaxDirectoryBytes;
-    std::vector<std::uint8_t> bytes(size);
-    long got = read_bytes(v, dir, 0, bytes.data(), bytes.size());
-    if (got < 0) return false;
-    bytes.resize(static_cast<std::size_t>(got));
-    entries.clear();
-    for (std::size_t at = 0; at + 3 <= bytes.size();) {
-        std::uint16_t node = static_cast<std::uint16_t>(bytes[at] | bytes[at + 1] << 8);
-        std::size_t length = bytes[at + 2];
-        if (length == 0 || at + 3 + length > bytes.size()) break;
-        entries.push_back(Entry{node, std::string(reinterpret_cast<char*>(&bytes[at + 3]), length),
-                                static_cast<std::uint32_t>(at)});
-        at += 3 + length;
-    }
-    return true;
 }
 
 std::vector<std::uint8_t> encode(const Entry& e) {
