@@ -3,16 +3,19 @@
 # make demo   run the main job against the built-in device emulator
 # make bench  run the benchmarks
 
+SHELL     := /bin/bash
 JOBS      ?= $(shell nproc)
 BUILD     := build
 NATIVE    := $(BUILD)/release
 ASAN      := $(BUILD)/asan
 TSAN      := $(BUILD)/tsan
+FUZZ      := $(BUILD)/fuzz
+FUZZ_SECONDS ?= 30
 WIN64     := $(BUILD)/win-x86_64
 WIN32     := $(BUILD)/win-i686
 CMAKE_GEN := -G Ninja -DMODBUS_VUKRA_WERROR=ON
 
-.PHONY: all deps native win test test-native test-asan test-tsan demo bench clean
+.PHONY: all deps native win test test-native test-asan test-tsan test-fuzz demo bench clean
 
 all: native
 
@@ -42,8 +45,15 @@ test-tsan: deps
 	@cmake --build $(TSAN) -j $(JOBS)
 	cd $(TSAN) && ctest -j $(JOBS) --output-on-failure
 
+# The image fuzzer, built with clang, for a bounded time on every run.
+test-fuzz: deps
+	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMODBUS_VUKRA_FUZZ=ON -DMODBUS_VUKRA_SANITIZE=address,undefined >/dev/null
+	@cmake --build $(FUZZ) -j $(JOBS)
+	@mkdir -p $(FUZZ)/corpus
+	$(FUZZ)/tests/fuzz/ufs_image_fuzzer -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -print_final_stats=1 $(abspath $(FUZZ))/corpus 2>&1 | grep -E 'Done|stat::number_of_executed_units|ERROR|SUMMARY' ; test $${PIPESTATUS[0]} -eq 0
+
 # The native run comes last so that its summary closes the output.
-test: test-asan test-tsan test-native
+test: test-asan test-tsan test-fuzz test-native
 
 demo: native
 	@scripts/demo.sh $(NATIVE)

@@ -10,6 +10,7 @@ packages=(
   mingw-w64 wine wine64
   libexpat1-dev libmodbus-dev
   chromium python3
+  clang libclang-rt-14-dev
 )
 
 missing=()

@@ -70,16 +70,30 @@ bool read_header(Volume& v, const Version& version, bool for_mount = true) {
     v.data_start = v.node_table_start + v.node_table_size;
     const std::uint64_t b = v.block_size;
     v.file_limit = b + (b * b >> 1) + (b * b * b >> 2);
+    // The whole layout must lie on the device.
+    const std::uint64_t end = static_cast<std::uint64_t>(v.data_start) + v.data_size;
+    if (v.device_size != 0 && end > v.device_size) return false;
     v.allocation.assign(v.allocation_size, 0);
     return device_read(v, v.allocation_start, v.allocation.data(), v.allocation.size());
+}
+
+std::uint64_t device_size_of(Descriptor device) {
+    std::int32_t size = 0;
+    std::int32_t* where = &size;
+    return ioctl(device, 1, &where) == 0 && size > 0 ? static_cast<std::uint64_t>(size) : 0;
 }
 
 } // namespace
 
 Volume& volume_of(Mount& m) { return *static_cast<Volume*>(m.data); }
 
+// Transfers stay on the device: a damaged volume cannot reach past its end.
+bool on_device(const Volume& v, std::uint64_t offset, std::size_t count) {
+    return v.device_size == 0 || offset + count <= v.device_size;
+}
+
 bool device_read(Volume& v, std::uint64_t offset, void* buffer, std::size_t count) {
-    if (offset > 0x7FFFFFFF || lseek(v.device, static_cast<long>(offset), 0) != static_cast<long>(offset)) return false;
+    if (!on_device(v, offset, count) || offset > 0x7FFFFFFF || lseek(v.device, static_cast<long>(offset), 0) != static_cast<long>(offset)) return false;
     auto* p = static_cast<std::uint8_t*>(buffer);
     while (count > 0) {
         long n = read(v.device, p, count);
@@ -91,7 +105,7 @@ bool device_read(Volume& v, std::uint64_t offset, void* buffer, std::size_t coun
 }
 
 bool device_write(Volume& v, std::uint64_t offset, const void* buffer, std::size_t count) {
-    if (offset > 0x7FFFFFFF || lseek(v.device, static_cast<long>(offset), 0) != static_cast<long>(offset)) return false;
+    if (!on_device(v, offset, count) || offset > 0x7FFFFFFF || lseek(v.device, static_cast<long>(offset), 0) != static_cast<long>(offset)) return false;
     const auto* p = static_cast<const std::uint8_t*>(buffer);
     while (count > 0) {
         long n = write(v.device, p, count);
@@ -167,6 +181,7 @@ int makefs(Descriptor device, const void* argument) {
 
     Volume v;
     v.device = device;
+    v.device_size = device_size_of(device);
     std::uint8_t header[29];
     std::uint8_t* p = header;
     std::memcpy(p, version->text, kVersionLength);
@@ -199,6 +214,7 @@ int readfs(Mount& m) {
     auto* v = static_cast<Volume*>(m.data);
     if (v == nullptr) v = new Volume;
     v->device = m.device;
+    v->device_size = device_size_of(m.device);
     char text[kVersionLength];
     const Version* version = device_read(*v, 0, text, sizeof text) ? find_version(text) : nullptr;
     if (version == nullptr || !read_header(*v, *version)) {

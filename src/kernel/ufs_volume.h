@@ -28,6 +28,7 @@ struct NodeRecord {
 
 struct Volume {
     Descriptor device = -1;
+    std::uint64_t device_size = 0; // from the device's ioctl 1; 0 when it does not tell
     std::uint32_t header_size = 0;
     std::uint32_t block_size = 0;
     std::uint32_t allocation_size = 0;
