@@ -28,34 +28,48 @@ std::uint64_t block_offset(const Volume& v, std::uint16_t block) {
     return v.data_start + static_cast<std::uint64_t>(block) * v.block_size;
 }
 
-// An indirect block's bytes, from the cache or the device; null when the
-// block number is out of the volume or the device fails.
-const std::vector<std::uint8_t>* indirect_block(Volume& v, std::uint16_t block) {
+// A cache slot for block, its bytes read (or, with fill, set to fill's
+// value rather than read); null when the block is out of the volume or the
+// device fails. An evicted changed block is written back first.
+Volume::CachedBlock* cache_slot(Volume& v, std::uint16_t block, int fill = -1) {
     if (block >= v.blocks) return nullptr;
-    for (auto& cached : v.indirect)
-        if (cached.number == block) return &cached.bytes;
+    for (auto& cached : v.indirect) {
+        if (cached.number == block) {
+            if (fill >= 0) {
+                std::fill(cached.bytes.begin(), cached.bytes.end(), static_cast<std::uint8_t>(fill));
+                cached.dirty = true;
+            }
+            return &cached;
+        }
+    }
     auto& slot = v.indirect[v.next_victim++ % v.indirect.size()];
+    if (slot.dirty && !device_write(v, block_offset(v, slot.number), slot.bytes.data(), slot.bytes.size()))
+        return nullptr;
     slot.bytes.resize(v.block_size);
     slot.number = kNoBlock;
-    if (!device_read(v, block_offset(v, block), slot.bytes.data(), slot.bytes.size())) return nullptr;
+    slot.dirty = false;
+    if (fill >= 0) {
+        std::fill(slot.bytes.begin(), slot.bytes.end(), static_cast<std::uint8_t>(fill));
+        slot.dirty = true;
+    } else if (!device_read(v, block_offset(v, block), slot.bytes.data(), slot.bytes.size())) {
+        return nullptr;
+    }
     slot.number = block;
-    return &slot.bytes;
+    return &slot;
 }
 
 // Entry i of a block of block numbers; kNoBlock when absent or unreadable.
 std::uint16_t get_entry(Volume& v, std::uint16_t list, std::uint32_t i) {
-    const std::vector<std::uint8_t>* bytes = indirect_block(v, list);
-    if (bytes == nullptr || (i + 1) * 2 > bytes->size()) return kNoBlock;
-    return u16_at(bytes->data() + i * 2);
+    Volume::CachedBlock* c = cache_slot(v, list);
+    if (c == nullptr || (i + 1) * 2 > c->bytes.size()) return kNoBlock;
+    return u16_at(c->bytes.data() + i * 2);
 }
 
 bool set_entry(Volume& v, std::uint16_t list, std::uint32_t i, std::uint16_t value) {
-    if (list >= v.blocks || (i + 1) * 2 > v.block_size) return false;
-    std::uint8_t bytes[2];
-    put_u16(bytes, value);
-    if (!device_write(v, block_offset(v, list) + i * 2, bytes, 2)) return false;
-    for (auto& cached : v.indirect)
-        if (cached.number == list) put_u16(cached.bytes.data() + i * 2, value);
+    Volume::CachedBlock* c = cache_slot(v, list);
+    if (c == nullptr || (i + 1) * 2 > c->bytes.size()) return false;
+    put_u16(c->bytes.data() + i * 2, value);
+    c->dirty = true;
     return true;
 }
 
@@ -65,11 +79,7 @@ bool set_entry(Volume& v, std::uint16_t list, std::uint32_t i, std::uint16_t val
 long new_block(Volume& v, bool as_list) {
     long block = allocate_block(v);
     if (block < 0 || !as_list) return block;
-    std::vector<std::uint8_t> none(v.block_size, 0xFF);
-    if (!device_write(v, block_offset(v, static_cast<std::uint16_t>(block)), none.data(), none.size())) return -1;
-    for (auto& cached : v.indirect)
-        if (cached.number == block) cached.number = kNoBlock;
-    return block;
+    return cache_slot(v, static_cast<std::uint16_t>(block), 0xFF) ? block : -1;
 }
 
 // A block number held in a node record's field: the block, made when
@@ -118,8 +128,16 @@ std::uint16_t map_block(Volume& v, NodeRecord& node, std::uint32_t index, bool c
     return inner == kNoBlock ? kNoBlock : entry_block(v, inner, index % per, create, false, fresh);
 }
 
+// Frees a block; a cached copy goes too, so that no write-back lands on
+// the block's next use.
 void release(Volume& v, std::uint16_t& block) {
     if (block < v.blocks) set_block(v, block, false);
+    for (auto& cached : v.indirect) {
+        if (cached.number == block) {
+            cached.number = kNoBlock;
+            cached.dirty = false;
+        }
+    }
     block = kNoBlock;
 }
 
@@ -160,6 +178,23 @@ void free_blocks_from(Volume& v, NodeRecord& node, std::uint32_t first) {
 }
 
 } // namespace
+
+bool flush_indirect(Volume& v) {
+    bool ok = true;
+    for (auto& cached : v.indirect) {
+        if (!cached.dirty) continue;
+        ok = device_write(v, block_offset(v, cached.number), cached.bytes.data(), cached.bytes.size()) && ok;
+        cached.dirty = false;
+    }
+    return ok;
+}
+
+void forget_indirect(Volume& v) {
+    for (auto& cached : v.indirect) {
+        cached.number = kNoBlock;
+        cached.dirty = false;
+    }
+}
 
 bool read_node(Volume& v, std::uint32_t n, NodeRecord& node) {
     std::uint8_t r[kNodeRecordSize];
@@ -265,7 +300,7 @@ long write_bytes(Volume& v, std::uint32_t n, NodeRecord& node, std::uint32_t pos
         }
         at += take;
     }
-    if (!flush()) return -1;
+    if (!flush() || !flush_indirect(v)) return -1;
     if (at > node.size) {
         node.size = static_cast<std::uint32_t>(at);
         record_changed = true;
@@ -335,7 +370,7 @@ bool truncate_node(Volume& v, std::uint32_t n, NodeRecord& node, std::uint32_t l
     }
     node.size = length;
     node.time = seconds_now();
-    return write_node(v, n, node);
+    return flush_indirect(v) && write_node(v, n, node);
 }
 
 } // namespace vukra::kernel::ufs

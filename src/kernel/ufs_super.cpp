@@ -119,6 +119,7 @@ bool device_write(Volume& v, std::uint64_t offset, const void* buffer, std::size
 bool block_used(const Volume& v, std::uint32_t block) { return v.allocation[block / 8] >> (block % 8) & 1; }
 
 void set_block(Volume& v, std::uint32_t block, bool used) {
+    if (!used && block < v.free_hint) v.free_hint = block;
     std::uint8_t bit = static_cast<std::uint8_t>(1u << (block % 8));
     v.allocation[block / 8] = static_cast<std::uint8_t>(used ? v.allocation[block / 8] | bit : v.allocation[block / 8] & ~bit);
 }
@@ -134,11 +135,12 @@ void set_node(Volume& v, std::uint32_t node, bool used) {
 }
 
 long allocate_block(Volume& v) {
-    for (std::uint32_t byte = 0; byte * 8 < v.blocks; ++byte) {
+    for (std::uint32_t byte = v.free_hint / 8; byte * 8 < v.blocks; ++byte) {
         if (v.allocation[byte] == 0xFF) continue;
         for (std::uint32_t b = byte * 8; b < byte * 8 + 8 && b < v.blocks; ++b) {
             if (!block_used(v, b)) {
                 set_block(v, b, true);
+                v.free_hint = b + 1;
                 return b;
             }
         }
@@ -222,7 +224,8 @@ int readfs(Mount& m) {
         m.data = nullptr;
         return -1;
     }
-    for (auto& cached : v->indirect) cached.number = kNoBlock;
+    forget_indirect(*v);
+    v->free_hint = 0;
     m.data = v;
     m.count = v->nodes;
     return 0;
@@ -230,6 +233,7 @@ int readfs(Mount& m) {
 
 int writefs(Mount& m) {
     Volume& v = volume_of(m);
+    if (!flush_indirect(v)) return -1;
     std::vector<std::uint8_t> on_disk(v.allocation.size());
     if (device_read(v, v.allocation_start, on_disk.data(), on_disk.size()) && on_disk == v.allocation) return 0;
     return device_write(v, v.allocation_start, v.allocation.data(), v.allocation.size()) ? 0 : -1;

@@ -42,14 +42,18 @@ struct Volume {
     std::uint64_t file_limit = 0; // b + b*b/2 + b*b*b/4 bytes
     std::vector<std::uint8_t> allocation; // the block bitmap, then the node bitmap
 
-    // The last indirect blocks read, by block number: mapping a file's
-    // blocks reads the same few again and again.
+    // The blocks of block numbers in use, by block number: mapping a
+    // file's blocks reads the same few again and again, and writing a file
+    // changes them entry by entry. Changed ones are written back whole by
+    // flush_indirect, at the end of every operation that changes them.
     struct CachedBlock {
         std::uint16_t number = kNoBlock;
+        bool dirty = false;
         std::vector<std::uint8_t> bytes;
     };
     std::array<CachedBlock, 4> indirect;
     unsigned next_victim = 0;
+    std::uint32_t free_hint = 0; // no free block lies below it
 };
 
 Volume& volume_of(Mount& m);
@@ -68,6 +72,11 @@ long allocate_block(Volume& v);
 long allocate_node(Volume& v);
 
 std::uint32_t seconds_now();
+
+// Writes the changed cached blocks of block numbers back; false when the device fails.
+bool flush_indirect(Volume& v);
+// Forgets the cached blocks (after a flush), as a new mount must.
+void forget_indirect(Volume& v);
 
 // The superblock operations of the filesystem operation table.
 int makefs(Descriptor device, const void* argument);
