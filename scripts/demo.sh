@@ -55,6 +55,16 @@ ls generated
 grep -A3 'ModbusTableIndex' generated/mb_Data.c
 grep -c '<TR bgcolor' generated/modbus_live.html | sed 's/^/live page rows: /'
 
+step "An SD card image prepared on the host with the library's kernel"
+ufs=$build/tools/vukra-ufs
+"$ufs" card.o mkfs --nodes 64
+"$ufs" card.o mkdir /etc
+"$ufs" card.o put table.xml /etc/table.xml
+"$ufs" card.o put generated/mb_Data.c /mb_Data.c
+"$ufs" card.o tree
+"$ufs" card.o df
+"$ufs" card.o check
+
 step "What the command line refuses before anything is sent"
 "$vukra" -p "$port" reg write offset_trim 70000 || true
 "$vukra" -p "$port" reg read no_such_register || true

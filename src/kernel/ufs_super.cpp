@@ -70,9 +70,13 @@ bool read_header(Volume& v, const Version& version, bool for_mount = true) {
     v.data_start = v.node_table_start + v.node_table_size;
     const std::uint64_t b = v.block_size;
     v.file_limit = b + (b * b >> 1) + (b * b * b >> 2);
-    // The whole layout must lie on the device.
-    const std::uint64_t end = static_cast<std::uint64_t>(v.data_start) + v.data_size;
-    if (v.device_size != 0 && end > v.device_size) return false;
+    // mkfs leaves 5 blocks of slack for the header and the bitmaps, which
+    // can need more: blocks past the device's end are never used.
+    if (v.device_size != 0) {
+        if (v.data_start > v.device_size) return false;
+        const std::uint64_t on_device = (v.device_size - v.data_start) / v.block_size;
+        if (on_device < v.blocks) v.blocks = static_cast<std::uint32_t>(on_device);
+    }
     v.allocation.assign(v.allocation_size, 0);
     return device_read(v, v.allocation_start, v.allocation.data(), v.allocation.size());
 }

@@ -204,6 +204,9 @@ int main(int argc, char** argv) {
         if (e) return fail("cannot make " + image.string());
     }
 
+    // Host paths are the caller's, read after the workspace changed directory.
+    if (command == "put" && !rest.empty()) rest[0] = fs::absolute(rest[0]).string();
+    if (command == "get" && rest.size() > 1) rest[1] = fs::absolute(rest[1]).string();
     Workspace work(image);
     if (!work.ok) return fail("cannot set up a workspace for " + image.string());
     kernel_start();
