@@ -60,22 +60,26 @@ int always_ready(Descriptor) { return 1; }
 // ---- hda: the system disk, in memory
 std::vector<std::uint8_t> system_disk(64 * 1024, 0);
 
-long hda_read(Descriptor fd, void* buffer, std::size_t count) {
+// Moves bytes between the disk at the descriptor's position and buffer.
+long hda_transfer(Descriptor fd, std::uint8_t* buffer, std::size_t count, bool writing) {
     std::int32_t& position = descriptor_position(fd);
     if (position < 0 || static_cast<std::size_t>(position) >= system_disk.size()) return -1;
     std::size_t n = std::min(count, system_disk.size() - static_cast<std::size_t>(position));
-    std::memcpy(buffer, system_disk.data() + position, n);
+    if (writing)
+        std::memcpy(system_disk.data() + position, buffer, n);
+    else
+        std::memcpy(buffer, system_disk.data() + position, n);
     position += static_cast<std::int32_t>(n);
     return static_cast<long>(n);
 }
 
+long hda_read(Descriptor fd, void* buffer, std::size_t count) {
+    return hda_transfer(fd, static_cast<std::uint8_t*>(buffer), count, false);
+}
+
 long hda_write(Descriptor fd, const void* buffer, std::size_t count) {
-    std::int32_t& position = descriptor_position(fd);
-    if (position < 0 || static_cast<std::size_t>(position) >= system_disk.size()) return -1;
-    std::size_t n = std::min(count, system_disk.size() - static_cast<std::size_t>(position));
-    std::memcpy(system_disk.data() + position, buffer, n);
-    position += static_cast<std::int32_t>(n);
-    return static_cast<long>(n);
+    // Only read from: the transfer writes into the disk.
+    return hda_transfer(fd, const_cast<std::uint8_t*>(static_cast<const std::uint8_t*>(buffer)), count, true);
 }
 
 long hda_seek(Descriptor fd, long offset, int whence) {

@@ -177,6 +177,35 @@ void free_blocks_from(Volume& v, NodeRecord& node, std::uint32_t first) {
     }
 }
 
+// Consecutive device bytes gathered into one transfer: a file's blocks
+// mostly follow each other on the device.
+struct Run {
+    Volume& v;
+    bool writing;
+    std::uint64_t device = 0;
+    std::uint64_t length = 0;
+    std::uint8_t* memory = nullptr; // only read from when writing
+
+    bool add(std::uint64_t at, std::uint8_t* where, std::size_t count) {
+        if (length > 0 && device + length == at) {
+            length += count;
+            return true;
+        }
+        if (!flush()) return false;
+        device = at;
+        length = count;
+        memory = where;
+        return true;
+    }
+
+    bool flush() {
+        if (length == 0) return true;
+        bool ok = writing ? device_write(v, device, memory, length) : device_read(v, device, memory, length);
+        length = 0;
+        return ok;
+    }
+};
+
 } // namespace
 
 bool flush_indirect(Volume& v) {
@@ -223,15 +252,7 @@ long read_bytes(Volume& v, NodeRecord& node, std::uint32_t position, void* buffe
     if (end <= position) return 0;
     auto* out = static_cast<std::uint8_t*>(buffer);
     std::uint64_t at = position;
-    // Runs of consecutive device blocks are read in one transfer.
-    std::uint64_t run_device = 0, run_length = 0;
-    std::uint8_t* run_out = out;
-    auto flush = [&]() -> bool {
-        if (run_length == 0) return true;
-        bool ok = device_read(v, run_device, run_out, run_length);
-        run_length = 0;
-        return ok;
-    };
+    Run run{v, false};
     while (at < end) {
         const std::uint32_t index = static_cast<std::uint32_t>(at / v.block_size);
         const std::uint32_t within = static_cast<std::uint32_t>(at % v.block_size);
@@ -240,22 +261,14 @@ long read_bytes(Volume& v, NodeRecord& node, std::uint32_t position, void* buffe
         std::uint16_t block = map_block(v, node, index, false, changed);
         std::uint8_t* target = out + (at - position);
         if (block == kNoBlock) {
-            if (!flush()) return -1;
+            if (!run.flush()) return -1;
             std::memset(target, 0, take); // a hole reads as zeros
-        } else {
-            std::uint64_t device_at = block_offset(v, block) + within;
-            if (run_length > 0 && run_device + run_length == device_at) {
-                run_length += take;
-            } else {
-                if (!flush()) return -1;
-                run_device = device_at;
-                run_length = take;
-                run_out = target;
-            }
+        } else if (!run.add(block_offset(v, block) + within, target, take)) {
+            return -1;
         }
         at += take;
     }
-    if (!flush()) return -1;
+    if (!run.flush()) return -1;
     return static_cast<long>(end - position);
 }
 
@@ -263,17 +276,10 @@ long write_bytes(Volume& v, std::uint32_t n, NodeRecord& node, std::uint32_t pos
                  std::size_t count) {
     std::uint64_t end = std::min<std::uint64_t>(static_cast<std::uint64_t>(position) + count, v.file_limit);
     if (end <= position) return count == 0 ? 0 : -1;
-    const auto* in = static_cast<const std::uint8_t*>(buffer);
+    auto* in = const_cast<std::uint8_t*>(static_cast<const std::uint8_t*>(buffer)); // only read from
     bool record_changed = false;
     std::uint64_t at = position;
-    std::uint64_t run_device = 0, run_length = 0;
-    const std::uint8_t* run_in = in;
-    auto flush = [&]() -> bool {
-        if (run_length == 0) return true;
-        bool ok = device_write(v, run_device, run_in, run_length);
-        run_length = 0;
-        return ok;
-    };
+    Run run{v, true};
     while (at < end) {
         const std::uint32_t index = static_cast<std::uint32_t>(at / v.block_size);
         const std::uint32_t within = static_cast<std::uint32_t>(at % v.block_size);
@@ -284,23 +290,14 @@ long write_bytes(Volume& v, std::uint32_t n, NodeRecord& node, std::uint32_t pos
         record_changed = record_changed || changed;
         if (fresh && take < v.block_size) {
             // A new block this write covers in part: the rest reads as zeros.
-            if (!flush()) return -1;
+            if (!run.flush()) return -1;
             std::vector<std::uint8_t> zeros(v.block_size, 0);
             if (!device_write(v, block_offset(v, block), zeros.data(), zeros.size())) return -1;
         }
-        std::uint64_t device_at = block_offset(v, block) + within;
-        const std::uint8_t* source = in + (at - position);
-        if (run_length > 0 && run_device + run_length == device_at) {
-            run_length += take;
-        } else {
-            if (!flush()) return -1;
-            run_device = device_at;
-            run_length = take;
-            run_in = source;
-        }
+        if (!run.add(block_offset(v, block) + within, in + (at - position), take)) return -1;
         at += take;
     }
-    if (!flush() || !flush_indirect(v)) return -1;
+    if (!run.flush() || !flush_indirect(v)) return -1;
     if (at > node.size) {
         node.size = static_cast<std::uint32_t>(at);
         record_changed = true;
