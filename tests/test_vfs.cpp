@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <vector>
 
 using namespace vukra;
@@ -95,6 +96,26 @@ TEST_F(Vfs, DevicesAndDirectoriesRefuseWhatTheyAreNot) {
     EXPECT_EQ(code, kBoardCode);
     EXPECT_EQ(kernel::ioctl(board, 1, nullptr), 0);
     kernel::close(board);
+}
+
+TEST_F(Vfs, ADescriptorLinkOpensTheLinkedDescriptorAgain) {
+    Descriptor pipe = kernel::open("/dev/fifo", kOpenRead | kOpenWrite);
+    ASSERT_GE(pipe, 0);
+    ASSERT_EQ(kernel::link_descriptor(pipe, "/var/pipe"), 0);
+    NodeStatus status{};
+    ASSERT_EQ(kernel::stat("/var/pipe", status), 0);
+    EXPECT_EQ(status.device, 12 + pipe);
+    Descriptor again = kernel::open("/var/pipe", kOpenRead);
+    ASSERT_GE(again, 0);
+    EXPECT_EQ(kernel::write(pipe, "through", 7), 7);
+    char back[7];
+    EXPECT_EQ(kernel::read(again, back, sizeof back), 7) << "one pipe behind both descriptors";
+    EXPECT_EQ(std::string(back, 7), "through");
+    EXPECT_EQ(kernel::rmnod("/bin/init"), -1) << "only descriptor links";
+    EXPECT_EQ(kernel::rmnod("/var/pipe"), 0);
+    EXPECT_EQ(kernel::stat("/var/pipe", status), -1);
+    kernel::close(again);
+    kernel::close(pipe);
 }
 
 TEST_F(Vfs, DirectoryPositionsCanBeToldAndSought) {

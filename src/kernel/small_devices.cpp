@@ -27,7 +27,8 @@ long swallow(Descriptor, const void*, std::size_t count) { return static_cast<lo
 int accept(Descriptor, std::uint32_t) { return 0; }
 int done(Descriptor) { return 0; }
 
-// ---- fifo: one byte queue per pipe, numbered by the descriptor that made it
+// ---- fifo: one byte queue per pipe, numbered by the descriptor that made
+// it; a copy made through a descriptor link shares its origin's pipe.
 std::deque<std::uint8_t> pipes[kOpenFileSlots];
 
 int fifo_open(Descriptor fd, std::uint32_t) {
@@ -36,6 +37,7 @@ int fifo_open(Descriptor fd, std::uint32_t) {
 }
 
 long fifo_read(Descriptor fd, void* buffer, std::size_t count) {
+    fd = descriptor_origin(fd);
     if (fd < 0 || fd >= kOpenFileSlots) return -1;
     auto& q = pipes[fd];
     std::size_t n = count < q.size() ? count : q.size();
@@ -48,13 +50,17 @@ long fifo_read(Descriptor fd, void* buffer, std::size_t count) {
 }
 
 long fifo_write(Descriptor fd, const void* buffer, std::size_t count) {
+    fd = descriptor_origin(fd);
     if (fd < 0 || fd >= kOpenFileSlots) return -1;
     const auto* in = static_cast<const std::uint8_t*>(buffer);
     pipes[fd].insert(pipes[fd].end(), in, in + count);
     return static_cast<long>(count);
 }
 
-int fifo_ready_read(Descriptor fd) { return fd >= 0 && fd < kOpenFileSlots && !pipes[fd].empty(); }
+int fifo_ready_read(Descriptor fd) {
+    fd = descriptor_origin(fd);
+    return fd >= 0 && fd < kOpenFileSlots && !pipes[fd].empty();
+}
 int always_ready(Descriptor) { return 1; }
 
 // ---- hda: the system disk, in memory

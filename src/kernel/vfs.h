@@ -138,6 +138,10 @@ int truncate(Descriptor fd, std::uint32_t length);
 
 int mkdir(const char* path, int mode = 0);
 int mknod(const char* path, int kind, std::int16_t device);
+// A descriptor link: a node at path through which the open descriptor fd
+// (and its fifo chain) is opened again; its device number is 12 plus fd.
+int link_descriptor(Descriptor fd, const char* path);
+int rmnod(const char* path); // removes a descriptor link
 int remove(const char* path); // a file, an empty directory or a node
 int rename(const char* from, const char* to);
 int stat(const char* path, NodeStatus& status);
@@ -150,6 +154,8 @@ int rewinddir(Descriptor fd);
 
 // The position field of an open-file slot, which device drivers use as theirs.
 std::int32_t& descriptor_position(Descriptor fd);
+// The descriptor an open one was cloned from through a descriptor link, or itself.
+Descriptor descriptor_origin(Descriptor fd);
 // The driver's device number of an open device descriptor.
 int descriptor_device(Descriptor fd);
 

@@ -35,7 +35,8 @@ void release_slot(OpenFile& f) {
 // A device node opened: through its driver from now on.
 int open_device(Descriptor fd, OpenFile& f, std::uint32_t flags) {
     if (f.attributes & kNodeLink) {
-        OpenFile* linked = slot(static_cast<Descriptor>(f.device - kLinkBase));
+        const Descriptor origin = static_cast<Descriptor>(f.device - kLinkBase);
+        OpenFile* linked = slot(origin);
         if (linked == nullptr) {
             release_slot(f);
             return fail(kErrNotDevice);
@@ -43,7 +44,7 @@ int open_device(Descriptor fd, OpenFile& f, std::uint32_t flags) {
         std::int16_t owner = f.owner;
         f = *linked;
         f.owner = owner;
-        f.cloned_from = static_cast<std::int16_t>(f.device - kLinkBase);
+        f.cloned_from = origin;
         return 0;
     }
     const DriverDescriptor* driver = device_driver(f.device);
@@ -158,6 +159,26 @@ int mknod(const char* path, int kind, std::int16_t device) {
     if (create_node(path, static_cast<std::uint8_t>(kind), &made) != 0) return -1;
     const FsOps& ops = ops_of(made.mount);
     return ops.set_device ? ops.set_device(mounts[made.mount], made.node, device) : -1;
+}
+
+int link_descriptor(Descriptor fd, const char* path) {
+    OpenFile* f = slot(fd);
+    if (f == nullptr) return fail(kErrNoNode);
+    if (mknod(path, kNodeLink, static_cast<std::int16_t>(kLinkBase + fd)) != 0) return -1;
+    for (Descriptor d = fd; d >= 0 && d < kOpenFileSlots && open_files[d].used;) {
+        open_files[d].attributes |= kNodeLink;
+        Descriptor next = open_files[d].next_reader;
+        if (next == d) break;
+        d = next;
+    }
+    return 0;
+}
+
+int rmnod(const char* path) {
+    NodeStatus status{};
+    if (kernel::stat(path, status) != 0) return -1;
+    if (status.kind != kNodeLink) return fail(kErrNotDevice);
+    return kernel::remove(path);
 }
 
 int remove(const char* path) {

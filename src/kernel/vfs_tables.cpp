@@ -76,6 +76,11 @@ std::int32_t& descriptor_position(Descriptor fd) {
     return f ? f->position : (nowhere = 0);
 }
 
+Descriptor descriptor_origin(Descriptor fd) {
+    detail::OpenFile* f = detail::slot(fd);
+    return f && f->cloned_from >= 0 ? f->cloned_from : fd;
+}
+
 int descriptor_device(Descriptor fd) {
     detail::OpenFile* f = detail::slot(fd);
     return f ? f->device : -1;
