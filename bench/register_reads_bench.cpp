@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fcntl.h>
 #include <poll.h>
 #include <string>
@@ -48,13 +49,8 @@ double vukra_reads_per_second() {
     int null = open("/dev/null", O_WRONLY);
     std::fflush(stdout);
     dup2(null, 1);
-    std::FILE* table = std::fopen("table.xml", "w");
-    std::FILE* example = std::fopen(VUKRA_EXAMPLES_DIR "/table.xml", "r");
-    char buffer[4096];
-    std::size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, example)) > 0) std::fwrite(buffer, 1, n, table);
-    std::fclose(example);
-    std::fclose(table);
+    std::filesystem::copy_file(VUKRA_EXAMPLES_DIR "/table.xml", "table.xml",
+                               std::filesystem::copy_options::overwrite_existing);
     modbus_vukra_session* s = modbus_vukra_op_session_open(port.c_str());
     long reads = 0, failures = 0;
     auto start = Clock::now();

@@ -9,12 +9,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 . "$root/scripts/pty_program.sh"
 vukra=$build/tools/vukra
 work=$(mktemp -d)
-sim_pid=
-cleanup() {
-  [ -n "$sim_pid" ] && kill "$sim_pid" 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+trap 'stop_pty_programs; rm -rf "$work"' EXIT
 
 step() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
 
@@ -24,7 +19,6 @@ cd "$work"
 step "SLIP packets both ways on a pseudo-terminal"
 "$build/examples/link_demo"
 start_pty_program sim.out "$build/tools/vukra-sim" --table table.xml 2>sim.err
-sim_pid=$PTY_PID
 port=$PTY_PATH
 step "vukra-sim plays the device on $port"
 cat sim.err

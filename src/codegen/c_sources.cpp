@@ -176,11 +176,13 @@ void write_data_file() {
     std::fprintf(f, "#include \"%s\"\n", header_file("Type").c_str());
     std::fprintf(f, "#include \"%s\"\n\n", header_file("Header").c_str());
     const std::vector<TableInfo> tables = table::tables();
+    std::vector<std::vector<std::pair<RegisterRecord, TypeRecord>>> registers; // of each table, for the index too
     for (const TableInfo& t : tables) {
+        registers.push_back(table::registers_of(t));
         std::fprintf(f, "// Table %s\n", text(t.name));
         std::fprintf(f, "const ModbusRegister ModbusRegister%s [] = {\n", text(t.name));
         char separator = ' ';
-        for (const auto& [reg, type] : table::registers_of(t)) {
+        for (const auto& [reg, type] : registers.back()) {
             std::string read = readable(reg) ? register_function(Direction::kRead, reg) : "0";
             std::string write = writable(reg) ? register_function(Direction::kWrite, reg) : "0";
             std::fprintf(f, "   %c{ 0x%04X, (void*)%s, (void*)%s, %s %s, %i,sizeof(%s)}\n", separator, reg.offset,
@@ -197,12 +199,11 @@ void write_data_file() {
     std::fprintf(f, "// Index\n");
     std::fprintf(f, "const ModbusTable ModbusTableIndex [] = {\n");
     char separator = ' ';
-    for (const TableInfo& t : tables) {
-        int count = 0, words = 0;
-        for (const auto& entry : table::registers_of(t)) {
-            ++count;
-            words += entry.second.words;
-        }
+    for (std::size_t i = 0; i < tables.size(); ++i) {
+        const TableInfo& t = tables[i];
+        const int count = static_cast<int>(registers[i].size());
+        int words = 0;
+        for (const auto& entry : registers[i]) words += entry.second.words;
         std::fprintf(f, "  %c{ (ModbusRegister *)ModbusRegister%s, 0x%04X, %d, %d }\n", separator, text(t.name), t.base,
                      count, words);
         separator = ',';

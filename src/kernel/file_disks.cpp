@@ -94,24 +94,26 @@ int disk_close(Descriptor) {
     return 0;
 }
 
-template <FileDisk& d>
-long disk_read(Descriptor fd, void* buffer, std::size_t count) {
+// A read or write at the descriptor's position: refused at or past the
+// size, not cut there (a transfer that starts inside may run past it).
+template <FileDisk& d, typename Transfer>
+long disk_transfer(Descriptor fd, Transfer&& transfer) {
     std::int32_t& position = descriptor_position(fd);
     if (d.handle == -1 || position >= d.size) return -1;
     host_seek(d, position, platform::kSeekSet);
-    long n = platform::file_read(d.handle, buffer, count);
+    long n = transfer(d.handle);
     position = static_cast<std::int32_t>(host_seek(d, 0, platform::kSeekCurrent));
     return n;
 }
 
 template <FileDisk& d>
+long disk_read(Descriptor fd, void* buffer, std::size_t count) {
+    return disk_transfer<d>(fd, [&](int h) { return platform::file_read(h, buffer, count); });
+}
+
+template <FileDisk& d>
 long disk_write(Descriptor fd, const void* buffer, std::size_t count) {
-    std::int32_t& position = descriptor_position(fd);
-    if (d.handle == -1 || position >= d.size) return -1;
-    host_seek(d, position, platform::kSeekSet);
-    long n = platform::file_write(d.handle, buffer, count);
-    position = static_cast<std::int32_t>(host_seek(d, 0, platform::kSeekCurrent));
-    return n;
+    return disk_transfer<d>(fd, [&](int h) { return platform::file_write(h, buffer, count); });
 }
 
 // The SD card's end is fixed at 8 MiB whatever its size, as the device has it.

@@ -133,13 +133,6 @@ int readdir(Mount& m, std::uint32_t dir, std::int32_t& cookie, DirEntry& entry) 
     return 1;
 }
 
-long telldir(Mount&, std::uint32_t, std::int32_t cookie) { return cookie; }
-
-int seekdir(Mount&, std::uint32_t, std::int32_t& cookie, long to) {
-    cookie = static_cast<std::int32_t>(to);
-    return 0;
-}
-
 int set_device(Mount& m, std::uint32_t node, std::int16_t device) {
     RootNode* n = node_at(m, node);
     if (n == nullptr) return -1;
@@ -205,7 +198,7 @@ int fsstatus(Mount& m, FsStatus& s) {
 
 extern const FsOps kRootFsOps;
 const FsOps kRootFsOps{
-    nullptr, lookup,     nullptr, readfs,  nullptr, remove,   mountpoint, readdir, telldir, seekdir, rename,
+    nullptr, lookup,     nullptr, readfs,  nullptr, remove,   mountpoint, readdir, cookie_telldir, cookie_seekdir, rename,
     set_device, create, acquire, release, read,    write,    seek,       truncate, status,  fsstatus, drop,
 };
 

@@ -154,13 +154,6 @@ int readdir(Mount& m, std::uint32_t dir, std::int32_t& cookie, DirEntry& out) {
     return 0;
 }
 
-long telldir(Mount&, std::uint32_t, std::int32_t cookie) { return cookie; }
-
-int seekdir(Mount&, std::uint32_t, std::int32_t& cookie, long to) {
-    cookie = static_cast<std::int32_t>(to);
-    return 0;
-}
-
 int set_device(Mount& m, std::uint32_t n, std::int16_t device) {
     Volume& v = volume_of(m);
     NodeRecord record;
@@ -226,7 +219,7 @@ extern const FsOps kUfsOps;
 extern const FsOps kUfsxOps;
 const FsOps kUfsOps{
     nullptr,          ufs::lookup,  ufs::makefs, ufs::readfs,       ufs::writefs, ufs::remove,
-    ufs::mountpoint,  ufs::readdir, ufs::telldir, ufs::seekdir,     ufs::rename,  ufs::set_device,
+    ufs::mountpoint,  ufs::readdir, cookie_telldir, cookie_seekdir,     ufs::rename,  ufs::set_device,
     ufs::create,      ufs::status,  ufs::release_node, ufs::read,   ufs::write,   ufs::seek,
     ufs::truncate,    ufs::status,  ufs::fsstatus, ufs::drop,
 };

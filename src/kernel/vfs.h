@@ -119,6 +119,11 @@ struct FsTypeEntry {
 const FsTypeEntry* fs_type(int type);
 int fs_type_by_name(const char* name); // -1 when unknown
 
+// Directory positions for filesystems whose readdir cookie is a plain
+// number (rootfs and ufs): telling gives it, seeking sets it.
+long cookie_telldir(Mount&, std::uint32_t dir, std::int32_t cookie);
+int cookie_seekdir(Mount&, std::uint32_t dir, std::int32_t& cookie, long to);
+
 // ---- the switch's calls --------------------------------------------------
 
 void vfs_reset(); // free tables, then each type's load

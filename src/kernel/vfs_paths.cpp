@@ -23,8 +23,8 @@ bool not_found() {
     return false;
 }
 
-// Splits a path into its names, "." and empty ones dropped, ".." applied
-// lexically only at the start (which is the root).
+// Splits a path into its names; empty names (repeated or trailing "/") are
+// dropped, "." and ".." are left to the walk.
 std::vector<std::string> names_of(const char* path) {
     std::vector<std::string> names;
     const char* p = path;

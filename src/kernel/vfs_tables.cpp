@@ -70,6 +70,13 @@ void vfs_reset() {
         if (type.ops->load) type.ops->load();
 }
 
+long cookie_telldir(Mount&, std::uint32_t, std::int32_t cookie) { return cookie; }
+
+int cookie_seekdir(Mount&, std::uint32_t, std::int32_t& cookie, long to) {
+    cookie = static_cast<std::int32_t>(to);
+    return 0;
+}
+
 std::int32_t& descriptor_position(Descriptor fd) {
     static std::int32_t nowhere;
     detail::OpenFile* f = detail::slot(fd);

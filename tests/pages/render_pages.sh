@@ -10,18 +10,12 @@ table=$3
 here=$(cd "$(dirname "$0")" && pwd)
 . "$here/../../scripts/pty_program.sh"
 work=$(mktemp -d)
-sim_pid=
-cleanup() {
-  [ -n "$sim_pid" ] && kill "$sim_pid" 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+trap 'stop_pty_programs; rm -rf "$work"' EXIT
 cd "$work"
 cp "$table" table.xml
 
 # The live page reads its values from the emulated device.
 start_pty_program sim.out "$sim" --table table.xml 2>/dev/null
-sim_pid=$PTY_PID
 "$gen" table.xml --html-map map.html --html-live live.html --host device.local --port "$PTY_PATH" >/dev/null
 
 names=$(grep -o '<register name="[^"]*"' table.xml | sed 's/<register name="//; s/"$//')

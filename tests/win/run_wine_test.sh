@@ -16,19 +16,13 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
 fi
 
 work=$(mktemp -d)
-pids=()
-cleanup() {
-  for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
-  rm -rf "$work"
-}
-trap cleanup EXIT
+trap 'stop_pty_programs; rm -rf "$work"' EXIT
 
 # Starts a program that prints its pty on its first line; maps it to a COM port.
 start_line() {
   local com=$1
   shift
   start_pty_program "$work/$com.out" "$@"
-  pids+=("$PTY_PID")
   ln -sfn "$PTY_PATH" "$WINEPREFIX/dosdevices/$com"
 }
 
