@@ -6,6 +6,7 @@
 // Every buffer is bounded: a name stops at 511 characters, an attribute
 // value at 511 and a text at 8191, the rest of an over-long value or text
 // being read and dropped. An end of file ends the document wherever it comes.
+#include "table/xml_fatal.h"
 #include "table/xml_tree.h"
 
 #include <array>
@@ -22,10 +23,7 @@ constexpr std::size_t kNameSize = 512;
 constexpr std::size_t kValueSize = 512;
 constexpr std::size_t kTextSize = 8192;
 
-[[noreturn]] void fail(const char* message) {
-    std::printf("%s", message);
-    std::exit(0);
-}
+[[noreturn]] void fail(const char* message) { xml_fatal(message, 0); }
 
 // A set of delimiter characters, tested with one lookup.
 struct CharSet {
@@ -184,8 +182,8 @@ XmlNode* xml_load(const char* path) {
             r.token(r.name, kNameSize, kClosingNameEnd);
             if (r.name[0] == '\0') fail("Xml error, void name\n");
             if (std::strcmp(r.name, parent->name) != 0) {
-                std::printf("Xml error, different names %s %s\n", parent->name, r.name);
-                std::exit(0);
+                std::string message = std::string("Xml error, different names ") + parent->name + " " + r.name + "\n";
+                fail(message.c_str());
             }
             parent = parent->parent; // its following siblings come next
             if (parent == nullptr) break;
