@@ -23,7 +23,16 @@ constexpr std::size_t kNameSize = 512;
 constexpr std::size_t kValueSize = 512;
 constexpr std::size_t kTextSize = 8192;
 
-[[noreturn]] void fail(const char* message) { xml_fatal(message, 0); }
+// The tree being read: a syntax error frees it before the reader ends, so
+// that no partial tree survives, also where a handler leaves by a jump.
+thread_local XmlNode* partial_root = nullptr;
+
+[[noreturn]] void fail(const char* message) {
+    XmlNode* partial = partial_root;
+    partial_root = nullptr;
+    xml_free(partial);
+    xml_fatal(message, 0);
+}
 
 // A set of delimiter characters, tested with one lookup.
 struct CharSet {
@@ -182,7 +191,8 @@ XmlNode* xml_load(const char* path) {
             r.token(r.name, kNameSize, kClosingNameEnd);
             if (r.name[0] == '\0') fail("Xml error, void name\n");
             if (std::strcmp(r.name, parent->name) != 0) {
-                std::string message = std::string("Xml error, different names ") + parent->name + " " + r.name + "\n";
+                const std::string message =
+                    std::string("Xml error, different names ") + parent->name + " " + r.name + "\n";
                 fail(message.c_str());
             }
             parent = parent->parent; // its following siblings come next
@@ -195,7 +205,7 @@ XmlNode* xml_load(const char* path) {
         if (parent != nullptr)
             xml_append_child(parent, element);
         else
-            root = element;
+            partial_root = root = element;
 
         while (r.current == ' ' || r.current == '\t') {
             r.skip(kBlanks);
@@ -216,6 +226,7 @@ XmlNode* xml_load(const char* path) {
             if (parent == nullptr) break;
         }
     }
+    partial_root = nullptr;
     return root;
 }
 
