@@ -168,11 +168,17 @@ TEST_F(Ufs, DirectoriesNameRemoveAndRename) {
     EXPECT_EQ(test::get_file("/mem/a/renamed.txt"), "see");
     EXPECT_EQ(kernel::remove("/mem/a/b"), 0);
     EXPECT_EQ(test::list_dir("/mem/a"), std::vector<std::string>{"renamed.txt"});
-    // Path rules: repeated and trailing "/", ".", "..", and ".." back across the mount point.
+    // Path rules: repeated and trailing "/", ".", "..", and ".." that stays at the volume's root.
     EXPECT_EQ(test::get_file("//mem/./a//renamed.txt"), "see");
     EXPECT_EQ(test::get_file("/mem/a/../a/renamed.txt"), "see");
-    EXPECT_EQ(test::names_in("/mem/.."), test::names_in("/"));
     EXPECT_EQ(test::names_in("/mem/"), (std::set<std::string>{"a"}));
+    EXPECT_EQ(test::names_in("/mem/.."), test::names_in("/mem"));
+    EXPECT_EQ(test::names_in("/mem/a/../../.."), test::names_in("/mem"));
+    NodeStatus card{};
+    EXPECT_EQ(kernel::stat("/mem/../dev/sdcard0", card), -1) << "the host's devices are not reached from a volume";
+    EXPECT_EQ(kernel::stat("/mem//../../bin/init", card), -1);
+    EXPECT_EQ(kernel::mkdir("/mem/../d"), 0);
+    EXPECT_EQ(test::names_in("/mem"), (std::set<std::string>{"a", "d"})) << "made inside the volume";
 }
 
 // The SD card's driver with its writes counted.
