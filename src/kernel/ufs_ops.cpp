@@ -54,24 +54,49 @@ bool append_entry(Volume& v, std::uint32_t n, NodeRecord& dir, const Entry& e) {
     return write_bytes(v, n, dir, dir.size, bytes.data(), bytes.size()) == static_cast<long>(bytes.size());
 }
 
+// The name index of directory n (see Volume::NameIndex).
+Volume::NameIndex* index_of(Volume& v, std::uint32_t n, NodeRecord& record) {
+    if (!directory_record(v, n, record)) return nullptr;
+    Volume::NameIndex* index = &v.names[0];
+    for (Volume::NameIndex& at : v.names) {
+        if (at.dir == n) {
+            index = &at;
+            break;
+        }
+        if (at.used < index->used) index = &at;
+    }
+    index->used = ++v.name_uses;
+    if (index->dir == n && index->size == record.size) return index;
+    std::vector<Entry> entries;
+    *index = Volume::NameIndex{};
+    if (!read_entries(v, record, entries)) return nullptr;
+    for (const Entry& e : entries) index->nodes.emplace(e.name, e.node); // the first of a name wins, as in find
+    index->dir = n;
+    index->size = record.size;
+    index->used = v.name_uses;
+    return index;
+}
+
+void drop_index(Volume& v) { v.names = {}; }
+
 int lookup(Mount& m, std::uint32_t dir, const char* name, std::uint32_t& value) {
     Volume& v = volume_of(m);
     NodeRecord record;
-    std::vector<Entry> entries;
-    if (!directory_record(v, dir, record) || !read_entries(v, record, entries)) return -1;
-    const Entry* e = find(entries, name);
-    if (e == nullptr) return -1;
-    value = e->node;
+    const Volume::NameIndex* index = index_of(v, dir, record);
+    if (index == nullptr) return -1;
+    auto it = index->nodes.find(name);
+    if (it == index->nodes.end()) return -1;
+    value = it->second;
     return 0;
 }
 
 int create(Mount& m, std::uint32_t dir, const char* name, std::uint8_t kind, std::uint32_t& node) {
     Volume& v = volume_of(m);
     NodeRecord record;
-    std::vector<Entry> entries;
     const std::size_t length = std::strlen(name);
     if (length == 0 || length > 255) return -1;
-    if (!directory_record(v, dir, record) || !read_entries(v, record, entries) || find(entries, name)) return -1;
+    Volume::NameIndex* index = index_of(v, dir, record);
+    if (index == nullptr || index->nodes.count(name) != 0) return -1;
     long made = allocate_node(v);
     if (made < 0) return -1;
     NodeRecord fresh;
@@ -80,8 +105,11 @@ int create(Mount& m, std::uint32_t dir, const char* name, std::uint8_t kind, std
     if (!write_node(v, static_cast<std::uint32_t>(made), fresh) ||
         !append_entry(v, dir, record, Entry{static_cast<std::uint16_t>(made), name, 0})) {
         set_node(v, static_cast<std::uint32_t>(made), false);
+        drop_index(v);
         return -1;
     }
+    index->nodes.emplace(name, static_cast<std::uint16_t>(made));
+    index->size = record.size;
     node = static_cast<std::uint32_t>(made);
     return 0;
 }
@@ -104,6 +132,7 @@ bool nonempty_directory(Volume& v, std::uint32_t n) {
 
 int remove(Mount& m, std::uint32_t dir, const char* name) {
     Volume& v = volume_of(m);
+    drop_index(v);
     NodeRecord record;
     std::vector<Entry> entries;
     if (!directory_record(v, dir, record) || !read_entries(v, record, entries)) return fail(kErrNoNode);
@@ -123,6 +152,7 @@ int remove(Mount& m, std::uint32_t dir, const char* name) {
 // be written, the first is put back as it was.
 int rename(Mount& m, std::uint32_t dir, const char* from, std::uint32_t to_dir, const char* to) {
     Volume& v = volume_of(m);
+    drop_index(v);
     const std::size_t length = std::strlen(to);
     if (length == 0 || length > 255) return fail(kErrNoNode);
     NodeRecord source, target;
@@ -174,6 +204,7 @@ int rename(Mount& m, std::uint32_t dir, const char* from, std::uint32_t to_dir, 
 
 int mountpoint(Mount& m, std::uint32_t dir, std::uint32_t from, std::uint32_t to) {
     Volume& v = volume_of(m);
+    drop_index(v);
     NodeRecord record;
     std::vector<Entry> entries;
     if (to > 0xFFFF || !directory_record(v, dir, record) || !read_entries(v, record, entries)) return -1;
