@@ -220,10 +220,12 @@ int mountpoint(Mount& m, std::uint32_t dir, std::uint32_t from, std::uint32_t to
 // entry in the directory's content (below 2^20) with, in the 11 bits above
 // it, a check of that entry's name. Reading from a position whose check
 // matches reads that one entry: a directory is listed in time linear in its
-// size, page after page from told positions included. A position without a
-// check (0, the start, or a number a caller made up) or whose check no
-// longer matches (entries were removed or renamed since) resumes at the
-// first entry that starts at or after the offset, found from the start.
+// size, page after page from told positions included. When the check no
+// longer matches (entries before it were removed or renamed since), the
+// listing resumes at the entry of that check nearest the offset, found from
+// the start: the entry the position named, moved. A position without a
+// check (0, the start, or a number a caller made up), or whose entry is
+// gone, resumes at the first entry that starts at or after the offset.
 constexpr unsigned kOffsetBits = 20;
 static_assert(kMaxDirectoryBytes <= 1u << kOffsetBits);
 constexpr std::uint32_t kOffsetMask = (1u << kOffsetBits) - 1;
@@ -270,7 +272,18 @@ int readdir(Mount& m, std::uint32_t dir, std::int32_t& cookie, DirEntry& out) {
     if (!found) {
         std::vector<Entry> entries;
         if (!read_entries(v, record, entries)) return -1;
-        auto it = std::find_if(entries.begin(), entries.end(), [&](const Entry& e) { return e.offset >= offset; });
+        // The entry the position named, moved by changes before it; else the first from the offset on.
+        auto it = entries.end();
+        std::uint32_t distance = 0xFFFFFFFF;
+        for (auto e = entries.begin(); check != 0 && e != entries.end(); ++e) {
+            const std::uint32_t d = e->offset > offset ? e->offset - offset : offset - e->offset;
+            if (static_cast<std::uint32_t>(position_of(*e)) >> kOffsetBits == check && d < distance) {
+                it = e;
+                distance = d;
+            }
+        }
+        if (it == entries.end())
+            it = std::find_if(entries.begin(), entries.end(), [&](const Entry& e) { return e.offset >= offset; });
         if (it == entries.end()) return 0;
         here = *it;
         has_next = it + 1 != entries.end();
