@@ -1,5 +1,6 @@
 // The disks backed by files, and a faulty disk in place of one.
 #include "kernel/device_table.h"
+#include "kernel/kernel_diagnostics.h"
 #include "kernel/kernel_errors.h"
 #include "kernel/kernel_start.h"
 #include "kernel/vfs.h"
@@ -41,6 +42,17 @@ TEST_F(FileDisks, FirstOpensMakeTheImagesAndTheSdCardKeepsItsEnd) {
     std::int32_t* where = &size;
     EXPECT_EQ(kernel::ioctl(card, 1, &where), 0);
     EXPECT_EQ(size, 0x800000);
+
+    // The card's message goes where a program sends the diagnostics; stdout by default.
+    std::int32_t resized = 0x100000;
+    testing::internal::CaptureStdout();
+    std::FILE* before = set_diagnostic_stream(nullptr);
+    EXPECT_EQ(kernel::ioctl(card, 2, &resized), 0);
+    EXPECT_EQ(set_diagnostic_stream(before), nullptr);
+    EXPECT_EQ(kernel::ioctl(card, 2, &resized), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "sdcard0 creation size 1048576 bytes ok.\n") << "once";
+    resized = 0x800000;
+    kernel::ioctl(card, 2, &resized);
 
     // One open and one close leave the image open: writes still land.
     kernel::close(flash);

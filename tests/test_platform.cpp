@@ -81,4 +81,21 @@ TEST(Platform, FilesRoundTripBinaryBytes) {
     EXPECT_LT(platform::file_open("missing.o", platform::kFileRead), 0);
 }
 
+TEST(Platform, AFileLockHasOneHolderAndLeavesTheFileUsable) {
+    test::TempWorkingDir dir;
+    int f = platform::file_open("image.o", platform::kFileRead | platform::kFileWrite | platform::kFileCreate);
+    ASSERT_GE(f, 0);
+    {
+        platform::FileLockHolder first("image.o");
+        ASSERT_EQ(first.result(), platform::FileLockResult::kHeld);
+        platform::FileLockHolder second("image.o");
+        EXPECT_EQ(second.result(), platform::FileLockResult::kInUse) << "a second holder fails at once";
+        EXPECT_EQ(platform::file_write(f, "data", 4), 4) << "other handles still write";
+        platform::file_close(f); // closing another handle keeps the lock
+        EXPECT_EQ(platform::FileLockHolder("image.o").result(), platform::FileLockResult::kInUse);
+    }
+    EXPECT_EQ(platform::FileLockHolder("image.o").result(), platform::FileLockResult::kHeld) << "released";
+    EXPECT_EQ(platform::FileLockHolder("missing.o").result(), platform::FileLockResult::kFailed);
+}
+
 } // namespace

@@ -168,11 +168,63 @@ TEST_F(Ufs, DirectoriesNameRemoveAndRename) {
     EXPECT_EQ(test::get_file("/mem/a/renamed.txt"), "see");
     EXPECT_EQ(kernel::remove("/mem/a/b"), 0);
     EXPECT_EQ(test::list_dir("/mem/a"), std::vector<std::string>{"renamed.txt"});
-    // Path rules: repeated and trailing "/", ".", "..", and ".." back across the mount point.
+    // Path rules: repeated and trailing "/", ".", "..", and ".." that stays at the volume's root.
     EXPECT_EQ(test::get_file("//mem/./a//renamed.txt"), "see");
     EXPECT_EQ(test::get_file("/mem/a/../a/renamed.txt"), "see");
-    EXPECT_EQ(test::names_in("/mem/.."), test::names_in("/"));
     EXPECT_EQ(test::names_in("/mem/"), (std::set<std::string>{"a"}));
+    EXPECT_EQ(test::names_in("/mem/.."), test::names_in("/mem"));
+    EXPECT_EQ(test::names_in("/mem/a/../../.."), test::names_in("/mem"));
+    NodeStatus card{};
+    EXPECT_EQ(kernel::stat("/mem/../dev/sdcard0", card), -1) << "the host's devices are not reached from a volume";
+    EXPECT_EQ(kernel::stat("/mem//../../bin/init", card), -1);
+    EXPECT_EQ(kernel::mkdir("/mem/../d"), 0);
+    EXPECT_EQ(test::names_in("/mem"), (std::set<std::string>{"a", "d"})) << "made inside the volume";
+}
+
+// Pages of a listing, each from a told position on a fresh open, as a
+// server without state lists; positions told before a change still lead
+// to real entries.
+TEST_F(Ufs, ListingsResumeFromToldPositions) {
+    make(128, 2000, 32);
+    ASSERT_EQ(kernel::mkdir("/mem/d"), 0);
+    std::set<std::string> made;
+    for (int i = 0; i < 60; ++i) {
+        const std::string name = "entry-" + std::string(static_cast<std::size_t>(i % 7 + 1), 'x') + std::to_string(i);
+        ASSERT_TRUE(test::put_file(("/mem/d/" + name).c_str(), "")) << name;
+        made.insert(name);
+    }
+    auto page = [](long& cookie, int count) {
+        std::vector<std::string> names;
+        Descriptor fd = kernel::open("/mem/d", kOpenRead);
+        kernel::seekdir(fd, cookie);
+        DirEntry e{};
+        while (static_cast<int>(names.size()) < count && kernel::readdir(fd, e) == 1) names.emplace_back(e.name);
+        cookie = kernel::telldir(fd);
+        kernel::close(fd);
+        return names;
+    };
+    long cookie = 0;
+    std::vector<std::string> all;
+    for (std::vector<std::string> names; !(names = page(cookie, 8)).empty();) all.insert(all.end(), names.begin(), names.end());
+    EXPECT_EQ(all, test::list_dir("/mem/d")) << "pages give the whole listing, in order, once";
+
+    // A change under a told position: entries before it go, one is renamed.
+    cookie = 0;
+    std::vector<std::string> first = page(cookie, 20);
+    ASSERT_EQ(first.size(), 20u);
+    for (int i = 0; i < 5; ++i) ASSERT_EQ(kernel::remove(("/mem/d/" + first[static_cast<std::size_t>(i)]).c_str()), 0);
+    ASSERT_EQ(kernel::rename(("/mem/d/" + first[5]).c_str(), "/mem/d/a-much-longer-name-than-before"), 0);
+    std::set<std::string> now = test::names_in("/mem/d");
+    std::set<std::string> rest;
+    for (std::vector<std::string> names; !(names = page(cookie, 8)).empty();) {
+        for (const std::string& n : names) {
+            EXPECT_EQ(now.count(n), 1u) << "a real entry: " << n;
+            EXPECT_TRUE(rest.insert(n).second) << "once: " << n;
+        }
+    }
+    std::set<std::string> after = made;
+    for (const std::string& n : first) after.erase(n);
+    EXPECT_EQ(rest, after) << "what lay after the position is listed, and nothing before it";
 }
 
 // The SD card's driver with its writes counted.

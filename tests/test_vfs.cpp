@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include <string>
 #include <vector>
 
@@ -133,5 +135,97 @@ TEST_F(Vfs, DirectoryPositionsCanBeToldAndSought) {
     EXPECT_STREQ(entry.name, first.name);
     kernel::close(fd);
 }
+
+TEST_F(Vfs, DotDotStaysAtTheRootOfEveryFilesystem) {
+    EXPECT_EQ(test::names_in("/.."), test::names_in("/"));
+    EXPECT_EQ(test::get_file("/../bin/../../bin/init").size(), 8u);
+    UfsMakeArgument make{16, 100, 32, 0x20000};
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(kernel::mkfs(kUfs, "/dev/hd/hdc", &make), 0);
+    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(kernel::mount(kUfs, "/dev/hd/hdc", "/mnt"), 0);
+    ASSERT_TRUE(test::put_file("/mnt/../../init", "inside"));
+    EXPECT_EQ(test::names_in("/mnt"), (std::set<std::string>{"init"}));
+    EXPECT_EQ(test::get_file("/bin/init").size(), 8u) << "the root's file is untouched";
+    NodeStatus s{};
+    EXPECT_EQ(kernel::stat("/mnt/../dev/null", s), -1);
+    EXPECT_EQ(kernel::remove("/mnt/../bin/init"), -1);
+    ASSERT_EQ(kernel::mkdir("/mnt/a"), 0);
+    EXPECT_EQ(test::get_file("/mnt/a/../init"), "inside") << "below a volume's root \"..\" goes up";
+}
+
+// The same rules of rename on the root filesystem (under "/var") and on a
+// ufs volume ("/mem").
+struct Rename : Vfs, ::testing::WithParamInterface<const char*> {
+    std::string base = GetParam();
+    std::string at(const std::string& name) { return base + name; }
+    int rename(const std::string& from, const std::string& to) {
+        clear_kernel_error();
+        return kernel::rename(at(from).c_str(), at(to).c_str());
+    }
+    Rename() {
+        if (base != "/mem") return;
+        UfsMakeArgument make{64, 1000, 64, 0x800000};
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(kernel::mkfs(kUfsx, "/dev/sdcard0", &make), 0);
+        EXPECT_EQ(kernel::mount(kUfsx, "/dev/sdcard0", "/mem"), 0);
+        testing::internal::GetCapturedStdout();
+    }
+};
+
+TEST_P(Rename, ADirectoryNeverMovesIntoItself) {
+    ASSERT_EQ(kernel::mkdir(at("/docs").c_str()), 0);
+    ASSERT_EQ(kernel::mkdir(at("/docs/sub").c_str()), 0);
+    ASSERT_TRUE(test::put_file(at("/docs/sub/f").c_str(), "kept"));
+    for (const char* into : {"/docs/sub/docs", "/docs/x", "/docs/./sub/../sub/y", "/docs/sub/"}) {
+        EXPECT_EQ(rename("/docs", into), -1) << into;
+        EXPECT_EQ(kernel_error(), kErrInvalid) << into;
+    }
+    EXPECT_EQ(test::get_file(at("/docs/sub/f").c_str()), "kept");
+    EXPECT_EQ(rename("/docs", "/docs"), 0) << "onto itself: nothing to do";
+    EXPECT_EQ(rename("/docs/sub", "/sub"), 0) << "out of its parent is fine";
+    EXPECT_EQ(test::get_file(at("/sub/f").c_str()), "kept");
+    EXPECT_EQ(rename("/sub", "/sub2"), 0);
+    EXPECT_EQ(test::get_file(at("/sub2/f").c_str()), "kept");
+}
+
+TEST_P(Rename, AnExistingNameIsReplacedOnlyByItsOwnKind) {
+    ASSERT_TRUE(test::put_file(at("/new").c_str(), "new"));
+    ASSERT_TRUE(test::put_file(at("/old").c_str(), "old content"));
+    ASSERT_EQ(kernel::mkdir(at("/full").c_str()), 0);
+    ASSERT_TRUE(test::put_file(at("/full/f").c_str(), "f"));
+    ASSERT_EQ(kernel::mkdir(at("/empty").c_str()), 0);
+    ASSERT_EQ(kernel::mkdir(at("/moving").c_str()), 0);
+
+    FsStatus before{}, after{};
+    kernel::fsstat(base.c_str(), before);
+    EXPECT_EQ(rename("/new", "/old"), 0) << "a file replaces a file";
+    EXPECT_EQ(test::get_file(at("/old").c_str()), "new");
+    kernel::fsstat(base.c_str(), after);
+    EXPECT_EQ(after.free_nodes, before.free_nodes + 1) << "the replaced file is freed";
+    EXPECT_EQ(rename("/old", "/full"), -1);
+    EXPECT_EQ(kernel_error(), kErrExists) << "a file does not replace a directory";
+    EXPECT_EQ(rename("/moving", "/old"), -1);
+    EXPECT_EQ(kernel_error(), kErrNotDirectory) << "nor a directory a file";
+    EXPECT_EQ(rename("/moving", "/full"), -1);
+    EXPECT_EQ(kernel_error(), kErrExists) << "nor a directory one that is not empty";
+    EXPECT_EQ(rename("/moving", "/empty"), 0) << "an empty directory is replaced";
+    EXPECT_EQ(test::get_file(at("/full/f").c_str()), "f");
+    EXPECT_EQ(rename("/full/f", "/empty/g"), 0) << "into another directory";
+    EXPECT_EQ(test::names_in(at("/full").c_str()).size(), 0u);
+    EXPECT_EQ(test::get_file(at("/empty/g").c_str()), "f");
+    ASSERT_TRUE(test::put_file(at("/empty/h").c_str(), "h"));
+    EXPECT_EQ(rename("/empty/g", "/empty/h"), 0) << "within one directory";
+    EXPECT_EQ(test::names_in(at("/empty").c_str()), (std::set<std::string>{"h"}));
+    EXPECT_EQ(test::get_file(at("/empty/h").c_str()), "f");
+    if (base == "/mem") {
+        EXPECT_EQ(kernel::rename("/mem/old", "/var/old"), -1);
+        EXPECT_EQ(kernel_error(), kErrNotDevice) << "no move across filesystems";
+        EXPECT_EQ(test::get_file("/mem/old"), "new");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(RootAndUfs, Rename, ::testing::Values("/var", "/mem"),
+                         [](const auto& p) { return std::string(p.param == std::string("/var") ? "rootfs" : "ufs"); });
 
 } // namespace

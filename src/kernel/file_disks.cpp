@@ -6,6 +6,7 @@
 // A disk's image file is opened on the first open of its node and stays
 // open for the life of the process (close only counts down).
 #include "kernel/device_table.h"
+#include "kernel/kernel_diagnostics.h"
 #include "kernel/vfs.h"
 #include "platform/platform.h"
 
@@ -50,9 +51,9 @@ void write_zero_image(FileDisk& d, std::size_t bytes) {
     std::vector<std::uint8_t> zeros(bytes, 0);
     long written = platform::file_write(d.handle, zeros.data(), zeros.size());
     if (written == -1)
-        std::printf("%s creation failed", d.label);
+        diagnostic("%s creation failed", d.label);
     else
-        std::printf("%s creation size %u bytes ok.\n", d.label, static_cast<unsigned>(written));
+        diagnostic("%s creation size %u bytes ok.\n", d.label, static_cast<unsigned>(written));
 }
 
 template <FileDisk& d>
@@ -153,9 +154,9 @@ int sdcard_ioctl(Descriptor, std::uint32_t request, void* argument) {
         sdcard.size = size;
         long end = host_seek(sdcard, size, platform::kSeekSet);
         if (end == -1)
-            std::printf("sdcard0 creation failed");
+            diagnostic("sdcard0 creation failed");
         else
-            std::printf("sdcard0 creation size %u bytes ok.\n", static_cast<unsigned>(end));
+            diagnostic("sdcard0 creation size %u bytes ok.\n", static_cast<unsigned>(end));
         return 0;
     }
     if (request == 6) { // erase

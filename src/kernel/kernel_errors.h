@@ -11,6 +11,7 @@
 namespace vukra::kernel {
 
 inline constexpr int kErrExists = -20;       // the node exists, or its parent cannot be found
+inline constexpr int kErrInvalid = -22;      // a directory cannot move into itself or below itself
 inline constexpr int kErrRefused = -29;      // a device or filesystem refused to open or read
 inline constexpr int kErrNoDescriptor = -40; // no free descriptor
 inline constexpr int kErrNotDevice = -43;    // not a device, or no driver for its number

@@ -98,14 +98,30 @@ int remove(Mount& m, std::uint32_t dir, const char* name) {
     return 0;
 }
 
+// An existing name "to" is replaced: it refers to the moved node, and the
+// node it referred to is freed (a non-empty directory is not replaced).
+// Within one directory the entry keeps its place.
 int rename(Mount& m, std::uint32_t dir, const char* from, std::uint32_t to_dir, const char* to) {
     RootNode* d = directory_at(m, dir);
     RootNode* t = directory_at(m, to_dir);
     if (d == nullptr || t == nullptr) return fail(kErrNoNode);
     auto it = find_entry(*d, from);
     if (it == d->entries.end()) return fail(kErrNoNode);
-    if (find_entry(*t, to) != t->entries.end()) return fail(kErrExists);
-    std::uint32_t node = it->second;
+    const std::uint32_t node = it->second;
+    auto there = find_entry(*t, to);
+    if (there != t->entries.end()) {
+        if (there->second == node) return 0;
+        RootNode* old = node_at(m, there->second);
+        if (old && old->kind == kNodeDirectory && !old->entries.empty()) return fail(kErrExists);
+        there->second = node;
+        d->entries.erase(it);
+        if (old) *old = RootNode{};
+        return 0;
+    }
+    if (d == t) {
+        it->first = to;
+        return 0;
+    }
     d->entries.erase(it);
     t->entries.emplace_back(to, node);
     return 0;

@@ -311,7 +311,6 @@ long write_bytes(Volume& v, std::uint32_t n, NodeRecord& node, std::uint32_t pos
 }
 
 bool read_entries(Volume& v, NodeRecord& dir, std::vector<DirectoryEntry>& entries) {
-    constexpr std::uint32_t kMaxDirectoryBytes = 1u << 20;
     std::uint32_t size = dir.size < kMaxDirectoryBytes ? dir.size : kMaxDirectoryBytes;
     std::vector<std::uint8_t> bytes(size);
     long got = read_bytes(v, dir, 0, bytes.data(), bytes.size());

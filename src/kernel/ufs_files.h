@@ -14,6 +14,9 @@ struct DirectoryEntry {
     std::uint32_t offset; // where it starts in the directory's content
 };
 
+// A directory's content is read up to this many bytes; entries past it are not seen.
+inline constexpr std::uint32_t kMaxDirectoryBytes = 1u << 20;
+
 // The entries of a directory; a damaged tail ends the list.
 bool read_entries(Volume& v, NodeRecord& dir, std::vector<DirectoryEntry>& entries);
 

@@ -230,6 +230,7 @@ int readfs(Mount& m) {
     }
     forget_indirect(*v);
     v->free_hint = 0;
+    v->names = {};
     m.data = v;
     m.count = v->nodes;
     return 0;

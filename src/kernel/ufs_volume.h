@@ -6,6 +6,8 @@
 
 #include <array>
 #include <cstdint>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace vukra::kernel::ufs {
@@ -54,6 +56,20 @@ struct Volume {
     std::array<CachedBlock, 4> indirect;
     unsigned next_victim = 0;
     std::uint32_t free_hint = 0; // no free block lies below it
+
+    // The names of the directories used last, by name: looking a name up
+    // and adding one then cost no reading of the whole directory (a path's
+    // walk goes through several). Adding keeps an index up to date;
+    // removing, renaming and mount points drop them all; a directory whose
+    // size is not the one indexed is indexed again.
+    struct NameIndex {
+        std::uint32_t dir = 0xFFFFFFFF; // none
+        std::uint32_t size = 0;
+        std::uint64_t used = 0; // when last used, for the choice of one to replace
+        std::unordered_map<std::string, std::uint16_t> nodes;
+    };
+    std::array<NameIndex, 4> names;
+    std::uint64_t name_uses = 0;
 };
 
 Volume& volume_of(Mount& m);

@@ -150,6 +150,9 @@ int rmnod(const char* path); // removes a descriptor link
 int remove(const char* path); // a file, an empty directory or a node
 int rename(const char* from, const char* to);
 int stat(const char* path, NodeStatus& status);
+// The status of a node by its number in the system's node space, as
+// readdir gives it: a listing's details without walking each path again.
+int node_status(std::uint32_t node, NodeStatus& status);
 int fsstat(const char* path, FsStatus& status);
 
 int readdir(Descriptor fd, DirEntry& entry); // 1 with an entry, 0 at the end, -1

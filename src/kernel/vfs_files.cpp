@@ -3,6 +3,7 @@
 #include "kernel/vfs_internal.h"
 
 #include <cstring>
+#include <vector>
 
 namespace vukra::kernel {
 
@@ -58,6 +59,13 @@ int open_device(Descriptor fd, OpenFile& f, std::uint32_t flags) {
     }
     f.driver = driver;
     return 0;
+}
+
+// A directory with no entry.
+bool empty_directory(int mount, std::uint32_t node) {
+    std::int32_t cookie = 0;
+    DirEntry entry{};
+    return ops_of(mount).readdir(mounts[mount], node, cookie, entry) == 0;
 }
 
 } // namespace
@@ -193,18 +201,41 @@ int remove(const char* path) {
     return ops.remove ? ops.remove(mounts[dir.mount], dir.node, name.c_str()) : -1;
 }
 
+// Moves a name within one filesystem. What cannot be done is refused before
+// anything changes: a mount point (either name), a move across filesystems
+// (-43), a directory into itself or below itself (-22), a directory onto a
+// non-directory (-56), a non-directory onto a directory or a directory onto
+// a non-empty one (-20). An existing name of the same kind is replaced in
+// one step: the name refers to the moved node, then the old node is freed.
 int rename(const char* from, const char* to) {
     Location from_dir, to_dir;
     std::string from_name, to_name;
-    if (!resolve_parent(from, from_dir, from_name) || !resolve_parent(to, to_dir, to_name)) return -1;
-    if (from_dir.mount != to_dir.mount) return fail(kErrNotDevice); // across filesystems
+    std::vector<Location> to_chain;
+    if (!resolve_parent(from, from_dir, from_name) || !resolve_parent(to, to_dir, to_name, &to_chain)) return -1;
     const FsOps& ops = ops_of(from_dir.mount);
+    Mount& m = mounts[from_dir.mount];
     std::uint32_t value = 0;
-    if (ops.lookup(mounts[from_dir.mount], from_dir.node, from_name.c_str(), value) != 0) return fail(kErrNoNode);
-    if (value >= mounts[from_dir.mount].count) return fail(kErrExists);
-    return ops.rename ? ops.rename(mounts[from_dir.mount], from_dir.node, from_name.c_str(), to_dir.node,
-                                   to_name.c_str())
-                      : -1;
+    if (ops.lookup(m, from_dir.node, from_name.c_str(), value) != 0) return fail(kErrNoNode);
+    if (value >= m.count) return fail(kErrExists); // a mount point is unmounted, not moved
+    if (from_dir.mount != to_dir.mount) return fail(kErrNotDevice);
+    if (from_dir.node == to_dir.node && from_name == to_name) return 0;
+    NodeStatus moving{};
+    if (!ops.status || ops.status(m, value, moving) != 0) return fail(kErrNoNode);
+    const bool directory = moving.kind == kNodeDirectory;
+    if (directory)
+        for (const Location& above : to_chain)
+            if (above.mount == from_dir.mount && above.node == value) return fail(kErrInvalid);
+    std::uint32_t existing = 0;
+    if (ops.lookup(m, to_dir.node, to_name.c_str(), existing) == 0) {
+        if (existing >= m.count) return fail(kErrExists);
+        NodeStatus there{};
+        if (ops.status(m, existing, there) != 0) return fail(kErrNoNode);
+        const bool directory_there = there.kind == kNodeDirectory;
+        if (directory && !directory_there) return fail(kErrNotDirectory);
+        if (!directory && directory_there) return fail(kErrExists);
+        if (directory_there && !empty_directory(from_dir.mount, existing)) return fail(kErrExists);
+    }
+    return ops.rename ? ops.rename(m, from_dir.node, from_name.c_str(), to_dir.node, to_name.c_str()) : -1;
 }
 
 int stat(const char* path, NodeStatus& status) {
@@ -214,6 +245,17 @@ int stat(const char* path, NodeStatus& status) {
     if (!ops.status || ops.status(mounts[at.mount], at.node, status) != 0) return fail(kErrNoNode);
     status.node = mounts[at.mount].first + at.node;
     return 0;
+}
+
+int node_status(std::uint32_t node, NodeStatus& status) {
+    for (int m = 0; m < kMountSlots; ++m) {
+        if (!in_use(m) || node < mounts[m].first || node - mounts[m].first >= mounts[m].count) continue;
+        const FsOps& ops = ops_of(m);
+        if (!ops.status || ops.status(mounts[m], node - mounts[m].first, status) != 0) return fail(kErrNoNode);
+        status.node = node;
+        return 0;
+    }
+    return fail(kErrNoNode);
 }
 
 int fsstat(const char* path, FsStatus& status) {

@@ -4,6 +4,7 @@
 #include "kernel/vfs.h"
 
 #include <string>
+#include <vector>
 
 namespace vukra::kernel::detail {
 
@@ -45,8 +46,10 @@ bool in_use(int mount);
 
 // The whole path; false (and -44 recorded) when it does not lead to a node.
 bool resolve(const char* path, Location& where);
-// The directory that holds the path's last name, and that name.
-bool resolve_parent(const char* path, Location& directory, std::string& name);
+// The directory that holds the path's last name, and that name; chain,
+// when given, receives the directories from the root down to it.
+bool resolve_parent(const char* path, Location& directory, std::string& name,
+                    std::vector<Location>* chain = nullptr);
 // The node a directory entry's value refers to, from the directory's mount.
 bool follow_entry(int mount, std::uint32_t value, Location& where);
 

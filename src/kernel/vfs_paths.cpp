@@ -4,14 +4,16 @@
 //     as though it had one (the kernel keeps no working directory here).
 //   - Repeated "/" count as one, and a trailing "/" is ignored.
 //   - "." is the directory the walk is in; ".." is the directory the walk
-//     came from, and stays at the root there. Across a mount point ".."
-//     thus leads back to the directory holding the mount point.
+//     came from, except at the root of a filesystem (the system's root or
+//     any mounted one), where it stays: a path that enters a mount never
+//     leaves it, so "/mem/../dev" is "/mem/dev".
 //   - A name longer than 255 characters, or a step through a node that is
 //     not a directory, leads nowhere.
 #include "kernel/kernel_errors.h"
 #include "kernel/vfs_internal.h"
 
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace vukra::kernel::detail {
@@ -51,7 +53,7 @@ bool walk(const std::vector<std::string>& names, std::size_t count, std::vector<
         const std::string& name = names[i];
         if (name == ".") continue;
         if (name == "..") {
-            if (stack.size() > 1) stack.pop_back();
+            if (stack.size() > 1 && stack.back().node != 0) stack.pop_back(); // 0: a filesystem's root
             continue;
         }
         const Location here = stack.back();
@@ -89,7 +91,7 @@ bool resolve(const char* path, Location& where) {
     return true;
 }
 
-bool resolve_parent(const char* path, Location& directory, std::string& name) {
+bool resolve_parent(const char* path, Location& directory, std::string& name, std::vector<Location>* chain) {
     if (path == nullptr) return not_found();
     std::vector<std::string> names = names_of(path);
     if (names.empty()) return not_found();
@@ -99,6 +101,7 @@ bool resolve_parent(const char* path, Location& directory, std::string& name) {
     std::vector<Location> stack;
     if (!walk(names, names.size() - 1, stack) || !is_directory(stack.back())) return not_found();
     directory = stack.back();
+    if (chain) *chain = std::move(stack);
     return true;
 }
 

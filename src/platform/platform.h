@@ -157,4 +157,35 @@ long file_read(int file, void* buffer, std::size_t count);
 long file_write(int file, const void* bytes, std::size_t count);
 int file_close(int file);
 
+// ---- whole-file locks ---------------------------------------------------
+
+// An exclusive lock on a file between programs (and between two holders in
+// one program), held through a handle of its own: reading and writing the
+// file through other handles is not hindered, so it protects only against
+// others who ask for the lock too. Asking never waits.
+struct FileLock {
+    std::intptr_t handle = -1; // -1 while not held
+};
+
+enum class FileLockResult { kHeld, kInUse, kFailed };
+
+// kInUse when someone else holds the file's lock; kFailed when the file
+// cannot be opened or locked.
+FileLockResult file_lock_exclusive(const char* path, FileLock& lock);
+void file_unlock(FileLock& lock);
+
+// Holds a file's lock for its own lifetime.
+class FileLockHolder {
+public:
+    explicit FileLockHolder(const char* path) : result_(file_lock_exclusive(path, lock_)) {}
+    ~FileLockHolder() { file_unlock(lock_); }
+    FileLockHolder(const FileLockHolder&) = delete;
+    FileLockHolder& operator=(const FileLockHolder&) = delete;
+    FileLockResult result() const { return result_; }
+
+private:
+    FileLock lock_;
+    FileLockResult result_;
+};
+
 } // namespace vukra::platform

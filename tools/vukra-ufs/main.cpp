@@ -1,54 +1,74 @@
 // vukra-ufs: prepares and inspects ufs device images on the host. It runs
-// the kernel in-process with IMAGE as the SD card and the volume on "/mem".
+// the kernel in-process with IMAGE as the SD card and the volume on "/mem";
+// the user's paths are read within the volume and never leave it.
+#include "commands.h"
+
+#include "kernel/kernel_diagnostics.h"
 #include "kernel/kernel_errors.h"
 #include "kernel/kernel_start.h"
-#include "kernel/ufs_check.h"
 #include "kernel/vfs.h"
+#include "platform/platform.h"
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <exception>
 #include <filesystem>
 #include <fstream>
+#include <stdlib.h> // mkdtemp
 #include <string>
 #include <vector>
 
 using namespace vukra;
 using namespace vukra::kernel;
+using vukra::ufs_tool::fail;
 namespace fs = std::filesystem;
 
 namespace {
 
 const char kUsage[] =
-    "usage: vukra-ufs IMAGE COMMAND [ARGUMENTS]\n"
+    "usage: vukra-ufs [-v] IMAGE COMMAND [ARGUMENTS]\n"
     "\n"
     "Prepares and inspects ufs images of a vukra device's SD card.\n"
     "\n"
     "  mkfs [--nodes N] [--blocks N] [--block-size B]\n"
     "                   makes a new volume (256 nodes, as many blocks as fit, 512-byte\n"
-    "                   blocks by default); a new IMAGE is made 8 MiB large\n"
-    "  ls [-l] PATH     lists a directory (-l: kind, size and name)\n"
+    "                   blocks by default; a block size other than 16, 32, 64, 128, 256\n"
+    "                   or 512 is taken as 32); a new IMAGE is made 8 MiB large\n"
+    "  ls [-l] [PATH]   lists a directory (-l: kind, size and name)\n"
     "  tree             lists the whole volume\n"
     "  cat PATH         writes a file to standard output\n"
-    "  put LOCAL PATH   copies a host file into the volume\n"
-    "  get PATH LOCAL   copies a file out of the volume\n"
+    "  put LOCAL PATH   copies a host file into the volume, replacing PATH whole\n"
+    "  get PATH LOCAL   copies a file out of the volume (LOCAL \"-\": standard output)\n"
     "  mkdir PATH       makes a directory\n"
     "  rm PATH          removes a file or an empty directory\n"
-    "  mv OLD NEW       renames or moves\n"
+    "  mv OLD NEW       renames or moves; NEW is the new name, and an existing file\n"
+    "                   (or empty directory) of that name is replaced\n"
     "  df               blocks and nodes, used and free\n"
     "  check            walks the whole volume; the exit status is 1 when anything\n"
     "                   is inconsistent\n"
     "\n"
-    "Paths are absolute within the volume (\"/\" is its root).\n";
+    "  -v               shows the kernel's messages on standard error\n"
+    "\n"
+    "Paths are within the volume: \"/\" is its root, and \"..\" at the root stays there.\n"
+    "A failed command leaves the image and host files as they were. One program at a\n"
+    "time uses an image: a second one is told \"image in use\".\n";
 
-int fail(const std::string& why) {
-    std::fprintf(stderr, "vukra-ufs: %s\n", why.c_str());
-    return 1;
-}
+constexpr std::uintmax_t kNewImageSize = 0x800004; // the card's 8 MiB and its end marker
 
-std::string inside(const std::string& path) {
-    if (path.empty() || path == "/") return "/mem";
-    return "/mem" + (path[0] == '/' ? path : "/" + path);
+struct Command {
+    const char* name;
+    std::size_t least, most; // arguments
+};
+
+constexpr Command kCommands[] = {
+    {"mkfs", 0, 6}, {"ls", 0, 2}, {"tree", 0, 0}, {"cat", 1, 1}, {"put", 2, 2}, {"get", 2, 2},
+    {"mkdir", 1, 1}, {"rm", 1, 1}, {"mv", 2, 2}, {"df", 0, 0},   {"check", 0, 0},
+};
+
+const Command* find_command(const std::string& name) {
+    for (const Command& c : kCommands)
+        if (name == c.name) return &c;
+    return nullptr;
 }
 
 // Runs the kernel in a scratch directory where "sdcard0.o" is the image.
@@ -62,10 +82,10 @@ struct Workspace {
         if (mkdtemp(pattern.data()) == nullptr) return;
         dir = pattern;
         std::error_code e;
-        fs::create_symlink(fs::absolute(image), dir / "sdcard0.o", e);
+        fs::create_symlink(image, dir / "sdcard0.o", e);
         if (e) return;
-        fs::current_path(dir);
-        ok = true;
+        fs::current_path(dir, e);
+        ok = !e;
     }
     ~Workspace() {
         std::error_code e;
@@ -74,188 +94,189 @@ struct Workspace {
     }
 };
 
-// Sets the card's size to the image's (less a trailing end marker), when
-// it is not the card's own 8 MiB.
+// The card's size in the image's bytes (less a trailing end marker).
+std::int32_t card_size(std::uintmax_t bytes) { return static_cast<std::int32_t>(bytes % 512 == 4 ? bytes - 4 : bytes); }
+
+// Sets the card's size to the image's, when it is not the card's own 8 MiB.
 void size_card_to(std::uintmax_t bytes) {
-    std::int32_t size = static_cast<std::int32_t>(bytes % 512 == 4 ? bytes - 4 : bytes);
+    std::int32_t size = card_size(bytes);
     if (size == 0x800000) return;
     Descriptor card = kernel::open("/dev/sdcard0", kOpenRead | kOpenWrite);
     if (card < 0) return;
-    std::fflush(stdout);
     kernel::ioctl(card, 2, &size);
     kernel::close(card);
 }
 
-std::string kind_letter(std::uint8_t kind) {
-    switch (kind) {
-    case kNodeDirectory: return "d";
-    case kNodeFile: return "-";
-    case kNodeCharDevice: return "c";
-    case kNodeBlockDevice: return "b";
-    default: return "?";
-    }
+bool parse_number(const std::string& text, std::uint32_t& out) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 10) return false;
+    const unsigned long long value = std::strtoull(text.c_str(), nullptr, 10);
+    if (value > 0xFFFFFFFFull) return false;
+    out = static_cast<std::uint32_t>(value);
+    return true;
 }
 
-int list(const std::string& path, bool long_form) {
-    Descriptor fd = kernel::open(inside(path).c_str(), kOpenRead);
-    if (fd < 0) return fail("no directory " + path);
-    DirEntry entry{};
-    int got;
-    while ((got = kernel::readdir(fd, entry)) == 1) {
-        if (!long_form) {
-            std::printf("%s\n", entry.name);
-            continue;
-        }
-        NodeStatus s{};
-        const std::string child = inside(path) + "/" + entry.name;
-        if (kernel::stat(child.c_str(), s) == 0)
-            std::printf("%s %10u %s\n", kind_letter(s.kind).c_str(), s.size, entry.name);
-        else
-            std::printf("? %10s %s\n", "?", entry.name);
+// mkfs's options, read before anything is touched.
+bool parse_make(const std::vector<std::string>& args, UfsMakeArgument& a) {
+    a = UfsMakeArgument{256, 0xFFFFFFFF, 512, 0};
+    for (std::size_t i = 0; i < args.size(); i += 2) {
+        std::uint32_t* field = args[i] == "--nodes"        ? &a.nodes
+                               : args[i] == "--blocks"     ? &a.blocks
+                               : args[i] == "--block-size" ? &a.block_size
+                                                           : nullptr;
+        if (field == nullptr) return fail("mkfs: unknown option " + args[i]) == 0;
+        if (i + 1 >= args.size() || !parse_number(args[i + 1], *field))
+            return fail("mkfs: " + args[i] + " takes a number") == 0;
     }
-    kernel::close(fd);
-    return got < 0 ? fail(path + " is not a directory") : 0;
+    if (a.nodes == 0 || a.nodes > 0xFFFF) return fail("mkfs: --nodes takes 1 to 65535") == 0;
+    if (a.blocks == 0) return fail("mkfs: --blocks takes at least 1") == 0;
+    return true;
 }
 
-void tree(const std::string& path, int depth, int& count) {
-    Descriptor fd = kernel::open(inside(path).c_str(), kOpenRead);
-    if (fd < 0 || depth > 64) return;
-    DirEntry entry{};
-    std::vector<std::string> names;
-    while (kernel::readdir(fd, entry) == 1) names.emplace_back(entry.name);
-    kernel::close(fd);
-    for (const std::string& name : names) {
-        const std::string child = (path == "/" ? "/" : path + "/") + name;
-        NodeStatus s{};
-        bool known = kernel::stat(inside(child).c_str(), s) == 0;
-        std::printf("%*s%s%s\n", 2 * depth, "", name.c_str(), known && s.kind == kNodeDirectory ? "/" : "");
-        ++count;
-        if (known && s.kind == kNodeDirectory) tree(child, depth + 1, count);
+// Makes the volume; when the result does not mount, the image's first
+// bytes (all that mkfs writes) are put back as they were.
+int make(const fs::path& image, UfsMakeArgument a) {
+    const std::uintmax_t size = fs::file_size(image);
+    a.device_size = static_cast<std::uint32_t>(card_size(size));
+    std::uint32_t b = a.block_size;
+    if (b != 16 && b != 32 && b != 64 && b != 128 && b != 256 && b != 512 && b != 1024) b = 32;
+    const std::int64_t room = static_cast<std::int64_t>(a.device_size) - a.nodes * 18ll - (a.nodes / 8 + 1);
+    if (room / b - 5 < 1) return fail(image.string() + " is too small for a volume of " + std::to_string(a.nodes) + " nodes");
+
+    const std::uintmax_t touched = 29 + (a.device_size / 16) / 8 + 1 + a.nodes / 8 + 1 + 18;
+    std::vector<char> before(static_cast<std::size_t>(std::min<std::uintmax_t>(touched, size)));
+    {
+        std::ifstream in(image, std::ios::binary);
+        if (!in.read(before.data(), static_cast<std::streamsize>(before.size())))
+            return fail("cannot read " + image.string());
     }
+    if (kernel::mkfs(kUfsx, "/dev/sdcard0", &a) == 0 && kernel::mount(kUfsx, "/dev/sdcard0", "/mem") == 0)
+        return kernel::umount("/mem") == 0 ? 0 : fail("the volume could not be written");
+    std::fstream back(image, std::ios::binary | std::ios::in | std::ios::out);
+    back.write(before.data(), static_cast<std::streamsize>(before.size()));
+    back.flush();
+    return fail(std::string("mkfs: no volume that mounts can be made with these sizes") +
+                (b == 1024 ? " (a volume of 1024-byte blocks does not mount)" : "") +
+                (back ? "; the image is as it was" : "; the image could not be put back"));
 }
 
-int copy_out(const std::string& path, std::FILE* out) {
-    Descriptor fd = kernel::open(inside(path).c_str(), kOpenRead);
-    if (fd < 0) return fail("no file " + path);
-    char buffer[8192];
-    long n;
-    while ((n = kernel::read(fd, buffer, sizeof buffer)) > 0) std::fwrite(buffer, 1, static_cast<std::size_t>(n), out);
-    kernel::close(fd);
-    return n < 0 ? fail(path + " cannot be read whole") : 0;
+// The image must be a regular file this program can read and write.
+bool usable_image(const fs::path& image) {
+    std::error_code e;
+    const fs::file_status status = fs::status(image, e);
+    if (!fs::exists(status)) return fail("no image " + image.string()) == 0;
+    if (fs::is_directory(status)) return fail(image.string() + " is a directory, not an image") == 0;
+    if (!fs::is_regular_file(status)) return fail(image.string() + " is not a regular file") == 0;
+    if (!std::fstream(image, std::ios::binary | std::ios::in | std::ios::out))
+        return fail("cannot open " + image.string() + " for reading and writing") == 0;
+    if (fs::file_size(image, e) > 0x7FFFFFFF) return fail(image.string() + " is too large for a card") == 0;
+    return true;
 }
 
-int copy_in(const std::string& local, const std::string& path) {
-    std::ifstream in(local, std::ios::binary);
-    if (!in) return fail("cannot read " + local);
-    Descriptor fd = kernel::open(inside(path).c_str(), kOpenWrite | kOpenCreate | kOpenTruncate);
-    if (fd < 0) return fail("cannot create " + path);
-    char buffer[8192];
-    int status = 0;
-    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
-        long want = static_cast<long>(in.gcount());
-        if (kernel::write(fd, buffer, static_cast<std::size_t>(want)) != want) {
-            status = fail("the volume is full or " + path + " reached its size limit");
-            break;
-        }
+int run(const fs::path& image, const std::string& command, std::vector<std::string> rest,
+        const UfsMakeArgument& make_argument) {
+    if (command == "mkfs") return make(image, make_argument);
+    if (kernel::mount(kUfsx, "/dev/sdcard0", "/mem") != 0)
+        return fail(image.string() + " holds no volume that mounts (error " + std::to_string(kernel_error()) + ")");
+    int status = 1;
+    if (command == "ls") {
+        const bool long_form = !rest.empty() && rest[0] == "-l";
+        if (long_form) rest.erase(rest.begin());
+        status = rest.size() > 1 ? fail("ls takes one path") : ufs_tool::list(rest.empty() ? "/" : rest[0], long_form);
+    } else if (command == "tree") {
+        status = ufs_tool::tree();
+    } else if (command == "cat") {
+        status = ufs_tool::cat(rest[0]);
+    } else if (command == "put") {
+        status = ufs_tool::put(rest[0], rest[1]);
+    } else if (command == "get") {
+        status = ufs_tool::get(rest[0], rest[1]);
+    } else if (command == "mkdir") {
+        status = ufs_tool::make_directory(rest[0]);
+    } else if (command == "rm") {
+        status = ufs_tool::remove(rest[0]);
+    } else if (command == "mv") {
+        status = ufs_tool::move(rest[0], rest[1]);
+    } else if (command == "df") {
+        status = ufs_tool::disk_free();
+    } else if (command == "check") {
+        status = ufs_tool::check();
     }
-    kernel::close(fd);
+    if (kernel::umount("/mem") != 0 && status == 0) status = fail("the volume could not be written back");
     return status;
 }
 
-int make(const fs::path& image, const std::vector<std::string>& args) {
-    UfsMakeArgument a{256, 0xFFFFFFFF, 512, 0};
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        auto number = [&](std::uint32_t& out) {
-            if (i + 1 >= args.size()) return false;
-            out = static_cast<std::uint32_t>(std::strtoul(args[++i].c_str(), nullptr, 0));
-            return true;
-        };
-        bool ok = (args[i] == "--nodes" && number(a.nodes)) || (args[i] == "--blocks" && number(a.blocks)) ||
-                  (args[i] == "--block-size" && number(a.block_size));
-        if (!ok) return fail("mkfs: unknown or incomplete option " + args[i]);
+int tool(std::vector<std::string> args) {
+    bool verbose = false;
+    if (!args.empty() && args[0] == "-v") {
+        verbose = true;
+        args.erase(args.begin());
     }
-    if (a.nodes == 0 || a.nodes > 0xFFFF) return fail("mkfs: --nodes takes 1 to 65535");
-    std::error_code e;
-    a.device_size = static_cast<std::uint32_t>(fs::file_size(image, e));
-    if (a.device_size % 512 == 4) a.device_size -= 4;
-    std::fflush(stdout);
-    if (kernel::mkfs(kUfsx, "/dev/sdcard0", &a) != 0) return fail("mkfs failed");
-    return 0;
-}
-
-} // namespace
-
-int main(int argc, char** argv) {
-    std::vector<std::string> args(argv + 1, argv + argc);
     if (args.empty() || args[0] == "-h" || args[0] == "--help") {
         std::fputs(kUsage, args.empty() ? stderr : stdout);
         return args.empty() ? 2 : 0;
     }
     if (args.size() < 2) return fail("a command is needed (see vukra-ufs --help)");
-    const fs::path image = fs::absolute(args[0]); // the workspace changes directory
     const std::string command = args[1];
     std::vector<std::string> rest(args.begin() + 2, args.end());
-    if (command != "mkfs" && !fs::exists(image)) return fail("no image " + image.string());
-    if (command == "mkfs" && !fs::exists(image)) {
-        // A new card image as the SD card driver makes one: 8 MiB and its end marker.
-        std::ofstream(image, std::ios::binary).flush();
-        std::error_code e;
-        fs::resize_file(image, 0x800004, e);
-        if (e) return fail("cannot make " + image.string());
-    }
+    const Command* known = find_command(command);
+    if (known == nullptr) return fail("unknown command " + command + " (see vukra-ufs --help)");
+    if (rest.size() < known->least || rest.size() > known->most)
+        return fail(command + ": wrong number of arguments (see vukra-ufs --help)");
+    UfsMakeArgument make_argument{};
+    if (command == "mkfs" && !parse_make(rest, make_argument)) return 1;
 
-    // Host paths are the caller's, read after the workspace changed directory.
-    if (command == "put" && !rest.empty()) rest[0] = fs::absolute(rest[0]).string();
-    if (command == "get" && rest.size() > 1) rest[1] = fs::absolute(rest[1]).string();
+    // Host paths are the caller's: made absolute before the workspace changes directory.
+    fs::path image = fs::absolute(args[0]);
+    bool made = false;
+    std::error_code e;
+    if (command == "mkfs" && !fs::exists(fs::symlink_status(image, e))) {
+        std::FILE* fresh = std::fopen(image.c_str(), "wbx");
+        if (fresh == nullptr) return fail("cannot make " + image.string());
+        std::fclose(fresh);
+        made = true;
+        fs::resize_file(image, kNewImageSize, e);
+        if (e) {
+            fs::remove(image, e);
+            return fail("cannot make " + image.string());
+        }
+    }
+    // Whatever fails below leaves no new image behind.
+    struct Unmake {
+        const fs::path& image;
+        bool& made;
+        int status = 1;
+        ~Unmake() {
+            std::error_code ignored;
+            if (made && status != 0) fs::remove(image, ignored);
+        }
+    } unmake{image, made};
+    if (!usable_image(image)) return 1;
+    image = fs::canonical(image);
+    if (command == "put") rest[0] = fs::absolute(rest[0]).string();
+    if (command == "get" && rest[1] != "-") rest[1] = fs::absolute(rest[1]).string();
+
+    platform::FileLockHolder lock(image.c_str());
+    if (lock.result() == platform::FileLockResult::kInUse)
+        return fail(image.string() + ": image in use by another program");
+    if (lock.result() != platform::FileLockResult::kHeld) return fail("cannot lock " + image.string());
+
+    set_diagnostic_stream(verbose ? stderr : nullptr);
     Workspace work(image);
     if (!work.ok) return fail("cannot set up a workspace for " + image.string());
     kernel_start();
-    if (fs::exists(image)) size_card_to(fs::file_size(image));
-    if (command == "mkfs") return make(image, rest);
+    size_card_to(fs::file_size(image));
+    unmake.status = run(image, command, rest, make_argument);
+    return unmake.status;
+}
 
-    if (kernel::mount(kUfsx, "/dev/sdcard0", "/mem") != 0)
-        return fail(image.string() + " holds no volume that mounts (error " + std::to_string(kernel_error()) + ")");
-    auto need = [&](std::size_t count) { return rest.size() == count; };
-    int status = 0;
-    if (command == "ls" && (need(1) || need(2))) {
-        bool long_form = rest[0] == "-l";
-        status = list(long_form ? (rest.size() > 1 ? rest[1] : "/") : rest[0], long_form);
-    } else if (command == "tree" && need(0)) {
-        int count = 0;
-        std::printf("/\n");
-        tree("/", 1, count);
-    } else if (command == "cat" && need(1)) {
-        status = copy_out(rest[0], stdout);
-    } else if (command == "put" && need(2)) {
-        status = copy_in(rest[0], rest[1]);
-    } else if (command == "get" && need(2)) {
-        std::FILE* out = std::fopen(rest[1].c_str(), "wb");
-        status = out ? copy_out(rest[0], out) : fail("cannot write " + rest[1]);
-        if (out) std::fclose(out);
-    } else if (command == "mkdir" && need(1)) {
-        status = kernel::mkdir(inside(rest[0]).c_str()) == 0 ? 0 : fail("cannot make " + rest[0]);
-    } else if (command == "rm" && need(1)) {
-        status = kernel::remove(inside(rest[0]).c_str()) == 0 ? 0 : fail("cannot remove " + rest[0]);
-    } else if (command == "mv" && need(2)) {
-        status = kernel::rename(inside(rest[0]).c_str(), inside(rest[1]).c_str()) == 0
-                     ? 0
-                     : fail("cannot move " + rest[0] + " to " + rest[1]);
-    } else if (command == "df" && need(0)) {
-        FsStatus s{};
-        kernel::fsstat("/mem", s);
-        std::printf("block size %u\nblocks %u used, %u free of %u\nnodes %u used, %u free of %u\n", s.block_size,
-                    s.blocks - s.free_blocks, s.free_blocks, s.blocks, s.nodes - s.free_nodes, s.free_nodes, s.nodes);
-    } else if (command == "check" && need(0)) {
-        CheckReport report;
-        check_volume("/mem", report);
-        for (const std::string& p : report.problems) std::printf("%s\n", p.c_str());
-        std::printf("%u directories, %u files, %u other nodes, %u blocks in use: %s\n", report.directories,
-                    report.files, report.others, report.blocks_in_use,
-                    report.problems.empty() ? "consistent" : "INCONSISTENT");
-        status = report.problems.empty() ? 0 : 1;
-    } else {
-        status = fail("unknown command or wrong arguments: " + command + " (see vukra-ufs --help)");
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return tool(std::vector<std::string>(argv + 1, argv + argc));
+    } catch (const std::exception& e) {
+        return fail(e.what());
+    } catch (...) {
+        return fail("unexpected failure");
     }
-    if (kernel::umount("/mem") != 0 && status == 0) status = fail("the volume could not be written back");
-    return status;
 }

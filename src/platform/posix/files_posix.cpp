@@ -1,7 +1,9 @@
 // Raw binary files.
 #include "platform/platform.h"
 
+#include <cerrno>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,5 +40,30 @@ long file_write(int file, const void* bytes, std::size_t count) {
 }
 
 int file_close(int file) { return ::close(file); }
+
+} // namespace vukra::platform
+
+namespace vukra::platform {
+
+// flock: the lock belongs to this open file description, so it is neither
+// dropped when the program closes another handle of the file, nor shared
+// with another open of the file in the same program.
+FileLockResult file_lock_exclusive(const char* path, FileLock& lock) {
+    int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return FileLockResult::kFailed;
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        const bool busy = errno == EWOULDBLOCK;
+        ::close(fd);
+        return busy ? FileLockResult::kInUse : FileLockResult::kFailed;
+    }
+    lock.handle = fd;
+    return FileLockResult::kHeld;
+}
+
+void file_unlock(FileLock& lock) {
+    if (lock.handle < 0) return;
+    ::close(static_cast<int>(lock.handle)); // releases the lock
+    lock.handle = -1;
+}
 
 } // namespace vukra::platform

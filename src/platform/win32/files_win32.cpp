@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <io.h>
 #include <sys/stat.h>
+#include <windows.h>
 
 namespace vukra::platform {
 
@@ -41,5 +42,43 @@ long file_write(int file, const void* bytes, std::size_t count) {
 }
 
 int file_close(int file) { return _close(file); }
+
+} // namespace vukra::platform
+
+namespace vukra::platform {
+
+namespace {
+
+// The lock covers one byte far past any real content: LockFileEx locks are
+// enforced on reads and writes, and the file's own bytes must stay free
+// for the program's other handles.
+constexpr DWORD kLockOffsetHigh = 0x7FFFFFFF;
+
+} // namespace
+
+FileLockResult file_lock_exclusive(const char* path, FileLock& lock) {
+    HANDLE h = CreateFileA(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                           OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (h == INVALID_HANDLE_VALUE) return FileLockResult::kFailed;
+    OVERLAPPED where{};
+    where.OffsetHigh = kLockOffsetHigh;
+    if (!LockFileEx(h, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &where)) {
+        const bool busy = GetLastError() == ERROR_LOCK_VIOLATION;
+        CloseHandle(h);
+        return busy ? FileLockResult::kInUse : FileLockResult::kFailed;
+    }
+    lock.handle = reinterpret_cast<std::intptr_t>(h);
+    return FileLockResult::kHeld;
+}
+
+void file_unlock(FileLock& lock) {
+    if (lock.handle == -1) return;
+    HANDLE h = reinterpret_cast<HANDLE>(lock.handle);
+    OVERLAPPED where{};
+    where.OffsetHigh = kLockOffsetHigh;
+    UnlockFileEx(h, 0, 1, 0, &where);
+    CloseHandle(h);
+    lock.handle = -1;
+}
 
 } // namespace vukra::platform
