@@ -11,6 +11,7 @@ packages=(
   libexpat1-dev libmodbus-dev
   chromium python3
   clang libclang-rt-14-dev
+  libcli11-dev
 )
 
 missing=()

@@ -122,6 +122,69 @@ TEST_F(TransactionTest, WrongAnswersGiveZeroAndNoAnswerMinusOne) {
     EXPECT_NE(out.find("nombre de registres ecrits incorrect\n"), std::string::npos);
 }
 
+// The cause of a failure is kept for the tools, the results stay as they are.
+TEST_F(TransactionTest, TheCauseOfTheLastFailureIsKept) {
+    ASSERT_TRUE(table::find_register(reg, type, "one"));
+    std::uint16_t value = 0;
+    run = [&] { return link::modbus_read_registers(port, reg, type, &value, sizeof value); };
+    struct Case {
+        const char* reply;
+        int result;
+        link::Failure failure;
+        int code;
+    };
+    const Case cases[] = {{":0183027A\r\n", 0, link::Failure::kException, 2},
+                          {":0103020001F8\r\n", -1, link::Failure::kBadFrame, 0},
+                          {"", -1, link::Failure::kNoReply, 0},
+                          {":0104020001F8\r\n", 0, link::Failure::kWrongFunction, 0},
+                          {":0103020001F9\r\n", 1, link::Failure::kNone, 0}};
+    for (const Case& c : cases) {
+        testing::internal::CaptureStdout();
+        answer_with(c.reply);
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(result, c.result) << c.reply;
+        EXPECT_EQ(link::last_outcome().failure, c.failure) << c.reply;
+        if (c.code) {
+            EXPECT_EQ(link::last_outcome().exception_code, c.code);
+        }
+    }
+}
+
+// On purpose: the register path does not purge the line, so a reply that
+// comes after its request timed out is taken as the answer to the next one.
+TEST_F(TransactionTest, ALateReplyAnswersTheNextRequest) {
+    ASSERT_TRUE(table::find_register(reg, type, "one"));
+    std::uint16_t value = 0;
+    testing::internal::CaptureStdout();
+    std::thread device([&] {
+        pty.receive(19, 1000);     // the first request; its reply comes too late (time-out 500 ms)
+        pty.receive(19, 1000);     // the second request, sent after the time-out
+        pty.send_packet(":0103021111D8\r\n"); // the late reply to the first
+        pty.send_packet(":0103022222B6\r\n"); // the reply to the second
+    });
+    int first = link::modbus_read_registers(port, reg, type, &value, sizeof value);
+    int second = link::modbus_read_registers(port, reg, type, &value, sizeof value);
+    device.join();
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(first, -1);
+    EXPECT_EQ(second, 1);
+    EXPECT_EQ(value, 0x1111) << "the second read took the first request's reply";
+}
+
+// On purpose: a buffer travels as one big-endian number, so its elements
+// go on the wire last first.
+TEST_F(TransactionTest, ABufferGoesOnTheWireLastElementFirst) {
+    ASSERT_TRUE(table::find_register(reg, type, "one"));
+    const table::TypeRecord buffer{"buffer_short3", 3, "short", 2, 0, "TYPE_BUFFER_SHORT3"};
+    const std::int16_t elements[3] = {1, 2, 3};
+    run = [&] { return link::modbus_write_registers(port, reg, buffer, elements); };
+    testing::internal::CaptureStdout();
+    std::string request = answer_with(":0110FFF00003FD\r\n");
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(result, 1);
+    EXPECT_NE(request.find(":0110FFF0000306" "000300020001"), std::string::npos) << request;
+}
+
 TEST_F(TransactionTest, AReplyDeclaringMoreThanTheDestinationHoldsStaysInside) {
     ASSERT_TRUE(table::find_register(reg, type, "one"));
     std::uint8_t value[4] = {0, 0, 0x77, 0x77};

@@ -49,8 +49,18 @@ std::string round_trip(modbus_vukra_session* s, const char* name, const char* te
     return modbus_vukra_op_register_btoa(shown, name, back) ? shown : "<no text>";
 }
 
+// The example table with every register readable and writable, for a
+// device that lets the host write all of them.
+void write_open_table(const char* name) {
+    std::string text = test::read_file("table.xml");
+    for (std::size_t at; (at = text.find("access=\"R\"")) != std::string::npos;) text.replace(at, 10, "access=\"RW\"");
+    for (std::size_t at; (at = text.find("access=\"W\"")) != std::string::npos;) text.replace(at, 10, "access=\"RW\"");
+    test::write_file(name, text);
+}
+
 TEST_F(EndToEnd, EveryTypeMakesTheRoundTrip) {
-    test::SimProcess sim({"--table", "table.xml"});
+    write_open_table("open.xml");
+    test::SimProcess sim({"--table", "open.xml"});
     modbus_vukra_session* s = open(sim);
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(round_trip(s, "setpoint", "-2.25"), "-2.250000");
@@ -113,6 +123,50 @@ TEST_F(EndToEnd, AnUnmappedRegisterGetsAnExceptionReply) {
     std::string out = testing::internal::GetCapturedStdout();
     EXPECT_NE(out.find("Frame : [:0183027A<CR><LF>]"), std::string::npos);
     EXPECT_NE(out.find("Fonction incorrecte\n"), std::string::npos);
+    EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
+}
+
+// The device keeps to the table's access: a write of an "R" register and a
+// read of a "W" one get exception 2, and the failure's cause says so.
+TEST_F(EndToEnd, TheDeviceRefusesWhatTheAccessForbids) {
+    test::SimProcess sim({"--table", "table.xml"});
+    modbus_vukra_session* s = open(sim);
+    ASSERT_NE(s, nullptr);
+    std::uint16_t word = 7;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(modbus_vukra_op_protected_writereg(s, "cycle_count", &word, 2), -1);
+    link::TransactionOutcome refused_write = link::last_outcome();
+    EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "reset", &word, 2), -1);
+    link::TransactionOutcome refused_read = link::last_outcome();
+    EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "cycle_count", &word, 2), 2);
+    link::TransactionOutcome done = link::last_outcome();
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(refused_write.failure, link::Failure::kException);
+    EXPECT_EQ(refused_write.exception_code, 2);
+    EXPECT_EQ(refused_read.failure, link::Failure::kException);
+    EXPECT_EQ(done.failure, link::Failure::kNone);
+    EXPECT_EQ(word, 4711) << "the refused write left the value";
+    EXPECT_NE(out.find(":019002"), std::string::npos) << out;
+    EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
+}
+
+// On purpose: a read copies the byte count the host asks for (up to 256),
+// whatever the register's size: the bytes past the value are the transfer
+// area's zeros, and the host's area is filled that far.
+TEST_F(EndToEnd, AReadCopiesTheCountAskedWhateverTheSize) {
+    test::SimProcess sim({"--table", "table.xml"});
+    modbus_vukra_session* s = open(sim);
+    ASSERT_NE(s, nullptr);
+    std::uint8_t area[300];
+    std::memset(area, 0x55, sizeof area);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "offset_trim", area, 300), 256);
+    testing::internal::GetCapturedStdout();
+    std::int16_t trim;
+    std::memcpy(&trim, area, 2);
+    EXPECT_EQ(trim, -12);
+    EXPECT_EQ(area[255], 0);
+    EXPECT_EQ(area[256], 0x55);
     EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
 }
 

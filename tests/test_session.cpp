@@ -92,6 +92,31 @@ TEST_F(SessionTest, Open2AdoptsTheHostsHandle) {
     EXPECT_EQ(::fcntl(fd, F_GETFD), -1) << "close must release the adopted handle";
 }
 
+// A failed open2 leaves the host's handle open: it is still the host's.
+TEST_F(SessionTest, AFailedOpen2LeavesTheHostsHandleOpen) {
+    int fd = ::open(pty.slave_path.c_str(), O_RDWR | O_NOCTTY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(std::remove("table.xml"), 0);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(modbus_vukra_op_session_open2(reinterpret_cast<void*>(static_cast<std::intptr_t>(fd))), nullptr);
+    testing::internal::GetCapturedStdout();
+    EXPECT_NE(::fcntl(fd, F_GETFD), -1) << "the handle stays open after a failed open";
+
+    // A handle that refuses the line settings (a pipe) is not closed either.
+    test::write_file("table.xml", "<root/>");
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    testing::internal::CaptureStdout();
+    modbus_vukra_session* s = modbus_vukra_op_session_open2(reinterpret_cast<void*>(static_cast<std::intptr_t>(ends[0])));
+    testing::internal::GetCapturedStdout();
+    EXPECT_NE(::fcntl(ends[0], F_GETFD), -1);
+    if (s != nullptr) modbus_vukra_op_session_close(s);
+    EXPECT_NE(::fcntl(ends[0], F_GETFD), -1) << "a handle the library never took stays the host's";
+    ::close(ends[0]);
+    ::close(ends[1]);
+    ::close(fd);
+}
+
 TEST_F(SessionTest, APortThatDoesNotExistStillOpens) {
     modbus_vukra_session* s = modbus_vukra_op_session_open("/dev/vukra-no-such-port");
     ASSERT_NE(s, nullptr);

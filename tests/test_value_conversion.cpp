@@ -3,10 +3,12 @@
 #include "support/files.h"
 #include "support/temp_dir.h"
 #include "table/value_conversion.h"
+#include "table/value_format.h"
 #include "table/value_parse.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -94,13 +96,63 @@ TEST(ValueParse, AcceptsOnlyWholeValuesInRange) {
     EXPECT_FALSE(parse_value(type_of("real", 2), "1e999", area, sizeof area));
     EXPECT_FALSE(parse_value(type_of("?", 1), "1", area, sizeof area));
 
-    EXPECT_TRUE(parse_value(type_of("buffer_s", 3, "short"), "1, 2 -3", area, sizeof area));
+    EXPECT_TRUE(parse_value(type_of("buffer_s", 3, "short"), "1 2\t-3", area, sizeof area));
     std::int16_t shorts[3];
     std::memcpy(shorts, area, sizeof shorts);
     EXPECT_EQ(shorts[2], -3);
     EXPECT_FALSE(parse_value(type_of("buffer_s", 3, "short"), "1 2", area, sizeof area)) << "too few";
     EXPECT_FALSE(parse_value(type_of("buffer_s", 3, "short"), "1 2 3 4", area, sizeof area)) << "too many";
     EXPECT_FALSE(parse_value(type_of("int32", 2), "1", area, 2)) << "does not fit the area";
+}
+
+// Numbers mean what they say: decimal, or 0x hexadecimal for integers;
+// never octal, no blank or text around, buffer elements apart by blanks.
+TEST(ValueParse, NumbersAreDecimalOrHexadecimalAndNothingElse) {
+    auto int16_of = [](const char* text) {
+        std::int16_t v = 0;
+        return parse_value(type_of("int16", 1), text, &v, sizeof v) ? std::to_string(v) : std::string("refused");
+    };
+    EXPECT_EQ(int16_of("010"), "10");
+    EXPECT_EQ(int16_of("08"), "8");
+    EXPECT_EQ(int16_of("0x7FFF"), "32767");
+    EXPECT_EQ(int16_of("-12"), "-12");
+    for (const char* bad : {"0x8000", " 5", "5 ", "0x", "-0x5", "1e3", "1.0", "5abc", "0b1", "--5", "+"})
+        EXPECT_EQ(int16_of(bad), "refused") << bad;
+    std::uint32_t u = 0;
+    EXPECT_TRUE(parse_value(type_of("uint32", 2), "0xFFFFFFFF", &u, sizeof u));
+    EXPECT_EQ(u, 0xFFFFFFFFu);
+    EXPECT_FALSE(parse_value(type_of("uint32", 2), "0x100000000", &u, sizeof u));
+    float f = 0;
+    EXPECT_TRUE(parse_value(type_of("real", 2), "-2.5e1", &f, sizeof f));
+    EXPECT_EQ(f, -25.0f);
+    for (const char* bad : {"0x1p3", "inf", "nan", " 1.5", "1.5x", ".", "1e"})
+        EXPECT_FALSE(parse_value(type_of("real", 2), bad, &f, sizeof f)) << bad;
+    std::int16_t shorts[3] = {};
+    EXPECT_FALSE(parse_value(type_of("buffer_s", 3, "short"), "1,2,3", shorts, sizeof shorts));
+    EXPECT_FALSE(parse_value(type_of("buffer_s", 3, "short"), "1, 2, 3", shorts, sizeof shorts));
+    EXPECT_TRUE(parse_value(type_of("buffer_s", 3, "short"), "0x10 010 -3", shorts, sizeof shorts));
+    EXPECT_EQ(shorts[0], 16);
+    EXPECT_EQ(shorts[1], 10);
+}
+
+// A long buffer's text is whole, with its elements apart by blanks, where
+// the exported conversion stops at its 256 bytes.
+TEST(ValueFormat, ShowsEveryElementOfALongBuffer) {
+    std::int16_t elements[100];
+    for (int i = 0; i < 100; ++i) elements[i] = static_cast<std::int16_t>(-1000 - i);
+    TypeRecord type = type_of("buffer_s", 100, "short");
+    std::string text;
+    ASSERT_TRUE(format_value(type, elements, text));
+    EXPECT_EQ(text.substr(0, 12), "-1000 -1001 ");
+    EXPECT_EQ(text.substr(text.size() - 6), " -1099");
+    EXPECT_EQ(std::count(text.begin(), text.end(), ' '), 99);
+    std::int16_t back[100] = {};
+    ASSERT_TRUE(parse_value(type, text.c_str(), back, sizeof back));
+    EXPECT_EQ(std::memcmp(back, elements, sizeof back), 0);
+    float gain = 0.75f;
+    ASSERT_TRUE(format_value(type_of("buffer2float", 2, "float"), &gain, text));
+    EXPECT_EQ(text, "0.750000");
+    EXPECT_FALSE(format_value(type_of("buffer_x", 2, "double"), &gain, text));
 }
 
 TEST(ValueExports, ConvertThroughTheRegisterTable) {

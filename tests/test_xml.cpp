@@ -1,6 +1,7 @@
 // The XML reader, search and writer.
 #include "support/files.h"
 #include "support/temp_dir.h"
+#include "table/xml_fatal.h"
 #include "table/xml_tree.h"
 
 #include <gtest/gtest.h>
@@ -145,6 +146,42 @@ TEST_F(XmlTest, SyntaxErrorsEndTheProcessWithTheirMessage) {
     EXPECT_EXIT(load_dying("<a k=\"open/>"), ::testing::ExitedWithCode(0), "Xml error in attribute");
     EXPECT_EXIT(load_dying("<a k=\"&ampersandwithoutend\"/>"), ::testing::ExitedWithCode(0),
                 "Xml error : bad esc char");
+}
+
+// Every fatal end goes through the one handler: one that leaves by a jump
+// of its own (as a fuzz target's does) gets the message and the status the
+// default ending would have used, and the process goes on.
+TEST_F(XmlTest, AnInstalledHandlerReceivesEveryFatalEnd) {
+    struct Ended {
+        std::string message;
+        int status;
+    };
+    static XmlFatalHandler previous = set_xml_fatal_handler([](const char* message, int status) {
+        throw Ended{message, status};
+    });
+    for (const auto& [text, message] : std::vector<std::pair<const char*, const char*>>{
+             {"<a></b>", "Xml error, different names a b\n"},
+             {"<a><></a>", "Xml error, void name\n"},
+             {"<a k=1/>", "Xml error in attribute\n"},
+             {"<a k=\"&ampersandwithoutend\"/>", "Xml error : bad esc char\n"}}) {
+        test::write_file("bad.xml", text);
+        try {
+            xml_load("bad.xml");
+            ADD_FAILURE() << text << " loaded";
+        } catch (const Ended& e) {
+            EXPECT_EQ(e.message, message);
+            EXPECT_EQ(e.status, 0);
+        }
+    }
+    XmlNode odd{};
+    odd.kind = 7;
+    try {
+        xml_free(&odd);
+        ADD_FAILURE() << "a node of no known kind was freed";
+    } catch (const Ended& e) {
+        EXPECT_EQ(e.status, -1);
+    }
+    set_xml_fatal_handler(previous);
 }
 
 TEST_F(XmlTest, EditingKeepsTheListsLinked) {

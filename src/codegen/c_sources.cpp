@@ -6,6 +6,8 @@
 #include "platform/platform.h"
 
 #include <cstdio>
+#include <string>
+#include <vector>
 
 namespace vukra::codegen {
 
@@ -61,11 +63,29 @@ const char kTableStruct[] =
 
 const char* text(const char* s) { return s ? s : "(null)"; }
 
-// Opens a generated file; says so when it cannot.
+// The files of this run that could not be written whole.
+std::vector<std::string> unwritten;
+
+void note_unwritten(const std::string& name) {
+    for (const std::string& n : unwritten)
+        if (n == name) return;
+    unwritten.push_back(name);
+}
+
+// Opens a generated file; says so when it cannot (the type header and the
+// dispatcher fail silently, but are noted all the same).
 std::FILE* open_for(const std::string& name, const char* mode, bool report = true) {
     std::FILE* f = std::fopen(name.c_str(), mode);
     if (f == nullptr && report) std::printf("Erreur d'ouverture en ecriture [%s]\n", name.c_str());
+    if (f == nullptr) note_unwritten(name);
     return f;
+}
+
+// Closes a generated file, noting it when a write or the close failed.
+void close_file(std::FILE* f, const std::string& name) {
+    bool failed = std::ferror(f) != 0;
+    if (std::fclose(f) != 0) failed = true;
+    if (failed) note_unwritten(name);
 }
 
 void write_kept_block(std::FILE* f, const KeptLines& kept, const std::string& tag) {
@@ -110,7 +130,7 @@ void write_type_header() {
     std::fputs(kTableStruct, f);
     std::fprintf(f, "#define SHARED_FCT 0x80\n");
     std::fprintf(f, "int ModbusCall(void *func, unsigned short address, void *arg, unsigned char argType);\n");
-    std::fclose(f);
+    close_file(f, header_file("Type"));
 }
 
 void write_type_constants() {
@@ -118,7 +138,7 @@ void write_type_constants() {
     if (f == nullptr) return;
     for (const TypeRecord& type : table::types()) std::fprintf(f, "#define %s %d\n", type.identifier, type.index);
     std::fprintf(f, "\n#endif\n");
-    std::fclose(f);
+    close_file(f, header_file("Type"));
 }
 
 void write_prototypes() {
@@ -140,7 +160,7 @@ void write_prototypes() {
         }
     }
     std::fprintf(f, "\n#endif\n");
-    std::fclose(f);
+    close_file(f, header_file("Header"));
 }
 
 void write_dispatcher() {
@@ -162,14 +182,14 @@ void write_dispatcher() {
         }
     }
     std::fprintf(f, "  }\n return 0;\n}\n");
-    std::fclose(f);
+    close_file(f, source_file("Call"));
 }
 
 void write_data_file() {
     const std::string name = source_file("Data");
     std::FILE* f = open_for(name, "w");
     if (f == nullptr) return;
-    std::fclose(f);
+    close_file(f, name);
 
     // The register arrays.
     if ((f = open_for(name, "a")) == nullptr) return;
@@ -192,7 +212,7 @@ void write_data_file() {
         }
         std::fprintf(f, "};\n");
     }
-    std::fclose(f);
+    close_file(f, name);
 
     // The table index.
     if ((f = open_for(name, "a")) == nullptr) return;
@@ -210,7 +230,7 @@ void write_data_file() {
     }
     std::fprintf(f, "  %c{ 0,0,0,0 } // Marqueur de fin de table\n", separator);
     std::fprintf(f, "};\n");
-    std::fclose(f);
+    close_file(f, name);
 }
 
 void write_table_files() {
@@ -243,11 +263,12 @@ void write_table_files() {
             if (readable(reg)) write_skeleton(f, Direction::kRead, reg, type, kept);
             if (writable(reg)) write_skeleton(f, Direction::kWrite, reg, type, kept);
         }
-        std::fclose(f);
+        close_file(f, name);
     }
 }
 
 void generate_c_sources() {
+    unwritten.clear();
     write_type_header();
     write_type_constants();
     write_prototypes();
@@ -255,5 +276,11 @@ void generate_c_sources() {
     write_data_file();
     write_table_files();
 }
+
+} // namespace vukra::codegen
+
+namespace vukra::codegen {
+
+const std::vector<std::string>& unwritten_files() { return unwritten; }
 
 } // namespace vukra::codegen

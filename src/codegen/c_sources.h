@@ -8,6 +8,9 @@
 //                     user's code between the marker comments
 #pragma once
 
+#include <string>
+#include <vector>
+
 namespace vukra::codegen {
 
 void write_type_header();    // written anew, without its #endif
@@ -19,5 +22,9 @@ void write_table_files();
 
 // All of them, in that order.
 void generate_c_sources();
+
+// The files of the last generate_c_sources that could not be opened or
+// written whole (those without a message of their own included).
+const std::vector<std::string>& unwritten_files();
 
 } // namespace vukra::codegen

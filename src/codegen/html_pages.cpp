@@ -16,8 +16,11 @@ const char* text(const char* s) { return s ? s : "(null)"; }
 
 const char* row_colour(int row) { return row % 2 == 0 ? "A060FF" : "8040FF"; }
 
+bool page_written = false;
+
 std::FILE* begin_page(const char* path) {
     std::FILE* f = path ? std::fopen(path, "w") : nullptr;
+    page_written = f != nullptr;
     if (f == nullptr) return nullptr;
     std::fprintf(f, "<html>\n");
     std::fprintf(f, "<head>\n");
@@ -35,7 +38,8 @@ int end_page(std::FILE* f) {
     std::fprintf(f, "</table>\n");
     std::fprintf(f, "</body>\n");
     std::fprintf(f, "</html>\n");
-    std::fclose(f);
+    if (std::ferror(f) != 0) page_written = false;
+    if (std::fclose(f) != 0) page_written = false;
     return 0;
 }
 
@@ -95,6 +99,8 @@ int write_live_page(const char* path, const char* host, const ReadRegister& read
     }
     return end_page(f);
 }
+
+bool last_page_written() { return page_written; }
 
 int generator_entry(int argc, char** argv) {
     if (argc < 2) {

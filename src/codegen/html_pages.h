@@ -20,6 +20,9 @@ int write_register_map(const char* path);
 // the register's "value" attribute.
 int write_live_page(const char* path, const char* host, const ReadRegister& read, const char* register_name);
 
+// Whether the last page asked for was created and written whole.
+bool last_page_written();
+
 // The generator's entry: argv[1] names the table. -1 without it, 1 when the
 // table loads, 0 when it does not.
 int generator_entry(int argc, char** argv);

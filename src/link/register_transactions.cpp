@@ -11,6 +11,10 @@ namespace vukra::link {
 
 namespace {
 
+thread_local TransactionOutcome outcome{Failure::kNone, 0};
+
+void note(Failure failure, std::uint8_t code = 0) { outcome = TransactionOutcome{failure, code}; }
+
 // The longest value a reply can declare (its byte count is one byte).
 constexpr std::size_t kMaxReplyBytes = 255;
 
@@ -44,13 +48,16 @@ struct Exchange {
         frame_print(request);
         std::uint32_t start = platform::clock_ms();
         frame_send(port, request);
+        note(Failure::kNoReply);
         if (!frame_receive(port, reply)) return -1;
         elapsed_ms = static_cast<long>(platform::clock_ms() - start);
         frame_print(reply);
         if (!frame_check(reply)) {
             std::printf("Trame incorrecte\n");
+            note(Failure::kBadFrame);
             return -1;
         }
+        note(Failure::kNone);
         return 1;
     }
 
@@ -68,6 +75,10 @@ struct Exchange {
 
     bool function_is(std::uint8_t function) const {
         if (byte_at(3) == function) return true;
+        if (byte_at(3) == (function | 0x80))
+            note(Failure::kException, byte_at(5));
+        else
+            note(Failure::kWrongFunction);
         std::printf("Fonction incorrecte\n");
         std::printf("Error (%ld ms)\n", elapsed_ms);
         return false;
@@ -75,6 +86,8 @@ struct Exchange {
 };
 
 } // namespace
+
+TransactionOutcome last_outcome() { return outcome; }
 
 int modbus_read_registers(Port* port, const table::RegisterRecord& reg, const table::TypeRecord& type,
                           void* destination, std::size_t capacity) {
@@ -105,10 +118,12 @@ int modbus_write_registers(Port* port, const table::RegisterRecord& reg, const t
     if (!x.function_is(kWriteFunction)) return 0;
     if (x.word_at(5) != x.address) {
         std::printf("adresse d'ecriture incorrecte\n");
+        note(Failure::kWrongEcho);
         return 0;
     }
     if (x.word_at(9) != x.words) {
         std::printf("nombre de registres ecrits incorrect\n");
+        note(Failure::kWrongEcho);
         return 0;
     }
     std::printf("Ok (%ld ms)\n", x.elapsed_ms);

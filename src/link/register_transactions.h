@@ -27,6 +27,22 @@ int modbus_read_registers(Port* port, const table::RegisterRecord& reg, const ta
 int modbus_write_registers(Port* port, const table::RegisterRecord& reg, const table::TypeRecord& type,
                            const void* source);
 
+// Why the calling thread's last transaction failed, for tools that tell a
+// person more than the result does. It does not change any result.
+enum class Failure {
+    kNone,          // the last transaction succeeded
+    kNoReply,       // no reply within the port's time-out, or the line failed
+    kBadFrame,      // a reply came but was not a sound frame (start, end, length, LRC)
+    kException,     // the device answered with an exception: exception_code says which
+    kWrongFunction, // a reply for another function
+    kWrongEcho,     // a write's reply echoed another address or quantity
+};
+struct TransactionOutcome {
+    Failure failure;
+    std::uint8_t exception_code; // with kException
+};
+TransactionOutcome last_outcome();
+
 // Convenience forms by name with conversion to and from text (at least
 // table::kValueTextSize bytes). They print "read %s\n" or "write %s %s\n"
 // first. Reading counts a transaction result of -1 as done (and converts

@@ -36,6 +36,7 @@ Port* serial_open(int, const char* name, std::intptr_t native_handle, const Seri
     port->native = native_handle != 0 ? native_handle : platform::serial_open(name);
     port->timeout_ms = kSessionSettings.timeout_ms;
     port->head = port->tail = 0;
+    port->adopted = native_handle != 0;
     if (settings != nullptr) (void)serial_configure(name, port, settings);
     platform::serial_purge(port->native);
     platform::serial_setup_queues(port->native);
@@ -46,7 +47,8 @@ Port* serial_open(int, const char* name, std::intptr_t native_handle, const Seri
 int serial_configure(const char* name, Port* port, const SerialSettings* settings) {
     if (port == nullptr || settings == nullptr) return -1;
     if (platform::serial_configure(port->native, settings->baud, settings->timeout_ms) != 0) {
-        port->native = platform::kInvalidPort; // closed by the refusal
+        if (!port->adopted) platform::serial_close(port->native);
+        port->native = platform::kInvalidPort;
         return -1;
     }
     port->timeout_ms = settings->timeout_ms;
@@ -90,6 +92,8 @@ int serial_close(Port* port) {
     delete port;
     return 0;
 }
+
+void serial_release(Port* port) { delete port; }
 
 SerialSettings serial_last_settings() {
     std::uint32_t format = last_settings.format;

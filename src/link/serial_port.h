@@ -31,6 +31,7 @@ struct Port {
     std::uint32_t timeout_ms;
     std::uint32_t head; // next byte to hand out
     std::uint32_t tail; // end of the bytes held
+    bool adopted;       // the host handed the handle over: a failed open leaves it to the host
     std::uint8_t received[kReceiveBufferSize];
 };
 
@@ -41,7 +42,8 @@ struct Port {
 Port* serial_open(int unused, const char* name, std::intptr_t native_handle, const SerialSettings* settings);
 
 // Applies settings; prints "%s ready\n" when a name is given. 0 or -1 (the
-// system's handle is then closed and the Port left on the invalid handle).
+// Port is then left on the invalid handle; a handle opened by name is
+// closed, one the host handed over stays open for the host).
 int serial_configure(const char* name, Port* port, const SerialSettings* settings);
 
 // Up to count bytes: the number read, 0 when the time-out ran out, -1 on
@@ -51,6 +53,9 @@ long serial_read(Port* port, void* buffer, std::size_t count);
 long serial_write(Port* port, const void* bytes, std::size_t count);
 int serial_purge(Port* port);
 int serial_close(Port* port); // also frees the Port
+// Frees the Port without closing its handle: an open that fails gives a
+// handle the host handed over back to the host as it was.
+void serial_release(Port* port);
 
 // Waits up to the port's time-out for input and takes all that has
 // arrived into the receive buffer: 1 with bytes held, 0 on time-out, -1 on

@@ -22,7 +22,8 @@ NativePort serial_open(const char* name);
 // Applies the fixed line settings at the given speed: 8 data bits, no
 // parity, 1 stop bit, no flow control, DTR on, RTS off, event character
 // 0xC0, and a total read time-out of timeout_ms per read with no interval
-// time-out. Returns 0, or -1 when the port refuses (the port is then closed).
+// time-out. Returns 0, or -1 when the port refuses (the port stays open: its
+// owner decides).
 int serial_configure(NativePort port, std::uint32_t baud, std::uint32_t timeout_ms);
 
 // Watches the receive events and sizes both driver queues (65536 bytes).

@@ -20,6 +20,7 @@ MODBUS_VUKRA_API std::int32_t modbus_vukra_op_protected_writereg(modbus_vukra_se
 
 MODBUS_VUKRA_API char* modbus_vukra_op_register_btoa(char* text, const char* name, const void* value) {
     return session::guarded<char*>(nullptr, [&]() -> char* {
+        table::TableLock table_lock; // a session opened meanwhile may reload the table
         table::RegisterRecord reg;
         table::TypeRecord type;
         if (!table::find_register(reg, type, name)) return nullptr;
@@ -29,6 +30,7 @@ MODBUS_VUKRA_API char* modbus_vukra_op_register_btoa(char* text, const char* nam
 
 MODBUS_VUKRA_API std::int32_t modbus_vukra_op_register_atob(void* value, const char* name, const char* text) {
     return session::guarded<std::int32_t>(-1, [&] {
+        table::TableLock table_lock;
         table::RegisterRecord reg;
         table::TypeRecord type;
         if (!table::find_register(reg, type, name)) return -1;

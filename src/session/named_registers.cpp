@@ -33,6 +33,7 @@ bool find(const Session* s, const char* name, table::RegisterRecord& reg, table:
 
 std::int32_t read_register(Session* s, const char* name, void* value, std::int32_t count) {
     if (s == nullptr || value == nullptr) return -1;
+    table::TableLock table_lock;
     table::RegisterRecord reg;
     table::TypeRecord type;
     if (!find(s, name, reg, type)) return -1;
@@ -52,6 +53,7 @@ std::int32_t write_register(Session* s, const char* name, const void* value, std
     count = clamp_count(count);
     std::uint8_t transfer[kTransferSize] = {};
     std::memcpy(transfer, value, static_cast<std::size_t>(count));
+    table::TableLock table_lock;
     table::RegisterRecord reg;
     table::TypeRecord type;
     if (!find(s, name, reg, type)) return -1;

@@ -28,9 +28,16 @@ Session* new_record() {
     return s;
 }
 
-// A record that never got a port is released whole: the host never sees it.
+// A record that failed to open is released whole: the host never sees it.
+// A port opened by name is closed; a handle the host handed over stays
+// open, the host's as before the call.
 Session* give_up(Session* s) {
-    if (s->port != nullptr) link::serial_close(s->port);
+    if (s->port != nullptr) {
+        if (s->port->adopted)
+            link::serial_release(s->port);
+        else
+            link::serial_close(s->port);
+    }
     delete s;
     return nullptr;
 }

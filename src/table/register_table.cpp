@@ -1,5 +1,7 @@
 #include "table/register_table.h"
 
+#include "platform/platform.h"
+
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -32,6 +34,15 @@ struct Model {
 };
 
 Model model;
+
+platform::RecursiveLock& table_lock() {
+    static platform::RecursiveLock* lock = [] {
+        static platform::RecursiveLock storage;
+        platform::lock_init(storage);
+        return &storage;
+    }();
+    return *lock;
+}
 
 std::uint32_t hex_attribute(const XmlNode* element, const char* name) {
     const char* text = xml_attribute_value(element, name);
@@ -164,18 +175,27 @@ int load(const char* name) {
         std::printf("error: cannot open xml input file: %s\r\n", name ? name : "(null)");
         return 0;
     }
-    xml_free(model.document);
-    model = Model{};
-    model.document = root;
-    model.file_name = name;
+    Model fresh;
+    fresh.document = root;
+    fresh.file_name = name;
     XmlCursor cursor;
-    model.config = xml_find_first(cursor, root, "root/config");
-    model.tables = xml_find_first(cursor, root, "root/table_list");
-    read_config(model);
-    index_types(model);
-    index_registers(model);
+    fresh.config = xml_find_first(cursor, root, "root/config");
+    fresh.tables = xml_find_first(cursor, root, "root/table_list");
+    read_config(fresh);
+    index_types(fresh);
+    index_registers(fresh);
+    XmlNode* previous = nullptr;
+    {
+        platform::LockGuard guard(table_lock());
+        previous = model.document;
+        model = std::move(fresh);
+    }
+    xml_free(previous);
     return 1;
 }
+
+TableLock::TableLock() { platform::lock_enter(table_lock()); }
+TableLock::~TableLock() { platform::lock_leave(table_lock()); }
 
 int find_type(const char* type_name, TypeRecord& type) {
     int index = type_index(model, type_name);

@@ -51,9 +51,23 @@ struct TableConfig {
 };
 
 // Loads file_name (printing why when it cannot) and replaces the table.
-// A syntax error in the file ends the process. 1, or 0 on failure, when the
-// previous table stays.
+// A syntax error in the file ends the process (see xml_fatal.h). 1, or 0 on
+// failure, when the previous table stays. The file is read before the table
+// lock is taken; the replacement itself runs under it.
 int load(const char* file_name);
+
+// Holds the table lock: while one is held no load replaces the table, so
+// the records a lookup filled (whose texts point into the table) stay
+// valid. Host threads that read the table while another may open a
+// session (the register_btoa and register_atob exports, the named register
+// calls) hold one around their lookup and its use. Recursive.
+class TableLock {
+public:
+    TableLock();
+    ~TableLock();
+    TableLock(const TableLock&) = delete;
+    TableLock& operator=(const TableLock&) = delete;
+};
 
 // 1 when found; otherwise 0 with the default type ("?", 1 word).
 int find_type(const char* type_name, TypeRecord& type);

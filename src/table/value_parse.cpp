@@ -1,6 +1,5 @@
 #include "table/value_parse.h"
 
-#include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -15,32 +14,75 @@ namespace {
 
 bool is(const char* a, const char* b) { return a != nullptr && std::strcmp(a, b) == 0; }
 
+// Decimal ("-12", "010" is ten), or hexadecimal after "0x" ("0x1F"); no
+// blank, no sign before "0x", nothing after the digits.
 bool whole_integer(const char* text, long long low, long long high, long long& out) {
-    if (text == nullptr || *text == '\0') return false;
-    char* end = nullptr;
-    errno = 0;
-    long long v = std::strtoll(text, &end, 0);
-    if (errno != 0 || *end != '\0' || v < low || v > high) return false;
+    if (text == nullptr) return false;
+    const char* p = text;
+    bool negative = false;
+    int base = 10;
+    if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) {
+        base = 16;
+        p += 2;
+    } else if (*p == '-' || *p == '+') {
+        negative = *p == '-';
+        ++p;
+    }
+    if (*p == '\0') return false;
+    unsigned long long magnitude = 0;
+    for (; *p; ++p) {
+        int digit;
+        if (*p >= '0' && *p <= '9')
+            digit = *p - '0';
+        else if (base == 16 && *p >= 'a' && *p <= 'f')
+            digit = *p - 'a' + 10;
+        else if (base == 16 && *p >= 'A' && *p <= 'F')
+            digit = *p - 'A' + 10;
+        else
+            return false;
+        magnitude = magnitude * static_cast<unsigned>(base) + static_cast<unsigned>(digit);
+        if (magnitude > (1ull << 40)) return false; // far past every type's range
+    }
+    long long v = negative ? -static_cast<long long>(magnitude) : static_cast<long long>(magnitude);
+    if (v < low || v > high) return false;
     out = v;
     return true;
+}
+
+// A decimal number: sign, digits with at most one point, an exponent.
+bool decimal_number(const char* p) {
+    if (*p == '-' || *p == '+') ++p;
+    int digits = 0;
+    while (*p >= '0' && *p <= '9') ++p, ++digits;
+    if (*p == '.') {
+        ++p;
+        while (*p >= '0' && *p <= '9') ++p, ++digits;
+    }
+    if (digits == 0) return false;
+    if (*p == 'e' || *p == 'E') {
+        ++p;
+        if (*p == '-' || *p == '+') ++p;
+        if (!(*p >= '0' && *p <= '9')) return false;
+        while (*p >= '0' && *p <= '9') ++p;
+    }
+    return *p == '\0';
 }
 
 bool whole_float(const char* text, float& out) {
-    if (text == nullptr || *text == '\0') return false;
+    if (text == nullptr || !decimal_number(text)) return false;
     char* end = nullptr;
-    errno = 0;
     float v = std::strtof(text, &end);
-    if (errno != 0 || *end != '\0' || !std::isfinite(v)) return false;
+    if (*end != '\0' || !std::isfinite(v)) return false;
     out = v;
     return true;
 }
 
-// Splits at blanks and commas.
+// Splits at blanks (spaces, tabs, line feeds), as buffer values are shown.
 std::vector<std::string> fields(const char* text) {
     std::vector<std::string> out;
     std::string current;
     for (const char* p = text; ; ++p) {
-        if (*p == '\0' || *p == ' ' || *p == '\t' || *p == ',' || *p == '\n') {
+        if (*p == '\0' || *p == ' ' || *p == '\t' || *p == '\n') {
             if (!current.empty()) out.push_back(current);
             current.clear();
             if (*p == '\0') break;

@@ -5,7 +5,12 @@
 //   int16 -32768..32767, uint16 0..65535, boolean 0 or 1,
 //   int32 and uint32 in their ranges, real and buffer2float a finite number,
 //   other buffers: exactly their element count of numbers of their C type,
-//   separated by blanks or commas.
+//   separated by blanks.
+//
+// Integers are decimal ("010" is ten: never octal) or hexadecimal after
+// "0x" ("0xFF"), and must lie in the type's range; reals are decimal
+// ("1.5", "-2e3"). Nothing else: no blank around the number, no text after
+// it, no "inf" or "nan", no hexadecimal real.
 #pragma once
 
 #include "table/register_table.h"

@@ -1,4 +1,5 @@
 // Making, linking and freeing XML nodes.
+#include "table/xml_fatal.h"
 #include "table/xml_tree.h"
 
 #include <cstdio>
@@ -10,8 +11,7 @@ namespace vukra::table {
 namespace {
 
 [[noreturn]] void memory_error() {
-    std::printf("Xml memory error\n");
-    std::exit(0);
+    xml_fatal("Xml memory error\n", 0);
 }
 
 char* copy(const char* text) {
@@ -156,8 +156,7 @@ void xml_hide(XmlNode* node) { node->flags |= kXmlHidden; }
 void xml_free(XmlNode* node) {
     if (node == nullptr) return;
     if (node->kind != kXmlElement && node->kind != kXmlAttribute && node->kind != kXmlText) {
-        std::printf("Xml error, invalid type of object\n");
-        std::exit(-1);
+        xml_fatal("Xml error, invalid type of object\n", -1);
     }
     unlink(node);
     if (node->kind == kXmlElement) {

@@ -6,6 +6,7 @@
 // Every buffer is bounded: a name stops at 511 characters, an attribute
 // value at 511 and a text at 8191, the rest of an over-long value or text
 // being read and dropped. An end of file ends the document wherever it comes.
+#include "table/xml_fatal.h"
 #include "table/xml_tree.h"
 
 #include <array>
@@ -22,9 +23,15 @@ constexpr std::size_t kNameSize = 512;
 constexpr std::size_t kValueSize = 512;
 constexpr std::size_t kTextSize = 8192;
 
+// The tree being read: a syntax error frees it before the reader ends, so
+// that no partial tree survives, also where a handler leaves by a jump.
+thread_local XmlNode* partial_root = nullptr;
+
 [[noreturn]] void fail(const char* message) {
-    std::printf("%s", message);
-    std::exit(0);
+    XmlNode* partial = partial_root;
+    partial_root = nullptr;
+    xml_free(partial);
+    xml_fatal(message, 0);
 }
 
 // A set of delimiter characters, tested with one lookup.
@@ -184,8 +191,9 @@ XmlNode* xml_load(const char* path) {
             r.token(r.name, kNameSize, kClosingNameEnd);
             if (r.name[0] == '\0') fail("Xml error, void name\n");
             if (std::strcmp(r.name, parent->name) != 0) {
-                std::printf("Xml error, different names %s %s\n", parent->name, r.name);
-                std::exit(0);
+                const std::string message =
+                    std::string("Xml error, different names ") + parent->name + " " + r.name + "\n";
+                fail(message.c_str());
             }
             parent = parent->parent; // its following siblings come next
             if (parent == nullptr) break;
@@ -197,7 +205,7 @@ XmlNode* xml_load(const char* path) {
         if (parent != nullptr)
             xml_append_child(parent, element);
         else
-            root = element;
+            partial_root = root = element;
 
         while (r.current == ' ' || r.current == '\t') {
             r.skip(kBlanks);
@@ -218,6 +226,7 @@ XmlNode* xml_load(const char* path) {
             if (parent == nullptr) break;
         }
     }
+    partial_root = nullptr;
     return root;
 }
 

@@ -1,5 +1,6 @@
 // Writing a tree back out: 3 blanks of indentation a level, attribute values
 // as they are, text with &amp; &lt; &gt; and &#N; for bytes above 127.
+#include "table/xml_fatal.h"
 #include "table/xml_tree.h"
 
 #include <cstdlib>
@@ -38,8 +39,7 @@ void write_node(const XmlNode* node, std::FILE* out, int level, bool no_indent) 
             continue;
         }
         if (node->kind != kXmlElement) {
-            std::printf("Xml error, invalid type of object\n");
-            std::exit(-1);
+            xml_fatal("Xml error, invalid type of object\n", -1);
         }
         if (!no_indent) indent(out, level);
         no_indent = false;

@@ -1,11 +1,15 @@
 // vukra-gen: writes the device side's C sources and the HTML pages of a
 // register table.
+#include "../common/table_errors.h"
 #include "codegen/c_sources.h"
+#include "codegen/table_check.h"
 #include "codegen/html_pages.h"
 #include "link/register_transactions.h"
 #include "modbus_vukra.h"
 #include "session/session.h"
 #include "table/value_conversion.h"
+
+#include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <cstdlib>
@@ -16,29 +20,6 @@
 using namespace vukra;
 
 namespace {
-
-const char kUsage[] =
-    "usage: vukra-gen TABLE.xml [--c] [--html-map FILE]\n"
-    "                 [--html-live FILE --host HOST [--port PORT] [--register NAME]] [--all]\n"
-    "\n"
-    "Loads the register table and writes what the options ask for:\n"
-    "  --c               the C sources and headers (types, prototypes, the ModbusCall\n"
-    "                    dispatcher, the register arrays with the table index, and one\n"
-    "                    skeleton file per table) in the directory the table's config\n"
-    "                    names with \"path\" (./ without it). Code written between the\n"
-    "                    // @MODBUS_CODE_BEGIN/... and // @MODBUS_CODE_END/... markers\n"
-    "                    of a skeleton file is kept when it is written again.\n"
-    "  --html-map FILE   the register map page\n"
-    "  --html-live FILE  the live value page, whose forms post to http://HOST/modbus.cb\n"
-    "  --host HOST       the device's web address, for the live page\n"
-    "  --port PORT       read the values from the device on this serial port; without\n"
-    "                    it every value shows as Erreur\n"
-    "  --register NAME   read only this register; the others show their cached \"value\"\n"
-    "  --all             --c, and the map as modbus_map.html in the output directory\n"
-    "                    (with --host also the live page as modbus_live.html)\n"
-    "\n"
-    "Without options it only checks that the table loads. The exit status is 0 when the\n"
-    "table loaded, and non-zero when it is missing or cannot be read.\n";
 
 struct Options {
     std::string table;
@@ -54,39 +35,41 @@ struct Options {
 
 Options parse(int argc, char** argv) {
     Options o;
-    for (int i = 1; i < argc; ++i) {
-        std::string a = argv[i];
-        auto value = [&]() -> std::string {
-            if (i + 1 >= argc) usage_error("missing value after " + a);
-            return argv[++i];
-        };
-        if (a == "-h" || a == "--help") {
-            std::fputs(kUsage, stdout);
-            std::exit(0);
-        } else if (a == "--c") {
-            o.c = true;
-        } else if (a == "--all") {
-            o.all = true;
-        } else if (a == "--html-map") {
-            o.map = value();
-        } else if (a == "--html-live") {
-            o.live = value();
-        } else if (a == "--host") {
-            o.host = value();
-        } else if (a == "--port") {
-            o.port = value();
-        } else if (a == "--register") {
-            o.register_name = value();
-        } else if (!a.empty() && a[0] == '-') {
-            usage_error("unknown option " + a);
-        } else if (o.table.empty()) {
-            o.table = a;
-        } else {
-            usage_error("one table at a time");
-        }
+    CLI::App app{"Loads the register table and writes what the options ask for. Without options it\n"
+                 "only checks that the table loads. The exit status is 0 when the table loaded and\n"
+                 "every file asked for was written; otherwise a reason goes to standard error.\n"
+                 "Before the C sources are written the table is checked (names are C identifiers,\n"
+                 "no duplicates, no \"*/\" in comments...): a table that would give C that does not\n"
+                 "compile, or files outside the output directory, is refused and nothing is written.",
+                 "vukra-gen"};
+    app.add_option("TABLE", o.table, "the register table (XML)")->required();
+    app.add_flag("--c", o.c,
+                 "the C sources and headers, in the directory the table's config names with \"path\"\n"
+                 "(./ without it); code between the // @MODBUS_CODE_BEGIN/... and\n"
+                 "// @MODBUS_CODE_END/... markers of a skeleton file is kept");
+    app.add_option("--html-map", o.map, "the register map page");
+    CLI::Option* live = app.add_option("--html-live", o.live, "the live value page, whose forms post to http://HOST/modbus.cb");
+    CLI::Option* host = app.add_option("--host", o.host, "the device's web address, for the live page");
+    app.add_option("--port", o.port, "read the values from the device on this serial port (without it every value shows as Erreur)");
+    app.add_option("--register", o.register_name, "read only this register; the others show their cached \"value\"");
+    app.add_flag("--all", o.all, "--c, and the map as modbus_map.html in the output directory (with --host also the live page as modbus_live.html)");
+    live->needs(host);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() == 0) std::exit(app.exit(e));
+        std::string why = e.what();
+        for (char& ch : why)
+            if (ch == '\n') ch = ' ';
+        usage_error(why);
     }
-    if (!o.live.empty() && o.host.empty()) usage_error("--html-live needs --host");
     return o;
+}
+
+int page_written(const std::string& path) {
+    if (codegen::last_page_written()) return 0;
+    std::fprintf(stderr, "vukra-gen: could not write %s\n", path.c_str());
+    return 1;
 }
 
 // The live page's values, read through a session on the device's port.
@@ -94,8 +77,9 @@ int live_page(const Options& o, const std::string& path) {
     modbus_vukra_session* s = nullptr;
     if (!o.port.empty()) {
         s = session::open(o.port.c_str(), 0, o.table.c_str());
-        if (s == nullptr) {
-            std::fprintf(stderr, "vukra-gen: cannot open a session on %s\n", o.port.c_str());
+        if (s == nullptr || s->port->native == platform::kInvalidPort) {
+            if (s != nullptr) modbus_vukra_op_session_close(s);
+            std::fprintf(stderr, "vukra-gen: cannot open the port %s\n", o.port.c_str());
             return 1;
         }
     }
@@ -107,28 +91,48 @@ int live_page(const Options& o, const std::string& path) {
     codegen::write_live_page(path.c_str(), o.host.c_str(), read,
                              o.register_name.empty() ? nullptr : o.register_name.c_str());
     if (s != nullptr) modbus_vukra_op_session_close(s);
-    return 0;
+    return page_written(path);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
+    tools::install_table_error_handler("vukra-gen");
     Options o = parse(argc, argv);
-    std::vector<char*> entry_args{argv[0]};
-    if (!o.table.empty()) entry_args.push_back(o.table.data());
+    std::vector<char*> entry_args{argv[0], o.table.data()};
+    tools::set_table_being_read(o.table.c_str());
     int loaded = codegen::generator_entry(static_cast<int>(entry_args.size()), entry_args.data());
-    if (loaded != 1) return 1;
+    if (loaded != 1) {
+        std::fprintf(stderr, "vukra-gen: cannot load the register table %s\n", o.table.c_str());
+        return 1;
+    }
+    tools::warn_if_no_register("vukra-gen", o.table.c_str());
 
     const std::string dir = table::config().output_dir;
+    int status = 0;
     if (o.c || o.all) {
+        // Everything that would give C that does not compile, or a file
+        // outside the output directory, is refused before anything is written.
+        std::vector<std::string> problems = codegen::generation_problems();
+        for (const std::string& p : problems) std::fprintf(stderr, "vukra-gen: %s: %s\n", o.table.c_str(), p.c_str());
+        if (!problems.empty()) {
+            std::fprintf(stderr, "vukra-gen: %s: nothing written\n", o.table.c_str());
+            return 1;
+        }
         std::error_code ignored; // an output directory that cannot be made is reported file by file
         std::filesystem::create_directories(dir, ignored);
         codegen::generate_c_sources();
+        for (const std::string& f : codegen::unwritten_files()) {
+            std::fprintf(stderr, "vukra-gen: could not write %s\n", f.c_str());
+            status = 1;
+        }
     }
     if (o.all && o.map.empty()) o.map = dir + "modbus_map.html";
     if (o.all && o.live.empty() && !o.host.empty()) o.live = dir + "modbus_live.html";
-    if (!o.map.empty()) codegen::write_register_map(o.map.c_str());
-    int status = 0;
-    if (!o.live.empty()) status = live_page(o, o.live);
+    if (!o.map.empty()) {
+        codegen::write_register_map(o.map.c_str());
+        if (page_written(o.map) != 0) status = 1;
+    }
+    if (!o.live.empty() && live_page(o, o.live) != 0) status = 1;
     return status;
 }

@@ -1,12 +1,15 @@
 // vukra-sim: plays a vukra device on a pseudo-terminal (or a serial port),
 // answering Modbus ASCII requests in SLIP packets from the registers of a
 // table.
+#include "../common/table_errors.h"
 #include "link/ascii_frame.h"
 #include "link/slip.h"
 #include "modbus_device.h"
 #include "platform/platform.h"
 #include "register_memory.h"
 #include "table/register_table.h"
+
+#include <CLI/CLI.hpp>
 
 #include <chrono>
 #include <cstdio>
@@ -21,20 +24,6 @@ using namespace vukra;
 
 namespace {
 
-const char kUsage[] =
-    "usage: vukra-sim --table FILE [--port DEV] [--baud N] [--corrupt P] [--silent] [--seed N]\n"
-    "\n"
-    "Plays a vukra device: opens a pseudo-terminal, prints its path on the first\n"
-    "line, and answers Modbus ASCII requests for address 1 in SLIP packets, with\n"
-    "function 3 (read) and 16 (write) on the registers of the table.\n"
-    "\n"
-    "  --table FILE  the register table; initial values from \"value\" attributes\n"
-    "  --port DEV    use this serial device instead of a pseudo-terminal\n"
-    "  --baud N      send replies at the pace of N baud, 8N1 (default: unpaced)\n"
-    "  --corrupt P   change one random byte of a reply with probability P (0 to 1)\n"
-    "  --silent      never answer\n"
-    "  --seed N      seed of the random choices (default: from the clock)\n";
-
 struct Options {
     std::string table;
     std::string port;
@@ -44,40 +33,60 @@ struct Options {
     unsigned seed = static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count());
 };
 
-[[noreturn]] void usage_error(const char* why) {
-    std::fprintf(stderr, "vukra-sim: %s\n%s", why, kUsage);
+// A whole decimal number from 1 (or 0) to high: nothing else.
+std::string decimal_in(const std::string& text, unsigned long long low, unsigned long long high, unsigned& out) {
+    if (text.empty() || text.size() > 12 || text.find_first_not_of("0123456789") != std::string::npos)
+        return "\"" + text + "\" is not a decimal number";
+    unsigned long long v = std::stoull(text);
+    if (v < low || v > high) return text + " is not from " + std::to_string(low) + " to " + std::to_string(high);
+    out = static_cast<unsigned>(v);
+    return "";
+}
+
+// A probability: a decimal number from 0 to 1.
+std::string probability(const std::string& text, double& out) {
+    if (text.empty() || text.find_first_not_of("0123456789.") != std::string::npos ||
+        text.find_first_of("0123456789") == std::string::npos || text.find('.') != text.rfind('.'))
+        return "\"" + text + "\" is not a decimal number";
+    double v = std::stod(text);
+    if (!(v >= 0 && v <= 1)) return text + " is not a probability from 0 to 1";
+    out = v;
+    return "";
+}
+
+[[noreturn]] void usage_error(const std::string& why) {
+    std::fprintf(stderr, "vukra-sim: %s (see vukra-sim --help)\n", why.c_str());
     std::exit(2);
 }
 
 Options parse(int argc, char** argv) {
     Options o;
-    for (int i = 1; i < argc; ++i) {
-        std::string a = argv[i];
-        auto value = [&]() -> const char* {
-            if (i + 1 >= argc) usage_error(("missing value after " + a).c_str());
-            return argv[++i];
-        };
-        if (a == "--help" || a == "-h") {
-            std::fputs(kUsage, stdout);
-            std::exit(0);
-        } else if (a == "--table") {
-            o.table = value();
-        } else if (a == "--port") {
-            o.port = value();
-        } else if (a == "--baud") {
-            o.baud = static_cast<unsigned>(std::strtoul(value(), nullptr, 10));
-        } else if (a == "--corrupt") {
-            o.corrupt = std::strtod(value(), nullptr);
-            if (!(o.corrupt >= 0 && o.corrupt <= 1)) usage_error("--corrupt takes a probability from 0 to 1");
-        } else if (a == "--silent") {
-            o.silent = true;
-        } else if (a == "--seed") {
-            o.seed = static_cast<unsigned>(std::strtoul(value(), nullptr, 10));
-        } else {
-            usage_error(("unknown argument " + a).c_str());
-        }
+    std::string baud, corrupt, seed;
+    CLI::App app{"Plays a vukra device: opens a pseudo-terminal, prints its path on the first line of\n"
+                 "standard output, and answers Modbus ASCII requests for address 1 in SLIP packets,\n"
+                 "with function 3 (read) and 16 (write) on the registers of the table. A register's\n"
+                 "access holds: reading a \"W\" or writing an \"R\" register gives exception 2.\n"
+                 "Its other messages go to standard error.",
+                 "vukra-sim"};
+    app.add_option("--table", o.table, "the register table; initial values from \"value\" attributes")->required();
+    app.add_option("--port", o.port, "use this serial device instead of a pseudo-terminal");
+    app.add_option("--baud", baud, "send replies at the pace of N baud, 8N1 (default: unpaced)");
+    app.add_option("--corrupt", corrupt, "change one random byte of a reply with probability P (0 to 1)");
+    app.add_flag("--silent", o.silent, "never answer");
+    app.add_option("--seed", seed, "seed of the random choices (default: from the clock)");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() == 0) std::exit(app.exit(e));
+        std::string why = e.what();
+        for (char& c : why)
+            if (c == '\n') c = ' ';
+        usage_error(why);
     }
-    if (o.table.empty()) usage_error("--table FILE is needed");
+    std::string why;
+    if (!baud.empty() && !(why = decimal_in(baud, 1, 100000000, o.baud)).empty()) usage_error("--baud: " + why);
+    if (!corrupt.empty() && !(why = probability(corrupt, o.corrupt)).empty()) usage_error("--corrupt: " + why);
+    if (!seed.empty() && !(why = decimal_in(seed, 0, 0xFFFFFFFFull, o.seed)).empty()) usage_error("--seed: " + why);
     return o;
 }
 
@@ -115,6 +124,7 @@ void corrupt(link::AsciiFrame& reply, std::mt19937& random) {
 } // namespace
 
 int main(int argc, char** argv) {
+    tools::install_table_error_handler("vukra-sim");
     Options options = parse(argc, argv);
     std::FILE* probe = std::fopen(options.table.c_str(), "r");
     if (probe == nullptr) {
@@ -122,7 +132,12 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::fclose(probe);
-    if (!table::load(options.table.c_str())) return 1;
+    tools::set_table_being_read(options.table.c_str());
+    if (!table::load(options.table.c_str())) {
+        std::fprintf(stderr, "vukra-sim: cannot load the register table %s\n", options.table.c_str());
+        return 1;
+    }
+    tools::warn_if_no_register("vukra-sim", options.table.c_str());
     static sim::RegisterMemory memory;
     int registers = sim::load_registers(memory);
 

@@ -43,7 +43,7 @@ void exception(link::AsciiFrame& reply, std::uint8_t function, std::uint8_t code
 void read_holding(RegisterMemory& memory, const Request& r, link::AsciiFrame& reply) {
     std::uint16_t first = r.word(2), count = r.word(4);
     if (r.bytes() != 6 || count == 0 || count > kMaxReadWords) return exception(reply, 3, kIllegalValue);
-    if (!memory.all_mapped(first, count)) return exception(reply, 3, kIllegalAddress);
+    if (!memory.all_allowed(first, count, false)) return exception(reply, 3, kIllegalAddress);
     start_reply(reply, 3);
     link::frame_put_byte(reply, static_cast<std::uint8_t>(2 * count));
     for (std::uint32_t k = 0; k < count; ++k) link::frame_put_field(reply, &memory.words[first + k], 2);
@@ -55,7 +55,7 @@ void write_multiple(RegisterMemory& memory, const Request& r, link::AsciiFrame& 
     int byte_count = r.bytes() >= 7 ? r.byte(6) : -1;
     if (count == 0 || count > kMaxWriteWords || byte_count != 2 * count || r.bytes() != 7 + byte_count)
         return exception(reply, 16, kIllegalValue);
-    if (!memory.all_mapped(first, count)) return exception(reply, 16, kIllegalAddress);
+    if (!memory.all_allowed(first, count, true)) return exception(reply, 16, kIllegalAddress);
     for (std::uint32_t k = 0; k < count; ++k) memory.words[first + k] = r.word(7 + 2 * static_cast<int>(k));
     start_reply(reply, 16);
     link::frame_put_field(reply, &first, 2);

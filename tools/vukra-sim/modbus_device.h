@@ -1,7 +1,8 @@
 // The emulated device's answer to one Modbus ASCII request for address 1:
 // function 3 reads and function 16 writes holding registers; any other
-// function gives exception 1, an unmapped address exception 2 and a
-// malformed request exception 3.
+// function gives exception 1, an unmapped address, or one whose access in
+// the table does not allow the function, exception 2, and a malformed
+// request exception 3.
 #pragma once
 
 #include "link/ascii_frame.h"

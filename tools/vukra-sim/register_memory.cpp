@@ -14,6 +14,12 @@ bool RegisterMemory::all_mapped(std::uint32_t first, std::uint32_t count) const 
     return true;
 }
 
+bool RegisterMemory::all_allowed(std::uint32_t first, std::uint32_t count, bool writing) const {
+    for (std::uint32_t a = first; a < first + count; ++a)
+        if (a > 0xFFFF || !(writing ? writable[a] : readable[a])) return false;
+    return true;
+}
+
 int load_registers(RegisterMemory& memory) {
     int count = 0;
     table::RegisterRecord reg;
@@ -32,6 +38,8 @@ int load_registers(RegisterMemory& memory) {
             std::size_t hi = 2 * words - 1 - 2 * k;
             memory.words[address] = static_cast<std::uint16_t>(area[hi] << 8 | area[hi - 1]);
             memory.mapped[address] = true;
+            memory.readable[address] = (reg.access & table::kAccessRead) != 0;
+            memory.writable[address] = (reg.access & table::kAccessWrite) != 0;
         }
     }
     return count;

@@ -52,10 +52,7 @@ int serial_configure(NativePort port, std::uint32_t baud, std::uint32_t timeout_
     (void)timeout_ms; // applied by serial_read_some's poll
     int fd = fd_of(port);
     termios tio{};
-    if (fd < 0 || ::tcgetattr(fd, &tio) != 0) {
-        if (fd >= 0) ::close(fd);
-        return -1;
-    }
+    if (fd < 0 || ::tcgetattr(fd, &tio) != 0) return -1;
     tio.c_iflag &= ~static_cast<tcflag_t>(IGNBRK | BRKINT | PARMRK | ISTRIP | INLCR | IGNCR | ICRNL | IXON |
                                            IXOFF | IXANY | INPCK);
     tio.c_oflag &= ~static_cast<tcflag_t>(OPOST);
@@ -64,10 +61,7 @@ int serial_configure(NativePort port, std::uint32_t baud, std::uint32_t timeout_
     tio.c_cflag |= CS8 | CREAD | CLOCAL;
     tio.c_cc[VMIN] = 0;
     tio.c_cc[VTIME] = 0;
-    if (::tcsetattr(fd, TCSANOW, &tio) != 0 || set_custom_speed(fd, baud) != 0) {
-        ::close(fd);
-        return -1;
-    }
+    if (::tcsetattr(fd, TCSANOW, &tio) != 0 || set_custom_speed(fd, baud) != 0) return -1;
     set_modem_lines(fd);
     return 0;
 }

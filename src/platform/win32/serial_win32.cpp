@@ -25,7 +25,6 @@ int serial_configure(NativePort port, std::uint32_t baud, std::uint32_t timeout_
     DCB dcb{};
     dcb.DCBlength = sizeof dcb;
     if (!GetCommState(h, &dcb)) {
-        CloseHandle(h);
         return -1;
     }
     dcb.BaudRate = baud;
@@ -54,7 +53,6 @@ int serial_configure(NativePort port, std::uint32_t baud, std::uint32_t timeout_
     dcb.EvtChar = static_cast<char>(kSlipEnd);
     dcb.wReserved = 0;
     if (!SetCommState(h, &dcb)) {
-        CloseHandle(h);
         return -1;
     }
     COMMTIMEOUTS t{};

@@ -1,0 +1,23 @@
+#include "table/xml_fatal.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+
+namespace vukra::table {
+
+namespace {
+
+std::atomic<XmlFatalHandler> installed{nullptr};
+
+} // namespace
+
+XmlFatalHandler set_xml_fatal_handler(XmlFatalHandler handler) { return installed.exchange(handler); }
+
+void xml_fatal(const char* message, int status) {
+    if (XmlFatalHandler handler = installed.load()) handler(message, status);
+    std::printf("%s", message);
+    std::exit(status);
+}
+
+} // namespace vukra::table

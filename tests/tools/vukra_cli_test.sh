@@ -1,0 +1,155 @@
+#!/usr/bin/env bash
+# The command-line tools as a user calls them, against vukra-sim on a pty:
+# bad arguments, clean data on stdout, true exit statuses, numbers, what the
+# table allows, and what the generator refuses to write.
+#   vukra_cli_test.sh BUILD_TOOLS_DIR EXAMPLES_DIR SCRIPTS_DIR
+set -u
+tools=$(realpath "$1")
+examples=$(realpath "$2")
+. "$(realpath "$3")/pty_program.sh"
+vukra=$tools/vukra sim=$tools/vukra-sim gen=$tools/vukra-gen
+work=$(mktemp -d)
+trap 'stop_pty_programs; rm -rf "$work"' EXIT
+cd "$work"
+passed=0
+failed=0
+ok() { passed=$((passed + 1)); }
+ko() { failed=$((failed + 1)); echo "FAILED: $*"; }
+
+# refused WHAT COMMAND...: non-zero status, one line on stderr, nothing on stdout.
+refused() {
+  local what=$1
+  shift
+  "$@" >"$work/o" 2>"$work/e" </dev/null
+  local rc=$?
+  if [ $rc -ne 0 ] && [ "$(wc -l <"$work/e")" -eq 1 ] && [ ! -s "$work/o" ]; then ok; else ko "$what (status $rc, stderr: $(cat "$work/e"))"; fi
+}
+# says WHAT PATTERN COMMAND...: non-zero status and PATTERN on stderr.
+says() {
+  local what=$1 pattern=$2
+  shift 2
+  "$@" >"$work/o" 2>"$work/e" </dev/null
+  local rc=$?
+  if [ $rc -ne 0 ] && grep -q -- "$pattern" "$work/e"; then ok; else ko "$what (status $rc, stderr: $(cat "$work/e"))"; fi
+}
+# gives WHAT EXPECTED COMMAND...: status 0 and exactly EXPECTED on stdout.
+gives() {
+  local what=$1 expected=$2
+  shift 2
+  "$@" >"$work/o" 2>"$work/e" </dev/null
+  local rc=$?
+  if [ $rc -eq 0 ] && [ "$(cat "$work/o")" = "$expected" ]; then ok; else ko "$what (status $rc, stdout: $(cat "$work/o"), stderr: $(cat "$work/e"))"; fi
+}
+
+cp "$examples/table.xml" table.xml
+# A table of the tool's own: a long buffer, types too large for one request, an open copy.
+cat >big.xml <<'XML'
+<root><type_list><type name="int16" words="1" Ctype="short"/><type name="buffer_s100" words="100" Ctype="short"/>
+<type name="buffer_s3" words="3" Ctype="short"/><type name="buffer_s124" words="124" Ctype="short"/>
+<type name="buffer_s126" words="126" Ctype="short"/></type_list><table_list><table name="t" base="0" auto_offset="yes">
+<register_list><register name="long" type="buffer_s100" access="RW"/><register name="three" type="buffer_s3" access="RW"/>
+<register name="w124" type="buffer_s124" access="RW"/><register name="r126" type="buffer_s126" access="RW"/>
+</register_list></table></table_list></root>
+XML
+values=$(seq 100 199 | tr '\n' ' ' | sed 's/ $//')
+sed -i "s/name=\"long\" type=\"buffer_s100\"/& value=\"$values\"/" big.xml
+sed 's/access="R"/access="RW"/g; s/access="W"/access="RW"/g' table.xml >open.xml
+
+start_pty_program sim.out "$sim" --table table.xml 2>/dev/null || exit 1
+port=$PTY_PATH
+start_pty_program big.out "$sim" --table big.xml 2>/dev/null || exit 1
+big=$PTY_PATH
+
+# Bad arguments: a one-line reason and a failure status, for every command.
+refused "vukra without a command" "$vukra"
+refused "vukra with an unknown option" "$vukra" --bogus reg list
+refused "vukra reg without a verb" "$vukra" reg
+refused "vukra reg with an unknown verb" "$vukra" reg frob
+refused "reg read without names" "$vukra" -p "$port" reg read
+refused "reg write without a value" "$vukra" -p "$port" reg write offset_trim
+refused "reg read without a port" "$vukra" reg read setpoint
+refused "-p without its value" "$vukra" reg read setpoint -p
+refused "reg list of two tables" "$vukra" reg list process status
+refused "reg list of a missing table file" "$vukra" --table none.xml reg list
+refused "vukra-sim --baud abc" "$sim" --table table.xml --baud abc
+refused "vukra-sim --baud -5" "$sim" --table table.xml --baud -5
+refused "vukra-sim --corrupt abc" "$sim" --table table.xml --corrupt abc
+refused "vukra-sim --corrupt 2" "$sim" --table table.xml --corrupt 2
+refused "vukra-sim without a table" "$sim"
+refused "vukra-gen without a table" "$gen"
+refused "vukra-gen --html-live without --host" "$gen" table.xml --html-live x.html
+refused "vukra-gen with an unknown option" "$gen" table.xml --frob
+
+# Standard output holds only the data; the library's lines go to stderr, or nowhere with -q.
+gives "reg read -q" "offset_trim = -12" "$vukra" -q -p "$port" reg read offset_trim
+gives "reg read without -q" "offset_trim = -12" "$vukra" -p "$port" reg read offset_trim
+if grep -q "Frame : \[:" "$work/e"; then ok; else ko "the frames go to stderr without -q"; fi
+
+# A malformed table ends every tool with the reader's message on stderr and a failure status.
+printf '<root><config/><type_list></types></root>' >bad.xml
+says "vukra on a malformed table" "bad.xml: Xml error, different names type_list types" "$vukra" --table bad.xml reg list
+if [ ! -s "$work/o" ]; then ok; else ko "the Xml error stays off stdout"; fi
+says "vukra-sim on a malformed table" "Xml error, different names" "$sim" --table bad.xml
+says "vukra-gen on a malformed table" "Xml error, different names" "$gen" bad.xml --c
+sed "/<table_list>/q" table.xml >short.xml
+"$vukra" --table short.xml reg list >/dev/null 2>"$work/e"
+if grep -q "holds no register" "$work/e"; then ok; else ko "a table that ends early is warned of"; fi
+
+# Numbers mean what they say: decimal or 0x, nothing else, and the echo is the value written.
+gives "010 is ten" "offset_trim = 10" "$vukra" -q -p "$port" reg write offset_trim 010
+gives "and reads back as ten" "offset_trim = 10" "$vukra" -q -p "$port" reg read offset_trim
+gives "0x hexadecimal" "energy = 255" "$vukra" -q -p "$port" reg write energy 0xFF
+gives "a negative value" "setpoint = -1.500000" "$vukra" -q -p "$port" reg write setpoint -1.5
+says "trailing junk" "is not a value" "$vukra" -q -p "$port" reg write offset_trim 12abc
+says "out of range" "is not a value" "$vukra" -q -p "$port" reg write offset_trim 0x8000
+says "commas in a buffer" "is not a value" "$vukra" -q --table big.xml -p "$big" reg write three 1,2,3
+gives "blanks in a buffer" "three = 1 -2 3" "$vukra" -q --table big.xml -p "$big" reg write three "1 -2" 3
+gives "a 100-element buffer is shown whole" "long = $values" "$vukra" -q --table big.xml -p "$big" reg read long
+
+# The table says what may be done, and one request must carry the value.
+says "a write of an R register" 'read-only' "$vukra" -p "$port" reg write cycle_count 5
+if ! grep -q "Frame" "$work/e"; then ok; else ko "nothing is sent for a refused write"; fi
+says "the device refuses it too" "exception 2 (illegal data address)" "$vukra" --table open.xml -p "$port" reg write cycle_count 5
+says "a read of a W register" 'write-only' "$vukra" -p "$port" reg read reset
+says "a write too large for function 16" "1 to 123" "$vukra" --table big.xml -p "$big" reg write w124 "$(seq 124 | tr '\n' ' ')"
+says "a read too large for function 3" "1 to 125" "$vukra" --table big.xml -p "$big" reg read r126
+start_pty_program silent.out "$sim" --table table.xml --silent 2>/dev/null || exit 1
+says "a silent device" "time-out" "$vukra" -p "$PTY_PATH" reg read offset_trim
+start_pty_program corrupt.out "$sim" --table table.xml --corrupt 1 --seed 3 2>/dev/null || exit 1
+says "a damaged reply" "bad frame" "$vukra" -p "$PTY_PATH" reg read offset_trim
+
+# The generator writes only where it is told, and only C that compiles.
+mkdir gen && cd gen
+make_table() { # make_table TABLE_NAME REGISTER_NAME COMMENT [SECOND_TABLE]
+  printf '<root><config path="out" C_code_function_prefix="mb_"/><type_list><type name="int16" words="1" Ctype="short"/></type_list><table_list>' >t.xml
+  printf '<table name="%s" base="0"><register_list><register name="%s" comment="%s" offset="0" access="RW" type="int16"/></register_list></table>' "$1" "$2" "$3" >>t.xml
+  [ -n "${4:-}" ] && printf '<table name="%s" base="10"><register_list><register name="y" offset="0" type="int16"/></register_list></table>' "$4" >>t.xml
+  printf '</table_list></root>' >>t.xml
+}
+make_table 'a/../../pwned' x 'fine'
+says "a table name that leaves the directory" 'table "a/../../pwned"' "$gen" t.xml --c
+make_table t 'x;int y' 'fine'
+says "a register name that is not an identifier" 'register "x;int y"' "$gen" t.xml --c
+make_table t int 'fine'
+says "a register named by a keyword" 'register "int"' "$gen" t.xml --c
+make_table t x 'a */ int injected; /*'
+says "a comment holding */" 'its comment holds' "$gen" t.xml --c
+make_table t x 'fine' t
+says "two tables of one name" 'two tables have this name' "$gen" t.xml --c
+make_table a_b c 'fine' a
+sed -i 's/name="y"/name="b_c"/' t.xml
+says "two registers giving one function name" 'generated twice' "$gen" t.xml --c
+if [ ! -e out ] && [ -z "$(ls ..  | grep pwned)" ]; then ok; else ko "nothing was written for a refused table"; fi
+make_table t x 'a comment'
+"$gen" t.xml --c >/dev/null 2>&1
+: >out/modbus_header_extern.h # the user's declarations of shared functions
+if cc -fsyntax-only -I. -Iout out/*.c 2>/dev/null; then ok; else ko "a sound table gives C that compiles"; fi
+chmod a-w out
+if [ "$(id -u)" != 0 ]; then
+  says "a file that cannot be written" "could not write" "$gen" t.xml --c
+fi
+says "a page that cannot be written" "could not write" "$gen" t.xml --html-map /nonexistent/map.html
+chmod u+w out
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]

@@ -1,0 +1,87 @@
+#include "device.h"
+
+#include "../common/table_errors.h"
+#include "link/register_transactions.h"
+#include "session/session.h"
+#include "table/register_table.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace vukra::cli {
+
+int fail(const std::string& why) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "vukra: %s\n", why.c_str());
+    return 1;
+}
+
+bool load_table(const Options& options) {
+    std::FILE* probe = std::fopen(options.table.c_str(), "r");
+    if (probe == nullptr) return fail("cannot open the register table " + options.table) == 0;
+    std::fclose(probe);
+    tools::set_table_being_read(options.table.c_str());
+    if (!table::load(options.table.c_str())) return fail("cannot load the register table " + options.table) == 0;
+    tools::warn_if_no_register("vukra", options.table.c_str());
+    return true;
+}
+
+std::FILE* data_stream(const Options& options) {
+    std::fflush(stdout);
+    int data = dup(STDOUT_FILENO);
+    std::FILE* out = data >= 0 ? fdopen(data, "w") : nullptr;
+    if (out == nullptr) return stdout;
+    int lines = options.quiet ? open("/dev/null", O_WRONLY) : dup(STDERR_FILENO);
+    if (lines >= 0) {
+        dup2(lines, STDOUT_FILENO);
+        close(lines);
+    }
+    return out;
+}
+
+modbus_vukra_session* open_session(const Options& options) {
+    tools::set_table_being_read(options.table.c_str());
+    modbus_vukra_session* s = session::open(options.port.c_str(), 0, options.table.c_str());
+    if (s == nullptr) {
+        fail("cannot open a session on " + options.port);
+        return nullptr;
+    }
+    if (s->port->native == platform::kInvalidPort) {
+        modbus_vukra_op_session_close(s);
+        fail("cannot open the port " + options.port);
+        return nullptr;
+    }
+    return s;
+}
+
+std::string transaction_failure() {
+    static const char* const kExceptions[] = {"",
+                                              "illegal function",
+                                              "illegal data address",
+                                              "illegal data value",
+                                              "device failure",
+                                              "acknowledge",
+                                              "device busy"};
+    const link::TransactionOutcome o = link::last_outcome();
+    switch (o.failure) {
+    case link::Failure::kNone:
+        return "the transaction failed";
+    case link::Failure::kNoReply:
+        return "no reply from the device (time-out)";
+    case link::Failure::kBadFrame:
+        return "the reply was not a sound frame (bad frame)";
+    case link::Failure::kException: {
+        std::string what = "the device answered with exception " + std::to_string(o.exception_code);
+        if (o.exception_code < sizeof kExceptions / sizeof *kExceptions && o.exception_code > 0)
+            what += std::string(" (") + kExceptions[o.exception_code] + ")";
+        return what;
+    }
+    case link::Failure::kWrongFunction:
+        return "the device answered for another function";
+    case link::Failure::kWrongEcho:
+        return "the device's reply echoed another address or register count";
+    }
+    return "the transaction failed";
+}
+
+} // namespace vukra::cli

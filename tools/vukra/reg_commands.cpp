@@ -1,0 +1,163 @@
+// vukra reg read|write|list: device registers by their names in the table.
+#include "cli.h"
+#include "device.h"
+
+#include "session/named_registers.h"
+#include "table/register_table.h"
+#include "table/value_format.h"
+#include "table/value_parse.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace vukra::cli {
+
+namespace {
+
+// The most words one request carries: function 3 reads at most 125
+// registers, function 16 writes at most 123.
+constexpr std::int32_t kMaxReadWords = 125;
+constexpr std::int32_t kMaxWriteWords = 123;
+
+struct Target {
+    std::string name;
+    table::RegisterRecord reg;
+    table::TypeRecord type;
+};
+
+// Looks the register up and checks that the table allows the transfer and
+// that one request can carry it: "" when it may go, else why not.
+std::string check(Target& t, bool writing) {
+    if (!table::find_register(t.reg, t.type, t.name.c_str()))
+        return "no register " + t.name + " in " + table::file_name();
+    const std::string type_name = t.type.name ? t.type.name : "?";
+    if (writing && !(t.reg.access & table::kAccessWrite))
+        return t.name + " is read-only (access \"R\" in the table): nothing was sent";
+    if (!writing && !(t.reg.access & table::kAccessRead))
+        return t.name + " is write-only (access \"W\" in the table): nothing was sent";
+    const std::int32_t limit = writing ? kMaxWriteWords : kMaxReadWords;
+    if (t.type.words <= 0 || t.type.words > limit)
+        return t.name + "'s type " + type_name + " has " + std::to_string(t.type.words) +
+               " words; one Modbus " + (writing ? "write" : "read") + " carries 1 to " + std::to_string(limit) +
+               ": nothing was sent";
+    return "";
+}
+
+// The register's value as one line, never cut.
+std::string shown(const Target& t, const std::uint8_t* value) {
+    std::string text;
+    if (!table::format_value(t.type, value, text)) return "";
+    return text;
+}
+
+int read(const Options& o, const std::vector<std::string>& names) {
+    std::FILE* out = data_stream(o);
+    if (!load_table(o)) return 1;
+    std::vector<Target> targets;
+    for (const std::string& name : names) {
+        targets.push_back(Target{name, {}, {}});
+        std::string why = check(targets.back(), false);
+        if (!why.empty()) return fail(why);
+    }
+    modbus_vukra_session* s = open_session(o);
+    if (s == nullptr) return 1;
+    int status = 0;
+    for (Target& t : targets) {
+        check(t, false); // the open loaded the table again
+        std::uint8_t value[session::kTransferSize] = {};
+        const std::int32_t count = 2 * t.type.words;
+        if (modbus_vukra_op_protected_readreg(s, t.name.c_str(), value, count) != count) {
+            status = fail("cannot read " + t.name + ": " + transaction_failure());
+            continue;
+        }
+        std::string text = shown(t, value);
+        if (text.empty()) {
+            status = fail("cannot show " + t.name + ": its type " + (t.type.name ? t.type.name : "?") +
+                          " has no text form");
+            continue;
+        }
+        std::fprintf(out, "%s = %s\n", t.name.c_str(), text.c_str());
+    }
+    modbus_vukra_op_session_close(s);
+    if (std::fflush(out) != 0) status = fail("cannot write the values");
+    return status;
+}
+
+int write(const Options& o, const std::string& name, const std::vector<std::string>& words) {
+    std::FILE* out = data_stream(o);
+    if (!load_table(o)) return 1;
+    std::string text;
+    for (const std::string& w : words) text += (text.empty() ? "" : " ") + w;
+    Target t{name, {}, {}};
+    std::string why = check(t, true);
+    if (!why.empty()) return fail(why);
+    std::uint8_t value[session::kTransferSize] = {};
+    if (!table::parse_value(t.type, text.c_str(), value, sizeof value))
+        return fail("\"" + text + "\" is not a value of " + name + "'s type " + (t.type.name ? t.type.name : "?") +
+                    " (decimal, or hexadecimal with 0x for integers; buffer elements separated by blanks)");
+    modbus_vukra_session* s = open_session(o);
+    if (s == nullptr) return 1;
+    check(t, true);
+    const std::int32_t count = 2 * t.type.words;
+    int status = 0;
+    if (modbus_vukra_op_protected_writereg(s, name.c_str(), value, count) != count)
+        status = fail("cannot write " + name + ": " + transaction_failure());
+    else
+        std::fprintf(out, "%s = %s\n", name.c_str(), shown(t, value).c_str());
+    modbus_vukra_op_session_close(s);
+    if (std::fflush(out) != 0) status = fail("cannot write the values");
+    return status;
+}
+
+// The listing is the library's own, on standard output: it is the data here.
+int list(const Options& o, const std::string& table_name) {
+    if (!load_table(o)) return 1;
+    if (!table_name.empty()) return table::list_registers(table_name.c_str(), true) ? 0 : fail("no table " + table_name);
+    table::list_tables();
+    std::vector<std::string> names;
+    for (const table::TableInfo& t : table::tables())
+        if (t.name != nullptr) names.push_back(t.name);
+    for (const std::string& name : names) table::list_registers(name.c_str(), true);
+    return std::fflush(stdout) == 0 ? 0 : fail("cannot write the listing");
+}
+
+} // namespace
+
+void add_reg_commands(CLI::App& app, Options& options) {
+    CLI::App* reg = app.add_subcommand("reg", "device registers by their names in the register table");
+    reg->require_subcommand(1);
+
+    struct Words {
+        std::vector<std::string> names, value;
+        std::string name, table;
+    };
+    auto words = std::make_shared<Words>();
+
+    CLI::App* read_cmd = reg->add_subcommand("read", "read registers and show their values, one \"NAME = VALUE\" a line");
+    read_cmd->add_option("NAME", words->names, "register names")->required();
+    read_cmd->callback([&options, words] {
+        if (options.port.empty()) {
+            options.status = fail("reg read needs the device's port: -p PORT");
+            return;
+        }
+        options.status = read(options, words->names);
+    });
+
+    CLI::App* write_cmd = reg->add_subcommand(
+        "write", "write a register: decimal, or 0x hexadecimal for integers; a buffer's elements separated by blanks");
+    write_cmd->add_option("NAME", words->name, "register name")->required();
+    write_cmd->add_option("VALUE", words->value, "the value (a buffer's elements as one or several words)")->required();
+    write_cmd->callback([&options, words] {
+        if (options.port.empty()) {
+            options.status = fail("reg write needs the device's port: -p PORT");
+            return;
+        }
+        options.status = write(options, words->name, words->value);
+    });
+
+    CLI::App* list_cmd = reg->add_subcommand("list", "list the tables and their registers, or the registers of TABLE");
+    list_cmd->add_option("TABLE", words->table, "a table name");
+    list_cmd->callback([&options, words] { options.status = list(options, words->table); });
+}
+
+} // namespace vukra::cli
