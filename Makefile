@@ -45,12 +45,14 @@ test-tsan: deps
 	@cmake --build $(TSAN) -j $(JOBS)
 	cd $(TSAN) && ctest -j $(JOBS) --output-on-failure
 
-# The image fuzzer, built with clang, for a bounded time on every run.
+# The fuzzers, built with clang, for a bounded time on every run: the image
+# fuzzer takes two thirds of FUZZ_SECONDS, the reply decoder the rest.
 test-fuzz: deps
 	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMODBUS_VUKRA_FUZZ=ON -DMODBUS_VUKRA_SANITIZE=address,undefined >/dev/null
 	@cmake --build $(FUZZ) -j $(JOBS)
-	@mkdir -p $(FUZZ)/corpus
-	$(FUZZ)/tests/fuzz/ufs_image_fuzzer -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -print_final_stats=1 $(abspath $(FUZZ))/corpus 2>&1 | grep -E 'Done|stat::number_of_executed_units|ERROR|SUMMARY' ; test $${PIPESTATUS[0]} -eq 0
+	@mkdir -p $(FUZZ)/corpus $(FUZZ)/corpus-replies
+	$(FUZZ)/tests/fuzz/ufs_image_fuzzer -max_total_time=$$(( $(FUZZ_SECONDS) * 2 / 3 )) -max_len=4096 -print_final_stats=1 $(abspath $(FUZZ))/corpus 2>&1 | grep -E 'Done|stat::number_of_executed_units|ERROR|SUMMARY' ; test $${PIPESTATUS[0]} -eq 0
+	$(FUZZ)/tests/fuzz/remotefs_reply_fuzzer -max_total_time=$$(( $(FUZZ_SECONDS) - $(FUZZ_SECONDS) * 2 / 3 )) -max_len=2048 -print_final_stats=1 $(abspath $(FUZZ))/corpus-replies 2>&1 | grep -E 'Done|stat::number_of_executed_units|ERROR|SUMMARY' ; test $${PIPESTATUS[0]} -eq 0
 
 # The native run comes last so that its summary closes the output.
 test: test-asan test-tsan test-fuzz test-native

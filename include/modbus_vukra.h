@@ -104,6 +104,121 @@ MODBUS_VUKRA_API char *modbus_vukra_op_register_btoa(char *text, const char *nam
  */
 MODBUS_VUKRA_API int32_t modbus_vukra_op_register_atob(void *value, const char *name, const char *text);
 
+/* ---- remote filesystem --------------------------------------------------- */
+
+/*
+ * Every file operation stores the device's status in the Session's error
+ * word (read it with session_error): 0 on success. A non-zero status makes
+ * the operation return -1; so do a failed transaction (error word 513 when
+ * the device did not answer within the port's time-out) and a message that
+ * cannot be encoded or decoded (error word unchanged).
+ *
+ * Paths holding "/mem" anywhere are served by the local mirror once
+ * protected_getfs has made one; read, write, readdir, seek, seekdir and
+ * telldir follow the last path operation.
+ */
+
+/* The four attribute words of a lookup; their meaning is the device's. */
+typedef struct modbus_vukra_attributes {
+    uint32_t words[4];
+} modbus_vukra_attributes;
+
+/* The four usage words of fsstat; their meaning is the device's. */
+typedef struct modbus_vukra_usage {
+    uint32_t words[4];
+} modbus_vukra_usage;
+
+/* The three words of mkfs; their meaning is the device's. */
+typedef struct modbus_vukra_mkfs_params {
+    uint32_t words[3];
+} modbus_vukra_mkfs_params;
+
+/* Bytes of a listing entry's name, its NUL included. */
+#define MODBUS_VUKRA_NAME_SIZE 256
+
+/*
+ * One entry of a directory listing, in a singly linked list ending in NULL.
+ * The library allocates each entry; the host frees each one: with free() on
+ * POSIX systems, with LocalFree() on Windows (Marshal.FreeHGlobal from C#).
+ */
+typedef struct modbus_vukra_dir_entry {
+    char name[MODBUS_VUKRA_NAME_SIZE]; /* NUL-terminated */
+    struct modbus_vukra_dir_entry *next;
+} modbus_vukra_dir_entry;
+
+/* The status request (also sent once a second while mounted): 0 or -1. */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_null(modbus_vukra_session *session);
+
+/* Mounts the device's filesystem with the Session's identity and flags: 0 or -1. */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_mount(modbus_vukra_session *session);
+
+/*
+ * Looks path up from the current handle and makes the object found the
+ * current handle, at position 0; attributes (may be NULL) receives its four
+ * words. 0 or -1.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_lookup(modbus_vukra_session *session, const char *path,
+                                                          modbus_vukra_attributes *attributes);
+
+/*
+ * Reads up to count bytes (at most 1024 per call) of the current file at
+ * the current position into buffer: the bytes read (0 at the end), or -1.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_read(modbus_vukra_session *session, void *buffer,
+                                                        int32_t count);
+
+/* Writes up to count bytes (at most 1024 per call): the bytes written, or -1. */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_write(modbus_vukra_session *session, const void *buffer,
+                                                         int32_t count);
+
+/* Creates a file, which becomes the current handle: 0 or -1. */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_create(modbus_vukra_session *session, const char *path);
+
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_remove(modbus_vukra_session *session, const char *path);
+
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_rename(modbus_vukra_session *session, const char *old_path,
+                                                          const char *new_path);
+
+/* Makes a directory, which becomes the current handle: 0 or -1. */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_mkdir(modbus_vukra_session *session, const char *path);
+
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_rmdir(modbus_vukra_session *session, const char *path);
+
+/*
+ * Reads the next entries of the current directory. *first (may be NULL to
+ * discard them) receives the head of a new list, or NULL when none came;
+ * the host frees every entry (see modbus_vukra_dir_entry). Returns the
+ * end-of-directory flag (0 or 1), or -1.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_readdir(modbus_vukra_session *session,
+                                                           modbus_vukra_dir_entry **first);
+
+/* The usage of the filesystem holding path into usage: 0 or -1. */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_fsstat(modbus_vukra_session *session, const char *path,
+                                                          modbus_vukra_usage *usage);
+
+/* Makes a filesystem on the device with the three words of params: 0 or -1. */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_mkfs(modbus_vukra_session *session,
+                                                        const modbus_vukra_mkfs_params *params);
+
+/*
+ * Moves the current file's position: whence 0 sets it to offset, 1 adds
+ * offset, 2 subtracts offset from the current position. Returns the new
+ * position, or -1 with error word -31 (a directory is open, not a file) or
+ * 21 (nothing is open). Answered without the device.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_seek(modbus_vukra_session *session, uint32_t offset,
+                                                        int32_t whence);
+
+/*
+ * Sets the current directory's cookie and returns it, or -1 with error word
+ * -56 (a file is open, not a directory) or 21 (nothing is open).
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_seekdir(modbus_vukra_session *session, int32_t cookie);
+
+/* The current directory's cookie, or -1 with the errors of seekdir. */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_telldir(modbus_vukra_session *session);
+
 #ifdef __cplusplus
 }
 #endif

@@ -120,6 +120,15 @@ std::uint32_t clock_ms();
 void computer_name(char* buffer, std::size_t size);
 void user_name(char* buffer, std::size_t size);
 
+// ---- memory handed to the host ------------------------------------------
+
+// Zeroed memory that the host releases itself without calling back into
+// the library: LocalAlloc on Win32 (the host calls LocalFree, or
+// Marshal.FreeHGlobal from .NET), calloc elsewhere (the host calls free).
+// Null when none is left.
+void* host_alloc(std::size_t size);
+void host_free(void* block);
+
 // ---- low-level files ----------------------------------------------------
 
 enum FileMode : unsigned {

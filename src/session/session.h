@@ -5,13 +5,9 @@
 #include "link/serial_port.h"
 #include "modbus_vukra.h"
 #include "platform/platform.h"
+#include "remotefs/messages.h"
 
 #include <cstdint>
-
-// Flag bytes exchanged by the mount request; their meaning is the device's.
-struct MountFlags {
-    std::uint8_t bytes[4];
-};
 
 // Words of the status block, guarded by the state lock.
 enum StatusWord : int {

@@ -1,0 +1,396 @@
+// The remote filesystem's item stream: every operation's request and reply
+// as bytes, the padding rules, the status byte of read and readdir, and
+// damaged input.
+#include "remotefs/message_codec.h"
+#include "remotefs/messages.h"
+#include "support/wire_bytes.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+using namespace vukra::remotefs;
+using vukra::test::Wire;
+using Bytes = std::vector<std::uint8_t>;
+
+namespace {
+
+constexpr std::uint32_t kAll = 0xFFFFFFFFu;
+
+struct Encoded {
+    std::int32_t result;
+    std::uint32_t size;
+    Bytes bytes;
+};
+
+// Encodes into a word-aligned buffer, offset bytes in.
+Encoded encode_record(const void* record, std::uint32_t size, const FieldDescriptor* table, std::size_t offset = 0) {
+    alignas(16) static std::uint8_t out[4096];
+    std::memset(out, 0xEE, sizeof out);
+    std::int32_t r = encode(out + offset, sizeof out - offset, record, size, table);
+    Bytes bytes;
+    if (r > 0) bytes.assign(out + offset, out + offset + r);
+    return {r, size, bytes};
+}
+
+Bytes encoded(const void* record, std::uint32_t size, const FieldDescriptor* table) {
+    Encoded e = encode_record(record, size, table);
+    EXPECT_GE(e.result, 0);
+    return e.bytes;
+}
+
+Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+TEST(RemoteFsRequests, EveryOperationsRequestAsBytes) {
+    const FileHandle handle{5, -1};
+    const NullRequest null_request{7};
+    EXPECT_EQ(encoded(&null_request, 4, kNullRequestFields), Wire{}.item(7).bytes);
+
+    const MountRequest mount{"pc.me", MountFlags{{0, 1, 1, 1}}};
+    // Each flag byte carries the record's following bytes; past the record, zeros.
+    EXPECT_EQ(encoded(&mount, 8, kMountRequestFields),
+              Wire{}.text(8, "pc.me").item(4, {0, 1, 1, 1}).item(4, {1, 1, 1}).item(4, {1, 1}).item(4, {1}).bytes);
+
+    const GetattrRequest getattr{2, handle};
+    EXPECT_EQ(encoded(&getattr, 12, kGetattrRequestFields), Wire{}.item(2).item(5).item(kAll).bytes);
+
+    const LookupRequest lookup{2, handle, "/mem/x"};
+    const Bytes lookup_bytes = Wire{}.item(2).item(5).item(kAll).text(8, "/mem/x").bytes;
+    EXPECT_EQ(encoded(&lookup, 16, kLookupRequestFields), lookup_bytes);
+    EXPECT_EQ(kOperations[kOpCreate].request, kLookupRequestFields);
+    EXPECT_EQ(kOperations[kOpMkdir].request, kLookupRequestFields);
+
+    const ReadRequest read{2, handle, 100, 1024};
+    EXPECT_EQ(encoded(&read, 20, kReadRequestFields), Wire{}.item(2).item(5).item(kAll).item(100).item(1024).bytes);
+
+    const std::uint8_t data[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    const WriteRequest write{2, handle, 16, 8, WireBuffer{8, data}};
+    Encoded w = encode_record(&write, 8 + 28, kWriteRequestFields);
+    EXPECT_EQ(w.bytes, Wire{}.item(2).item(5).item(kAll).item(16).item(8).item(12, {1, 2, 3, 4, 5, 6, 7, 8}).bytes);
+    EXPECT_EQ(w.size, 28u);
+
+    const PathRequest remove{3, "/a"};
+    EXPECT_EQ(encoded(&remove, 8, kPathRequestFields), Wire{}.item(3).text(4, "/a").bytes);
+    EXPECT_EQ(kOperations[kOpRmdir].request, kPathRequestFields);
+    EXPECT_EQ(kOperations[kOpFsstat].request, kPathRequestFields);
+
+    const RenameRequest rename{3, "/old", "/new"};
+    EXPECT_EQ(encoded(&rename, 12, kRenameRequestFields), Wire{}.item(3).text(8, "/old").text(8, "/new").bytes);
+
+    const ReaddirRequest readdir{3, FileHandle{9, -1}, 40, kReaddirCount};
+    EXPECT_EQ(encoded(&readdir, 20, kReaddirRequestFields), Wire{}.item(3).item(9).item(kAll).item(40).item(120).bytes);
+
+    const MkfsRequest mkfs{3, FileHandle{0, 4}, MkfsParams{{10, 20, 30}}};
+    EXPECT_EQ(encoded(&mkfs, 24, kMkfsRequestFields),
+              Wire{}.item(3).item(0).item(4).item(10).item(20).item(30).bytes);
+
+    for (unsigned code : {3u, 14u}) EXPECT_EQ(kOperations[code].request, nullptr) << code;
+}
+
+// The server's view: every request table decodes what it encoded.
+TEST(RemoteFsRequests, RequestsDecodeBackWithTheirOwnTables) {
+    const LookupRequest lookup{2, FileHandle{5, -3}, "/a/b"};
+    Bytes wire = encoded(&lookup, 16, kLookupRequestFields);
+    LookupRequest back{};
+    std::uint32_t size = 16;
+    EXPECT_EQ(decode(&back, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kLookupRequestFields), 16);
+    EXPECT_EQ(size, wire.size());
+    EXPECT_EQ(back.volume, 2u);
+    EXPECT_EQ(back.directory.node, 5u);
+    EXPECT_EQ(back.directory.tag, -3);
+    EXPECT_STREQ(back.path, "/a/b");
+
+    std::vector<std::uint8_t> data(1024);
+    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<std::uint8_t>(i * 7);
+    const WriteRequest write{1, FileHandle{0, 2}, 4096, 1024, WireBuffer{1024, data.data()}};
+    wire = encoded(&write, 1024 + 28, kWriteRequestFields);
+    ASSERT_EQ(wire.size(), 5 * 8 + 4 + 1028u) << "1024 bytes end on a boundary: 4 more";
+    WriteRequest wback{};
+    size = 1024 + 28;
+    ASSERT_EQ(decode(&wback, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kWriteRequestFields), 28);
+    EXPECT_EQ(wback.data.length, 1028) << "the padded length";
+    EXPECT_EQ(std::memcmp(wback.data.data, data.data(), 1024), 0);
+    EXPECT_EQ(wback.data.data, wire.data() + 44) << "points into the input";
+}
+
+TEST(RemoteFsPadding, ScalarsStringsAndBuffers) {
+    struct __attribute__((packed)) OneByte {
+        std::uint8_t value;
+    } one{0x5A};
+    const FieldDescriptor byte_table[] = {{kFieldByte, 1, nullptr, 0}, {kFieldEnd, 0, nullptr, 0}};
+    EXPECT_EQ(encoded(&one, 1, byte_table), Wire{}.item(4, {0x5A}).bytes);
+    const Bytes one_wire = Wire{}.item(4, {0x77, 0x11, 0x22, 0x33}).bytes;
+    OneByte one_back{0};
+    std::uint32_t size = 1;
+    EXPECT_EQ(decode(&one_back, one_wire.data(), 8, size, byte_table), 1);
+    EXPECT_EQ(one_back.value, 0x77);
+    EXPECT_EQ(size, 8u);
+
+    const FieldDescriptor string_table[] = {{kFieldString, 4, nullptr, 0}, {kFieldEnd, 0, nullptr, 0}};
+    struct __attribute__((packed)) Text {
+        const char* text;
+    };
+    const Text empty{""}, three{"abc"}, four{"abcd"}, seven{"abcdefg"}, none{nullptr};
+    EXPECT_EQ(encoded(&empty, 4, string_table), Wire{}.text(4, "").bytes);
+    EXPECT_EQ(encoded(&three, 4, string_table), Wire{}.text(4, "abc").bytes);
+    EXPECT_EQ(encoded(&four, 4, string_table), Wire{}.text(8, "abcd").bytes);
+    EXPECT_EQ(encoded(&seven, 4, string_table), Wire{}.text(12, "abcdefg").bytes) << "8 bytes: a whole word more";
+    EXPECT_EQ(encoded(&none, 4, string_table), Wire{}.item(0).bytes) << "null: L = 4, zero data";
+
+    // The padding follows the item's address, not its offset in the message.
+    Encoded shifted = encode_record(&four, 4, string_table, 2);
+    EXPECT_EQ(shifted.bytes, Wire{}.text(6, "abcd").bytes);
+
+    // A null string arrives as 4 bytes; only L = 0 decodes as null.
+    Text back{"x"};
+    size = 4;
+    const Bytes zero_length = Wire{}.word(0).bytes;
+    EXPECT_EQ(decode(&back, zero_length.data(), 4, size, string_table), 4);
+    EXPECT_EQ(back.text, nullptr);
+
+    const FieldDescriptor buffer_table[] = {{kFieldBuffer, 8, nullptr, 0}, {kFieldEnd, 0, nullptr, 0}};
+    const std::uint8_t eight[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    const WireBuffer buffer{8, eight};
+    Bytes wire = encoded(&buffer, 8, buffer_table);
+    EXPECT_EQ(wire, Wire{}.item(12, {1, 2, 3, 4, 5, 6, 7, 8}).bytes);
+    WireBuffer buffer_back{};
+    size = 8;
+    EXPECT_EQ(decode(&buffer_back, wire.data(), 16, size, buffer_table), 8);
+    EXPECT_EQ(buffer_back.length, 12);
+    const WireBuffer negative{-5, eight};
+    EXPECT_EQ(encoded(&negative, 8, buffer_table), Wire{}.item(0).bytes);
+    const WireBuffer no_data{4, nullptr};
+    EXPECT_EQ(encode_record(&no_data, 8, buffer_table).result, -1);
+}
+
+TEST(RemoteFsReplies, EveryReplyDecodesIntoItsRecord) {
+    Bytes wire = Wire{}.item(0xFFFFFFF3u).bytes;
+    StatusReply status{};
+    std::uint32_t size = 4;
+    EXPECT_EQ(decode(&status, wire.data(), 8, size, kStatusReplyFields), 4);
+    EXPECT_EQ(status.status, -13);
+
+    wire = Wire{}.item(1).item(4, {9, 8, 7, 6}).item(4, {8}).item(4, {7}).item(4, {6}).item(0).bytes;
+    MountReply mount{};
+    size = 12;
+    EXPECT_EQ(decode(&mount, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kMountReplyFields), 12);
+    EXPECT_EQ(size, wire.size());
+    EXPECT_EQ(mount.volume, 1u);
+    EXPECT_EQ(mount.flags.bytes[0], 9);
+    EXPECT_EQ(mount.flags.bytes[1], 8);
+    EXPECT_EQ(mount.flags.bytes[2], 7);
+    EXPECT_EQ(mount.flags.bytes[3], 6);
+
+    wire = Wire{}.item(11).item(12).item(13).item(14).item(23).bytes;
+    GetattrReply getattr{};
+    size = 20;
+    EXPECT_EQ(decode(&getattr, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kGetattrReplyFields), 20);
+    EXPECT_EQ(getattr.attributes.words[3], 14u);
+    EXPECT_EQ(getattr.status, 23);
+
+    wire = Wire{}.item(9).item(3).item(1).item(2).item(3).item(4).item(0).bytes;
+    LookupReply lookup{};
+    size = 28;
+    EXPECT_EQ(decode(&lookup, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kLookupReplyFields), 28);
+    EXPECT_EQ(lookup.handle.node, 9u);
+    EXPECT_EQ(lookup.handle.tag, 3);
+    EXPECT_EQ(lookup.attributes.words[0], 1u);
+    EXPECT_EQ(lookup.attributes.words[3], 4u);
+
+    wire = Wire{}.item(1024).item(0xFFFFFFFFu).bytes;
+    WriteReply write{};
+    size = 8;
+    EXPECT_EQ(decode(&write, wire.data(), 16, size, kWriteReplyFields), 8);
+    EXPECT_EQ(write.count, 1024u);
+    EXPECT_EQ(write.status, -1);
+
+    wire = Wire{}.item(100).item(200).item(300).item(400).item(0).bytes;
+    FsstatReply fsstat{};
+    size = 20;
+    EXPECT_EQ(decode(&fsstat, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kFsstatReplyFields), 20);
+    EXPECT_EQ(fsstat.usage.words[2], 300u);
+    EXPECT_EQ(fsstat.status, 0);
+}
+
+// The flag byte's item carries the sender's next three record bytes; the
+// status item, taken three bytes early, gives the status as its fourth byte.
+TEST(RemoteFsReplies, ReadStatusIsTheFourthByteOfItsItem) {
+    const Bytes wire =
+        Wire{}.item(3).item(8, {'a', 'b', 'c'}).item(4, {1, 0xAA, 0xBB, 0xCC}).item(4, {0x11, 0x22, 0x33, 0x07}).bytes;
+    ReadReply reply{};
+    std::uint32_t size = 20;
+    ASSERT_EQ(decode(&reply, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kReadReplyFields), 17);
+    EXPECT_EQ(size, wire.size());
+    EXPECT_EQ(reply.count, 3u);
+    EXPECT_EQ(reply.data.length, 8);
+    EXPECT_EQ(std::memcmp(reply.data.data, "abc", 3), 0);
+    EXPECT_EQ(reply.eof, 1);
+    EXPECT_EQ(reply.status, 7) << "the three bytes before the status byte do not count";
+
+    // The sending side: eof's item carries the pad bytes, the status item
+    // the pad bytes then the status's low byte.
+    ReadReply send{};
+    const std::uint8_t abc[3] = {'a', 'b', 'c'};
+    send.count = 3;
+    send.data = WireBuffer{3, abc};
+    send.eof = 1;
+    send.status = 0x1205;
+    EXPECT_EQ(encoded(&send, 20, kReadReplyFields),
+              Wire{}.item(3).item(4, {'a', 'b', 'c'}).item(4, {1}).item(4, {0, 0, 0, 5}).bytes);
+}
+
+TEST(RemoteFsReplies, ReaddirListOfThreeNodesCarriesItsSizeWords) {
+    const Bytes wire = Wire{}
+                           .word(36).item(1).text(4, "a")
+                           .word(24).item(2).text(4, "bb")
+                           .word(12).item(3).text(4, "ccc")
+                           .word(0)
+                           .item(99)
+                           .item(4, {1, 0x44, 0x55, 0x66})
+                           .item(4, {0x77, 0x88, 0x99, 0})
+                           .bytes;
+    ReaddirReply reply{};
+    std::uint32_t size = 16;
+    const std::int32_t filled = decode(&reply, wire.data(), static_cast<std::uint32_t>(wire.size()), size,
+                                       kReaddirReplyFields);
+    ASSERT_GE(filled, 0);
+    EXPECT_EQ(filled, 40 + 4 + 1 + 4) << "the list's 36 bytes and its own word, then cookie, flag, status";
+    EXPECT_EQ(size, wire.size());
+    ASSERT_NE(reply.entries, nullptr);
+    ASSERT_NE(reply.entries->next, nullptr);
+    ASSERT_NE(reply.entries->next->next, nullptr);
+    EXPECT_EQ(reply.entries->next->next->next, nullptr);
+    EXPECT_EQ(reply.entries->entry, 1u);
+    EXPECT_STREQ(reply.entries->name, "a");
+    EXPECT_STREQ(reply.entries->next->name, "bb");
+    EXPECT_STREQ(reply.entries->next->next->name, "ccc");
+    EXPECT_EQ(reply.entries->next->next->entry, 3u);
+    EXPECT_EQ(reply.cookie, 99);
+    EXPECT_EQ(reply.eof, 1);
+    EXPECT_EQ(reply.status, 0);
+
+    // The same list encodes to the same bytes, given a size that covers it.
+    ReaddirReply send{};
+    send.entries = reply.entries;
+    send.cookie = 99;
+    send.eof = 1;
+    std::memcpy(send.pad, "\x44\x55\x66", 3);
+    send.status = 0;
+    Bytes again = encoded(&send, kAll, kReaddirReplyFields);
+    Bytes expected(wire.begin(), wire.end() - 16); // all but the flag and status items
+    expected = expected + Wire{}.item(4, {1, 0x44, 0x55, 0x66}).item(4, {0x44, 0x55, 0x66, 0}).bytes;
+    EXPECT_EQ(again, expected);
+    free_nodes(reply.entries);
+
+    // An empty directory: a 0 word and no node.
+    const Bytes empty = Wire{}.word(0).item(5).item(4, {1}).item(0).bytes;
+    ReaddirReply none{};
+    size = 16;
+    EXPECT_EQ(decode(&none, empty.data(), static_cast<std::uint32_t>(empty.size()), size, kReaddirReplyFields), 13);
+    EXPECT_EQ(none.entries, nullptr);
+    EXPECT_EQ(none.eof, 1);
+}
+
+TEST(RemoteFsCodec, NullArgumentsAndBadKinds) {
+    alignas(4) std::uint8_t out[64];
+    std::uint32_t size = 4;
+    EXPECT_EQ(encode(out, sizeof out, nullptr, size, kStatusReplyFields), 0);
+    EXPECT_EQ(size, 0u);
+    size = 4;
+    EXPECT_EQ(decode(nullptr, out, sizeof out, size, kStatusReplyFields), 0);
+    EXPECT_EQ(size, 0u);
+    StatusReply status{};
+    EXPECT_EQ(encode(nullptr, 64, &status, size, kStatusReplyFields), -1);
+    EXPECT_EQ(decode(&status, nullptr, 64, size, kStatusReplyFields), -1);
+
+    const FieldDescriptor bad[] = {{12, 4, nullptr, 0}, {kFieldEnd, 0, nullptr, 0}};
+    size = 4;
+    EXPECT_EQ(encode(out, sizeof out, &status, size, bad), -1);
+    const Bytes wire = Wire{}.item(1).bytes;
+    size = 4;
+    EXPECT_EQ(decode(&status, wire.data(), 8, size, bad), -1);
+
+    // Kind 10 neither writes an item nor takes record bytes.
+    const FieldDescriptor skip[] = {{kFieldNone, 0, nullptr, 0}, {kFieldSigned, 4, nullptr, 0}, {kFieldEnd, 0, nullptr, 0}};
+    status.status = 6;
+    size = 4;
+    EXPECT_EQ(encode(out, sizeof out, &status, size, skip), 8);
+    EXPECT_EQ(out[4], 6);
+}
+
+TEST(RemoteFsCodec, EncodingStopsAtTheRecordSize) {
+    const ReadRequest read{1, FileHandle{2, 3}, 4, 5};
+    Encoded e = encode_record(&read, 8, kReadRequestFields);
+    EXPECT_EQ(e.bytes, Wire{}.item(1).item(2).bytes) << "volume and the handle's first word";
+    EXPECT_EQ(e.size, 8u);
+}
+
+TEST(RemoteFsDamagedInput, ScalarsLongerThanFourAreRefused) {
+    const Bytes wire = Wire{}.item(8, {1, 0, 0, 0, 0, 0, 0, 0}).bytes;
+    StatusReply status{};
+    std::uint32_t size = 4;
+    EXPECT_EQ(decode(&status, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kStatusReplyFields), -1);
+}
+
+TEST(RemoteFsDamagedInput, EveryTruncationOfAReplyFails) {
+    const Bytes wire = Wire{}.item(3).item(8, {'a', 'b', 'c'}).item(4, {1}).item(0).bytes;
+    for (std::size_t n = 0; n < wire.size(); ++n) {
+        Bytes cut(wire.begin(), wire.begin() + static_cast<long>(n)); // exactly n bytes on the heap
+        ReadReply reply{};
+        std::uint32_t size = 20;
+        EXPECT_EQ(decode(&reply, cut.data(), static_cast<std::uint32_t>(n), size, kReadReplyFields), -1) << n;
+    }
+}
+
+TEST(RemoteFsDamagedInput, LengthsPastTheEndAndStringsWithoutTheirNul) {
+    Bytes wire = Wire{}.word(1000).word(0x41414141).bytes;
+    PathRequest path{};
+    std::uint32_t size = 8;
+    const Bytes long_string = Wire{}.item(1).word(1000).word(0x41414141).bytes;
+    EXPECT_EQ(decode(&path, long_string.data(), static_cast<std::uint32_t>(long_string.size()), size,
+                     kPathRequestFields), -1);
+    const Bytes no_nul = Wire{}.item(1).item(4, {'a', 'b', 'c', 'd'}).bytes;
+    size = 8;
+    EXPECT_EQ(decode(&path, no_nul.data(), static_cast<std::uint32_t>(no_nul.size()), size, kPathRequestFields), -1);
+    WireBuffer buffer{};
+    const FieldDescriptor buffer_table[] = {{kFieldBuffer, 8, nullptr, 0}, {kFieldEnd, 0, nullptr, 0}};
+    size = 8;
+    EXPECT_EQ(decode(&buffer, wire.data(), static_cast<std::uint32_t>(wire.size()), size, buffer_table), -1);
+    wire = Wire{}.word(0xFFFFFFFFu).bytes;
+    size = 8;
+    EXPECT_EQ(decode(&buffer, wire.data(), static_cast<std::uint32_t>(wire.size()), size, buffer_table), -1);
+}
+
+TEST(RemoteFsDamagedInput, AListThatNeverEndsIsBoundedByTheInput) {
+    Wire w;
+    for (int i = 0; i < 200; ++i) w.word(12).item(static_cast<std::uint32_t>(i)).text(4, "n");
+    ReaddirReply reply{};
+    std::uint32_t size = 16;
+    EXPECT_EQ(decode(&reply, w.bytes.data(), static_cast<std::uint32_t>(w.bytes.size()), size, kReaddirReplyFields),
+              -1);
+    int nodes = 0;
+    for (DirEntryNode* n = reply.entries; n != nullptr; n = n->next) ++nodes;
+    EXPECT_EQ(nodes, 200) << "the nodes made stay the caller's";
+    free_nodes(reply.entries);
+}
+
+TEST(RemoteFsCodec, EncodingFailsRatherThanOverflow) {
+    const LookupRequest lookup{2, FileHandle{5, -1}, "/a/rather/long/path/name"};
+    const std::uint32_t whole = static_cast<std::uint32_t>(encoded(&lookup, 16, kLookupRequestFields).size());
+    for (std::uint32_t capacity = 0; capacity < whole; ++capacity) {
+        auto* out = static_cast<std::uint8_t*>(std::aligned_alloc(4, 64));
+        std::uint32_t size = 16;
+        EXPECT_EQ(encode(out, capacity, &lookup, size, kLookupRequestFields), -1) << capacity;
+        std::free(out);
+    }
+    alignas(4) std::uint8_t out[64];
+    std::uint32_t size = 16;
+    EXPECT_EQ(encode(out, whole, &lookup, size, kLookupRequestFields), static_cast<std::int32_t>(whole));
+}
+
+} // namespace

@@ -1,0 +1,443 @@
+// File operations through the exports against a scripted device on a
+// pseudo-terminal: the frames they send, what they make of the replies,
+// routing by "/mem", the local operations and a silent device.
+#include "link/slip.h"
+#include "modbus_vukra.h"
+#include "remotefs/transport.h"
+#include "session/session.h"
+#include "support/files.h"
+#include "support/pty_pair.h"
+#include "support/temp_dir.h"
+#include "support/wire_bytes.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <poll.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace vukra;
+using test::Wire;
+using Bytes = std::vector<std::uint8_t>;
+
+namespace {
+
+constexpr std::uint32_t kAll = 0xFFFFFFFFu;
+
+// One SLIP packet from the master end, or nothing within timeout_ms.
+Bytes receive_packet(int fd, int timeout_ms) {
+    Bytes packet;
+    bool escaped = false;
+    for (;;) {
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, timeout_ms) <= 0) return {};
+        std::uint8_t byte;
+        if (::read(fd, &byte, 1) != 1) return {};
+        if (byte == link::kSlipEnd) {
+            if (!packet.empty()) return packet;
+            continue;
+        }
+        if (escaped) {
+            packet.push_back(byte == link::kSlipEscEnd ? link::kSlipEnd : link::kSlipEsc);
+            escaped = false;
+        } else if (byte == link::kSlipEsc) {
+            escaped = true;
+        } else {
+            packet.push_back(byte);
+        }
+    }
+}
+
+Bytes frame_of(std::uint8_t code, const Bytes& payload, std::uint32_t stated_length) {
+    Bytes frame{1, code, 0, 0};
+    Wire w;
+    w.word(stated_length).word(0);
+    frame.insert(frame.end(), w.bytes.begin(), w.bytes.end());
+    frame.insert(frame.end(), payload.begin(), payload.end());
+    return frame;
+}
+
+Bytes frame_of(std::uint8_t code, const Bytes& payload) {
+    return frame_of(code, payload, static_cast<std::uint32_t>(payload.size()));
+}
+
+// The device: takes one request packet and answers it with a canned frame.
+struct ScriptedDevice {
+    const test::PtyPair& pty;
+    Bytes request;
+    std::thread thread;
+
+    ScriptedDevice(const test::PtyPair& line, Bytes reply_frame) : pty(line) {
+        thread = std::thread([this, reply = std::move(reply_frame)] {
+            request = receive_packet(pty.master, 3000);
+            if (request.empty() || reply.empty()) return;
+            Bytes wire(2 * reply.size() + 2);
+            wire[0] = link::kSlipEnd;
+            std::size_t n = link::slip_escape(reply.data(), reply.size(), wire.data() + 1);
+            wire[n + 1] = link::kSlipEnd;
+            wire.resize(n + 2);
+            pty.send(wire);
+        });
+    }
+    // The request frame as the device saw it.
+    Bytes seen() {
+        if (thread.joinable()) thread.join();
+        return request;
+    }
+    ~ScriptedDevice() {
+        if (thread.joinable()) thread.join();
+    }
+};
+
+struct RemoteFsTest : ::testing::Test {
+    test::TempWorkingDir dir;
+    test::PtyPair pty;
+    modbus_vukra_session* s = nullptr;
+
+    RemoteFsTest() {
+        test::write_file("table.xml", "<root><type_list/><table_list/></root>");
+        s = modbus_vukra_op_session_open(pty.slave_path.c_str());
+    }
+    ~RemoteFsTest() override {
+        if (s != nullptr) modbus_vukra_op_session_close(s);
+    }
+    // Nothing reaches the device within a moment.
+    bool line_quiet() const { return receive_packet(pty.master, 200).empty(); }
+};
+
+TEST_F(RemoteFsTest, MountSendsIdentityAndFlagsAndKeepsTheReply) {
+    ASSERT_NE(s, nullptr);
+    const std::string path = s->mount_path;
+    const std::uint32_t text_length = static_cast<std::uint32_t>(path.size() + 1 <= 4 ? 4 : path.size() + 1 + (4 - (path.size() + 1) % 4));
+    ScriptedDevice device(pty, frame_of(1, Wire{}.item(1).item(4, {0, 2, 3, 4}).item(4, {2}).item(4, {3}).item(4, {4}).item(0).bytes));
+    EXPECT_EQ(modbus_vukra_op_protected_mount(s), 0);
+    EXPECT_EQ(device.seen(),
+              frame_of(1, Wire{}.text(text_length, path).item(4, {0, 1, 1, 1}).item(4, {1, 1, 1}).item(4, {1, 1}).item(4, {1}).bytes));
+    EXPECT_EQ(s->volume, 1u);
+    EXPECT_EQ(s->reply_flags.bytes[1], 2);
+    EXPECT_EQ(s->reply_flags.bytes[3], 4);
+    std::int32_t info[7];
+    ASSERT_EQ(modbus_vukra_op_session_info(s, info), 0);
+    const std::uint8_t reply_flags[4] = {0, 2, 3, 4};
+    EXPECT_EQ(std::memcmp(&info[1], reply_flags, 4), 0);
+}
+
+TEST_F(RemoteFsTest, ARefusedMountKeepsTheVolumeAndStoresTheStatus) {
+    ASSERT_NE(s, nullptr);
+    ScriptedDevice device(pty, frame_of(1, Wire{}.item(0).item(4, {0, 1, 1, 1}).item(4, {1}).item(4, {1}).item(4, {1}).item(23).bytes));
+    EXPECT_EQ(modbus_vukra_op_protected_mount(s), -1);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), 23);
+    EXPECT_EQ(s->volume, kAll);
+    EXPECT_EQ(s->reply_flags.bytes[3], 1) << "the flags are kept whatever the status";
+}
+
+TEST_F(RemoteFsTest, LookupSendsTheCurrentHandleAndTakesTheNewOne) {
+    ASSERT_NE(s, nullptr);
+    s->volume = 1;
+    s->position = 77;
+    ScriptedDevice device(pty, frame_of(4, Wire{}.item(9).item(3).item(10).item(20).item(30).item(40).item(0).bytes));
+    modbus_vukra_attributes attributes{};
+    EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/etc/x", &attributes), 0);
+    EXPECT_EQ(device.seen(), frame_of(4, Wire{}.item(1).item(0).item(kAll).text(8, "/etc/x").bytes));
+    EXPECT_EQ(s->directory_ref, 9u);
+    EXPECT_EQ(s->file_descriptor, 3);
+    EXPECT_EQ(s->position, 0);
+    EXPECT_EQ(attributes.words[0], 10u);
+    EXPECT_EQ(attributes.words[3], 40u);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), 0);
+}
+
+TEST_F(RemoteFsTest, AFailedCreateStillTakesTheHandleAndReportsTheStatus) {
+    ASSERT_NE(s, nullptr);
+    ScriptedDevice device(pty, frame_of(7, Wire{}.item(0).item(kAll).item(0).item(0).item(0).item(0).item(17).bytes));
+    EXPECT_EQ(modbus_vukra_op_protected_create(s, "/f"), -1);
+    EXPECT_EQ(device.seen()[1], 7);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), 17);
+    EXPECT_EQ(s->file_descriptor, -1);
+}
+
+TEST_F(RemoteFsTest, ReadCopiesTheReportedCountAndAdvances) {
+    ASSERT_NE(s, nullptr);
+    s->volume = 1;
+    s->file_descriptor = 4;
+    s->position = 100;
+    ScriptedDevice device(pty, frame_of(5, Wire{}.item(3).item(8, {'x', 'y', 'z', 'w'}).item(4, {1, 9, 9, 9})
+                                                .item(4, {9, 9, 9, 0}).bytes));
+    char buffer[8] = "-------";
+    EXPECT_EQ(modbus_vukra_op_protected_read(s, buffer, 5000), 3);
+    EXPECT_EQ(device.seen(), frame_of(5, Wire{}.item(1).item(0).item(4).item(100).item(1024).bytes))
+        << "5000 asks for 1024";
+    EXPECT_STREQ(buffer, "xyz----");
+    EXPECT_EQ(s->position, 103);
+}
+
+TEST_F(RemoteFsTest, ReadStatusIsTheLowByteOfTheDevicesStatus) {
+    ASSERT_NE(s, nullptr);
+    s->file_descriptor = 4;
+    ScriptedDevice device(pty, frame_of(5, Wire{}.item(0).item(4, {}).item(4, {0}).item(4, {0, 0, 0, 0x85}).bytes));
+    char buffer[4];
+    EXPECT_EQ(modbus_vukra_op_protected_read(s, buffer, 4), -1);
+    device.seen();
+    EXPECT_EQ(modbus_vukra_op_session_error(s), 0x85) << "unsigned, 0 to 255";
+    EXPECT_EQ(s->position, 0);
+}
+
+TEST_F(RemoteFsTest, ADeviceClaimingMoreThanAskedIsCutToTheRequest) {
+    ASSERT_NE(s, nullptr);
+    s->file_descriptor = 4;
+    ScriptedDevice device(pty, frame_of(5, Wire{}.item(900).item(8, {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'})
+                                                .item(4, {0}).item(0).bytes));
+    char buffer[2] = {};
+    EXPECT_EQ(modbus_vukra_op_protected_read(s, buffer, 2), 2);
+    EXPECT_EQ(std::memcmp(buffer, "ab", 2), 0);
+}
+
+TEST_F(RemoteFsTest, WriteSendsAtMost1024BytesAndAdvancesByTheReply) {
+    ASSERT_NE(s, nullptr);
+    s->volume = 2;
+    s->file_descriptor = 6;
+    s->position = 10;
+    std::vector<std::uint8_t> data(5000);
+    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<std::uint8_t>(i);
+    ScriptedDevice device(pty, frame_of(6, Wire{}.item(1000).item(0).bytes));
+    EXPECT_EQ(modbus_vukra_op_protected_write(s, data.data(), 5000), 1000);
+    const Bytes sent = device.seen();
+    EXPECT_EQ(sent, frame_of(6, Wire{}.item(2).item(0).item(6).item(10).item(1024)
+                                    .item(1028, Bytes(data.begin(), data.begin() + 1024)).bytes));
+    EXPECT_EQ(s->position, 1010);
+    EXPECT_EQ(modbus_vukra_op_protected_write(s, nullptr, 4), -1) << "no data to send";
+}
+
+TEST_F(RemoteFsTest, ReaddirHandsOverEntriesTheHostFreesWithFree) {
+    ASSERT_NE(s, nullptr);
+    s->directory_ref = 8;
+    s->position = 2;
+    ScriptedDevice device(pty, frame_of(12, Wire{}
+                                               .word(36).item(1).text(4, "a")
+                                               .word(24).item(2).text(8, "bbbb")
+                                               .word(12).item(3).text(4, "ccc")
+                                               .word(0)
+                                               .item(5).item(4, {1}).item(0).bytes));
+    modbus_vukra_dir_entry* first = nullptr;
+    EXPECT_EQ(modbus_vukra_op_protected_readdir(s, &first), 1);
+    EXPECT_EQ(device.seen(), frame_of(12, Wire{}.item(kAll).item(8).item(kAll).item(2).item(120).bytes));
+    std::vector<std::string> names;
+    while (first != nullptr) {
+        names.emplace_back(first->name);
+        modbus_vukra_dir_entry* next = first->next;
+        std::free(first);
+        first = next;
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"a", "bbbb", "ccc"}));
+    EXPECT_EQ(s->position, 5);
+    EXPECT_EQ(modbus_vukra_op_protected_telldir(s), 5);
+}
+
+TEST_F(RemoteFsTest, FsstatRemoveRenameRmdirMkdirAndMkfsFrames) {
+    ASSERT_NE(s, nullptr);
+    s->volume = 1;
+    {
+        ScriptedDevice device(pty, frame_of(13, Wire{}.item(1).item(2).item(3).item(4).item(0).bytes));
+        modbus_vukra_usage usage{};
+        EXPECT_EQ(modbus_vukra_op_protected_fsstat(s, "/", &usage), 0);
+        EXPECT_EQ(device.seen(), frame_of(13, Wire{}.item(1).text(4, "/").bytes));
+        EXPECT_EQ(usage.words[3], 4u);
+    }
+    {
+        ScriptedDevice device(pty, frame_of(8, Wire{}.item(2).bytes));
+        EXPECT_EQ(modbus_vukra_op_protected_remove(s, "/abc"), -1);
+        EXPECT_EQ(device.seen(), frame_of(8, Wire{}.item(1).text(8, "/abc").bytes));
+        EXPECT_EQ(modbus_vukra_op_session_error(s), 2);
+    }
+    {
+        ScriptedDevice device(pty, frame_of(9, Wire{}.item(0).bytes));
+        EXPECT_EQ(modbus_vukra_op_protected_rename(s, "/a", "/b"), 0);
+        EXPECT_EQ(device.seen(), frame_of(9, Wire{}.item(1).text(4, "/a").text(4, "/b").bytes));
+    }
+    {
+        ScriptedDevice device(pty, frame_of(11, Wire{}.item(0).bytes));
+        EXPECT_EQ(modbus_vukra_op_protected_rmdir(s, "/d"), 0);
+        EXPECT_EQ(device.seen()[1], 11);
+    }
+    {
+        ScriptedDevice device(pty, frame_of(10, Wire{}.item(5).item(kAll).item(0).item(0).item(0).item(0).item(0).bytes));
+        EXPECT_EQ(modbus_vukra_op_protected_mkdir(s, "/d"), 0);
+        EXPECT_EQ(device.seen()[1], 10);
+        EXPECT_EQ(s->directory_ref, 5u);
+    }
+    {
+        ScriptedDevice device(pty, frame_of(15, Wire{}.item(0).bytes));
+        const modbus_vukra_mkfs_params params{{64, 8, 2}};
+        EXPECT_EQ(modbus_vukra_op_protected_mkfs(s, &params), 0);
+        EXPECT_EQ(device.seen(), frame_of(15, Wire{}.item(1).item(5).item(kAll).item(64).item(8).item(2).bytes));
+    }
+    EXPECT_EQ(modbus_vukra_op_protected_mkfs(s, nullptr), -1);
+}
+
+TEST_F(RemoteFsTest, SeekSeekdirAndTelldirAnswerFromTheSession) {
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 10, 0), -1);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), 21);
+    EXPECT_EQ(modbus_vukra_op_protected_seekdir(s, 3), -1);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), 21);
+    EXPECT_EQ(modbus_vukra_op_protected_telldir(s), -1);
+
+    s->directory_ref = 7; // a directory is open
+    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 10, 0), -1);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), -31);
+    EXPECT_EQ(modbus_vukra_op_protected_seekdir(s, 12), 12);
+    EXPECT_EQ(modbus_vukra_op_protected_telldir(s), 12);
+
+    s->directory_ref = 0;
+    s->file_descriptor = 2; // a file is open
+    s->error = 0;
+    EXPECT_EQ(modbus_vukra_op_protected_telldir(s), -1);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), -56);
+    EXPECT_EQ(modbus_vukra_op_protected_seekdir(s, 1), -1);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), -56);
+    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 100, 0), 100);
+    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 10, 2), 90) << "back from the current position";
+    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 5, 1), 95);
+    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 5, 9), 95);
+    EXPECT_TRUE(line_quiet());
+}
+
+TEST_F(RemoteFsTest, MemPathsGoToTheMirrorAndOthersToTheDevice) {
+    ASSERT_NE(s, nullptr);
+    modbus_vukra_session* mirror = modbus_vukra_op_session_open(nullptr);
+    ASSERT_NE(mirror, nullptr);
+    mirror->mirror_enabled = 3;
+    mirror->mirror_selected = 1;
+    mirror->file_descriptor = 3;
+    s->mirror = mirror;
+    s->mirror_enabled = 3;
+    s->error = 99;
+
+    // The local server refuses every code for now: -1, nothing on the line.
+    EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/xx/mem/file", nullptr), -1);
+    EXPECT_EQ(s->mirror_selected, 1);
+    EXPECT_EQ(modbus_vukra_op_protected_read(s, nullptr, 4), -1) << "read follows the lookup";
+    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 8, 0), 8);
+    EXPECT_EQ(mirror->position, 8) << "the mirror session's position";
+    EXPECT_EQ(s->position, 0);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), 99);
+    EXPECT_TRUE(line_quiet());
+
+    ScriptedDevice device(pty, frame_of(4, Wire{}.item(6).item(1).item(0).item(0).item(0).item(0).item(0).bytes));
+    EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/x", nullptr), 0);
+    EXPECT_EQ(device.seen()[1], 4);
+    EXPECT_EQ(s->mirror_selected, 0);
+    EXPECT_EQ(s->file_descriptor, 1);
+}
+
+TEST_F(RemoteFsTest, BeforeTheMirrorEveryPathGoesToTheDevice) {
+    ASSERT_NE(s, nullptr);
+    ScriptedDevice device(pty, frame_of(8, Wire{}.item(0).bytes));
+    EXPECT_EQ(modbus_vukra_op_protected_remove(s, "/mem/x"), 0);
+    EXPECT_EQ(device.seen()[1], 8);
+    EXPECT_EQ(s->mirror_selected, 0);
+}
+
+TEST_F(RemoteFsTest, FsstatStatusStaysWithTheSessionThatCarriedIt) {
+    ASSERT_NE(s, nullptr);
+    modbus_vukra_session* mirror = modbus_vukra_op_session_open(nullptr);
+    ASSERT_NE(mirror, nullptr);
+    s->mirror = mirror;
+    s->mirror_enabled = 3;
+    s->mirror_selected = 1; // left over from an earlier /mem path
+    ScriptedDevice device(pty, frame_of(13, Wire{}.item(0).item(0).item(0).item(0).item(30).bytes));
+    modbus_vukra_usage usage;
+    EXPECT_EQ(modbus_vukra_op_protected_fsstat(s, "/data", &usage), -1);
+    device.seen();
+    EXPECT_EQ(s->mirror_selected, 0);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), 30);
+    EXPECT_EQ(mirror->error, 0);
+}
+
+TEST_F(RemoteFsTest, NullGoesToTheDeviceEvenWhenTheMirrorIsSelected) {
+    ASSERT_NE(s, nullptr);
+    s->mirror_enabled = 3;
+    s->mirror_selected = 1;
+    {
+        ScriptedDevice device(pty, frame_of(0, Wire{}.item(0).bytes));
+        EXPECT_EQ(modbus_vukra_op_protected_null(s), 0);
+        EXPECT_EQ(device.seen(), frame_of(0, Wire{}.item(kAll).bytes));
+        EXPECT_EQ(s->mirror_selected, 1) << "null leaves the selection alone";
+    }
+    s->file_descriptor = 1;
+    EXPECT_EQ(modbus_vukra_op_protected_read(s, nullptr, 1), -1) << "other codes are served locally";
+    EXPECT_TRUE(line_quiet());
+}
+
+TEST_F(RemoteFsTest, ASilentDeviceGives513) {
+    ASSERT_NE(s, nullptr);
+    s->port->timeout_ms = 200;
+    EXPECT_EQ(modbus_vukra_op_protected_null(s), -1);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), 513);
+    EXPECT_FALSE(receive_packet(pty.master, 100).empty()) << "the request went out";
+}
+
+TEST_F(RemoteFsTest, AReplyLengthBeyondWhatCameIsNotBelieved) {
+    ASSERT_NE(s, nullptr);
+    {
+        ScriptedDevice device(pty, frame_of(0, Wire{}.item(0).bytes, 1900));
+        EXPECT_EQ(modbus_vukra_op_protected_null(s), 0);
+        device.seen();
+    }
+    s->error = 42;
+    {
+        ScriptedDevice device(pty, Bytes{1, 0, 0, 0, 4}); // a cut header
+        EXPECT_EQ(modbus_vukra_op_protected_null(s), -1);
+        device.seen();
+        EXPECT_EQ(modbus_vukra_op_session_error(s), 42) << "an undecodable reply leaves the error word";
+    }
+}
+
+TEST_F(RemoteFsTest, AnEmptyRequestIsJustTheHeader) {
+    ASSERT_NE(s, nullptr);
+    ScriptedDevice device(pty, frame_of(3, {}));
+    std::uint32_t reply_length = 7;
+    {
+        remotefs::Exclusive exclusive;
+        EXPECT_EQ(remotefs::transact(*s, 3, remotefs::reply_buffer(), reply_length, remotefs::request_buffer(), 0), 12);
+    }
+    EXPECT_EQ(reply_length, 0u);
+    EXPECT_EQ(device.seen(), (Bytes{1, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    std::int32_t info[7];
+    ASSERT_EQ(modbus_vukra_op_session_info(s, info), 0);
+    EXPECT_GT(info[MODBUS_VUKRA_INFO_BITS_PER_SECOND], 0);
+}
+
+TEST(RemoteFsNoSession, EveryFileExportRefusesANullSession) {
+    modbus_vukra_dir_entry* first = nullptr;
+    modbus_vukra_usage usage;
+    const modbus_vukra_mkfs_params params{};
+    char buffer[4];
+    EXPECT_EQ(modbus_vukra_op_protected_null(nullptr), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_mount(nullptr), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_lookup(nullptr, "/x", nullptr), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_read(nullptr, buffer, 4), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_write(nullptr, buffer, 4), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_create(nullptr, "/x"), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_remove(nullptr, "/x"), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_rename(nullptr, "/x", "/y"), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_mkdir(nullptr, "/x"), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_rmdir(nullptr, "/x"), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_readdir(nullptr, &first), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_fsstat(nullptr, "/x", &usage), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_mkfs(nullptr, &params), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_seek(nullptr, 0, 0), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_seekdir(nullptr, 0), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_telldir(nullptr), -1);
+}
+
+TEST_F(RemoteFsTest, ANullSessionIsRefusedWhileASessionIsOpen) {
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(modbus_vukra_op_protected_lookup(nullptr, "/x", nullptr), -1);
+    EXPECT_EQ(modbus_vukra_op_protected_telldir(nullptr), -1);
+    EXPECT_TRUE(line_quiet());
+}
+
+} // namespace
