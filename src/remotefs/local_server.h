@@ -55,6 +55,10 @@ enum class ServerEvent {
 using ServerObserver = void (*)(ServerEvent event);
 void set_server_observer(ServerObserver observer);
 
+// Closes what the server holds open (the handles naming it go stale), as a
+// program that runs the server does before it unmounts a volume: the kernel
+// must not unmount under open descriptors.
+void local_server_close();
 // Closes what the server holds open and forgets its state, as before its
 // first mount.
 void local_server_reset();

@@ -114,6 +114,8 @@ std::int32_t give_status(std::uint8_t code, std::uint8_t* out, std::int32_t stat
 
 void set_server_observer(ServerObserver observer) { server::observer = observer; }
 
+void local_server_close() { server::close_all(); }
+
 void local_server_reset() {
     server::close_all();
     server::the_state = server::State{};
