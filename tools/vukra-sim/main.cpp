@@ -74,6 +74,7 @@ Options parse(int argc, char** argv) {
     app.add_option("--corrupt", corrupt, "change one random byte of a reply with probability P (0 to 1)");
     app.add_flag("--silent", o.silent, "never answer");
     app.add_option("--seed", seed, "seed of the random choices (default: from the clock)");
+    app.set_version_flag("--version", "vukra-sim " VUKRA_VERSION);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

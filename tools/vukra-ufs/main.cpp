@@ -39,7 +39,10 @@ const char kUsage[] =
     "  check            walks the whole volume; the exit status is 1 when anything\n"
     "                   is inconsistent\n"
     "\n"
-    "Paths are absolute within the volume (\"/\" is its root).\n";
+    "Paths are absolute within the volume (\"/\" is its root).\n"
+    "\n"
+    "  -h, --help       shows this text\n"
+    "  --version        shows the version\n";
 
 int fail(const std::string& why) {
     std::fprintf(stderr, "vukra-ufs: %s\n", why.c_str());
@@ -190,6 +193,10 @@ int main(int argc, char** argv) {
     if (args.empty() || args[0] == "-h" || args[0] == "--help") {
         std::fputs(kUsage, args.empty() ? stderr : stdout);
         return args.empty() ? 2 : 0;
+    }
+    if (args[0] == "--version") {
+        std::puts("vukra-ufs " VUKRA_VERSION);
+        return 0;
     }
     if (args.size() < 2) return fail("a command is needed (see vukra-ufs --help)");
     const fs::path image = fs::absolute(args[0]); // the workspace changes directory
