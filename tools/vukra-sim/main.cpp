@@ -1,6 +1,7 @@
 // vukra-sim: plays a vukra device on a pseudo-terminal (or a serial port),
 // answering Modbus ASCII requests in SLIP packets from the registers of a
 // table.
+#include "../common/null_device.h"
 #include "../common/table_errors.h"
 #include "link/ascii_frame.h"
 #include "link/slip.h"
@@ -164,7 +165,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "vukra-sim: %d registers from %s on %s\n", registers, options.table.c_str(), path.c_str());
     std::fflush(stdout);
     // What the link code prints about frames is not this program's output.
-    if (!std::freopen("/dev/null", "w", stdout)) return 1;
+    if (!std::freopen(tools::kNullDevice, "w", stdout)) return 1;
 
     std::mt19937 random(options.seed);
     std::uniform_real_distribution<double> chance(0, 1);
