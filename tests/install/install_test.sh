@@ -76,6 +76,7 @@ for tool in vukra vukra-sim vukra-ufs vukra-gen; do
   if [ "$man_pages" = ON ]; then
     page=$work/stage/share/man/man1/$tool.1
     if grep -qi "^\.TH \"*$tool" "$page" && grep -q "$version" "$page" && grep -q -- '\\-\\-help' "$page"; then ok; else ko "manual page of $tool"; fi
+    if [ $tool = vukra ]; then grep -q 'reg read' "$page" && ok || ko "vukra's manual page shows its commands"; fi
   fi
 done
 
