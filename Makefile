@@ -2,6 +2,8 @@
 # make test   every test: native, under the sanitizers, and the Windows build under wine
 # make demo   run the main job against the built-in device emulator
 # make bench  run the benchmarks
+# make package  Debian packages of the library, its development files and the tools (build/release/packages)
+# make dist   the Windows zip: DLL, import libraries, header, tools, docs/windows.md (build/dist)
 
 SHELL     := /bin/bash
 JOBS      ?= $(shell nproc)
@@ -15,7 +17,7 @@ WIN64     := $(BUILD)/win-x86_64
 WIN32     := $(BUILD)/win-i686
 CMAKE_GEN := -G Ninja -DMODBUS_VUKRA_WERROR=ON
 
-.PHONY: all deps native win test test-native test-asan test-tsan test-fuzz demo bench clean
+.PHONY: all deps native win test test-native test-asan test-tsan test-fuzz demo bench package dist clean
 
 all: native
 
@@ -23,7 +25,7 @@ deps:
 	@scripts/deps.sh
 
 native: deps
-	@cmake -S . -B $(NATIVE) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMODBUS_VUKRA_WIN_BUILD=$(abspath $(WIN64)) >/dev/null
+	@cmake -S . -B $(NATIVE) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMODBUS_VUKRA_WIN_BUILD=$(abspath $(WIN64)) -DMODBUS_VUKRA_INSTALL_TESTS=ON >/dev/null
 	@cmake --build $(NATIVE) -j $(JOBS)
 
 win: deps
@@ -64,6 +66,13 @@ demo: native
 
 bench: native
 	@scripts/bench.sh $(NATIVE)
+
+package: native
+	@cd $(NATIVE) && cpack -G DEB >/dev/null
+	@ls $(NATIVE)/packages/*.deb
+
+dist: win
+	@scripts/dist.sh $(BUILD)/dist $(WIN64) $(WIN32)
 
 clean:
 	rm -rf $(BUILD)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs, with apt-get, the Debian packages the build, the tests, the
-# Windows cross-build and the benchmarks need; only those not yet present.
+# Windows cross-build, the packages and the benchmarks need; only those not yet present.
 # Safe to run again and again.
 set -eu
 
@@ -12,6 +12,7 @@ packages=(
   chromium python3
   clang libclang-rt-14-dev
   libcli11-dev
+  help2man dpkg-dev llvm zip
 )
 
 missing=()

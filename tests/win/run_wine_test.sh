@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Runs the cross-built Windows test under wine: COM5 of the wine prefix
+# Runs the cross-built Windows tests under wine: COM5 of the wine prefix
 # leads to vukra-sim on a pseudo-terminal, COM6 to the reversing SLIP peer.
+# wine_session_test loads the DLL with LoadLibrary; wine_import_test is
+# linked with its import library.
 #   run_wine_test.sh WIN_BUILD_DIR VUKRA_SIM SLIP_PEER EXAMPLE_TABLE
 set -eu
 win_build=$(cd "$1" && pwd)
@@ -29,10 +31,11 @@ start_line() {
 start_line com5 "$sim" --table "$table"
 start_line com6 "$peer"
 
-cp "$win_build/src/modbus_vukra.dll" "$win_build/src/wine_session_test.exe" "$work/"
+cp "$win_build/src/modbus_vukra.dll" "$win_build/src/wine_session_test.exe" "$win_build/src/wine_import_test.exe" "$work/"
 cp "$table" "$work/table.xml"
 cd "$work"
 status=0
 wine ./wine_session_test.exe COM5 COM6 || status=$?
+wine ./wine_import_test.exe COM5 || status=$?
 wineserver -w || true
 exit $status

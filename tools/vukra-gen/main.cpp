@@ -54,6 +54,7 @@ Options parse(int argc, char** argv) {
     app.add_option("--register", o.register_name, "read only this register; the others show their cached \"value\"");
     app.add_flag("--all", o.all, "--c, and the map as modbus_map.html in the output directory (with --host also the live page as modbus_live.html)");
     live->needs(host);
+    app.set_version_flag("--version", "vukra-gen " VUKRA_VERSION);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

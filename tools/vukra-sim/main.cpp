@@ -2,6 +2,7 @@
 // Modbus ASCII requests in SLIP packets are answered from the registers of
 // a table, remote-filesystem requests (SLIP packets starting with 1) from
 // the device's filesystem, a kernel of its own with an SD card image.
+#include "../common/null_device.h"
 #include "../common/table_errors.h"
 #include "card.h"
 #include "file_service.h"
@@ -89,6 +90,7 @@ Options parse(int argc, char** argv) {
                    "volume). Without it the card is a new temporary one");
     app.add_flag("-v,--verbose", o.card.verbose, "show the device kernel's messages on standard error");
     app.add_option("--seed", seed, "seed of the random choices (default: from the clock)");
+    app.set_version_flag("--version", "vukra-sim " VUKRA_VERSION);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -267,7 +269,7 @@ int main(int argc, char** argv) {
                  path.c_str(), options.card.image.empty() ? "is a temporary one" : options.card.image.c_str());
     std::fflush(stdout);
     // What the link code prints about frames is not this program's output.
-    if (!std::freopen("/dev/null", "w", stdout)) return 1;
+    if (!std::freopen(tools::kNullDevice, "w", stdout)) return 1;
 
     device.options = options;
     device.port = port;

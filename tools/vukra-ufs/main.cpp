@@ -51,7 +51,10 @@ const char kUsage[] =
     "\n"
     "Paths are within the volume: \"/\" is its root, and \"..\" at the root stays there.\n"
     "A failed command leaves the image and host files as they were. One program at a\n"
-    "time uses an image: a second one is told \"image in use\".\n";
+    "time uses an image: a second one is told \"image in use\".\n"
+    "\n"
+    "  -h, --help       shows this text\n"
+    "  --version        shows the version\n";
 
 constexpr std::uintmax_t kNewImageSize = 0x800004; // the card's 8 MiB and its end marker
 
@@ -214,6 +217,10 @@ int tool(std::vector<std::string> args) {
     if (args.empty() || args[0] == "-h" || args[0] == "--help") {
         std::fputs(kUsage, args.empty() ? stderr : stdout);
         return args.empty() ? 2 : 0;
+    }
+    if (args[0] == "--version") {
+        std::puts("vukra-ufs " VUKRA_VERSION);
+        return 0;
     }
     if (args.size() < 2) return fail("a command is needed (see vukra-ufs --help)");
     const std::string command = args[1];

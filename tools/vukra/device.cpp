@@ -1,5 +1,6 @@
 #include "device.h"
 
+#include "../common/null_device.h"
 #include "../common/table_errors.h"
 #include "link/register_transactions.h"
 #include "session/session.h"
@@ -31,7 +32,7 @@ std::FILE* data_stream(const Options& options) {
     int data = dup(STDOUT_FILENO);
     std::FILE* out = data >= 0 ? fdopen(data, "w") : nullptr;
     if (out == nullptr) return stdout;
-    int lines = options.quiet ? open("/dev/null", O_WRONLY) : dup(STDERR_FILENO);
+    int lines = options.quiet ? open(tools::kNullDevice, O_WRONLY) : dup(STDERR_FILENO);
     if (lines >= 0) {
         dup2(lines, STDOUT_FILENO);
         close(lines);

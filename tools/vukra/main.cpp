@@ -21,6 +21,7 @@ int main(int argc, char** argv) {
 
     vukra::cli::add_reg_commands(app, options);
 
+    app.set_version_flag("--version", "vukra " VUKRA_VERSION);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -1,0 +1,66 @@
+#!/usr/bin/env bash
+# The Debian packages as make package builds them (cpack -G DEB): what each
+# holds, what each depends on, and that the library's package carries its
+# shared-library dependencies and a shlibs file.
+#   package_test.sh BUILD_DIR VERSION MAN_PAGES(ON|OFF)
+set -u
+build=$(realpath "$1")
+version=$2
+man_pages=$3
+major=${version%%.*}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+passed=0
+failed=0
+ok() { passed=$((passed + 1)); }
+ko() { failed=$((failed + 1)); echo "FAILED: $*"; }
+
+if ! (cd "$work" && cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/out") >"$work/log" 2>&1; then
+  echo "FAILED: cpack: $(tail -n 30 "$work/log")"
+  exit 1
+fi
+deb() { ls "$work"/out/"$1"_"$version"_*.deb 2>/dev/null | head -n 1; }
+lib=$(deb libmodbus-vukra$major)
+dev=$(deb libmodbus-vukra-dev)
+tools=$(deb vukra-tools)
+for p in "$lib" "$dev" "$tools"; do [ -f "$p" ] && ok || ko "a package is missing: $(ls "$work/out")"; done
+[ -f "$lib" ] && [ -f "$dev" ] && [ -f "$tools" ] || { echo "$passed passed, $failed failed"; exit 1; }
+
+# contents PACKAGE: its files and links, as paths from the root.
+contents() { dpkg-deb -c "$1" | awk '$1 !~ /^d/ {print $6}' | sed 's|^\./|/|' | sort; }
+expect() { # expect WHAT PACKAGE PATH...: exactly these files
+  local what=$1 package=$2
+  shift 2
+  local expected
+  expected=$(printf '%s\n' "$@" | sort)
+  if [ "$(contents "$package")" = "$expected" ]; then ok; else ko "$what: $(diff <(echo "$expected") <(contents "$package"))"; fi
+}
+expect "the library package" "$lib" /usr/lib/libmodbus_vukra.so.$major /usr/lib/libmodbus_vukra.so.$version
+expect "the development package" "$dev" /usr/include/modbus_vukra.h /usr/lib/libmodbus_vukra.so \
+  /usr/lib/cmake/modbus_vukra/modbus_vukra-config.cmake /usr/lib/cmake/modbus_vukra/modbus_vukra-config-version.cmake \
+  /usr/lib/cmake/modbus_vukra/modbus_vukra-targets.cmake \
+  "/usr/lib/cmake/modbus_vukra/$(dpkg-deb -c "$dev" | grep -o 'modbus_vukra-targets-[a-z]*\.cmake' | head -n 1)" \
+  /usr/lib/pkgconfig/modbus_vukra.pc
+tool_files=(/usr/bin/vukra /usr/bin/vukra-sim /usr/bin/vukra-ufs /usr/bin/vukra-gen /usr/share/bash-completion/completions/vukra)
+[ "$man_pages" = ON ] && tool_files+=(/usr/share/man/man1/vukra.1 /usr/share/man/man1/vukra-sim.1 /usr/share/man/man1/vukra-ufs.1 /usr/share/man/man1/vukra-gen.1)
+expect "the tools package" "$tools" "${tool_files[@]}"
+
+# Dependencies: the library's and the tools' found by dpkg-shlibdeps; the
+# development files need the library of this very version.
+depends() { dpkg-deb -f "$1" Depends; }
+for need in libc6 libstdc++6; do
+  depends "$lib" | grep -q "\b$need\b" && ok || ko "the library package depends on $need: $(depends "$lib")"
+  depends "$tools" | grep -q "\b$need\b" && ok || ko "the tools package depends on $need: $(depends "$tools")"
+done
+depends "$dev" | grep -q "libmodbus-vukra$major (= $version)" && ok || ko "the development package needs the library: $(depends "$dev")"
+dpkg-deb --ctrl-tarfile "$lib" | tar -xO ./shlibs 2>/dev/null | grep -q "^libmodbus_vukra $major libmodbus-vukra$major" &&
+  ok || ko "the library package has a shlibs file"
+
+# Unpacked together, the packages serve a pkg-config user.
+for p in "$lib" "$dev"; do dpkg-deb -x "$p" "$work/root"; done
+root_flags=$(PKG_CONFIG_PATH=$work/root/usr/lib/pkgconfig pkg-config --cflags --libs modbus_vukra)
+printf '#include <modbus_vukra.h>\nint main(void) { return modbus_vukra_op_session_error(0) == 4095 ? 0 : 1; }\n' >"$work/p.c"
+if cc "$work/p.c" $root_flags -o "$work/p" && LD_LIBRARY_PATH=$work/root/usr/lib "$work/p"; then ok; else ko "a program on the unpacked packages"; fi
+
+echo "$passed passed, $failed failed"
+[ $failed -eq 0 ]

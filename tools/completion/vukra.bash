@@ -1,0 +1,81 @@
+# bash completion for vukra: command groups and their verbs, the options,
+# serial ports after -p, tables after --table, register names from the
+# table in use after reg read and reg write, local files for fs get and put.
+
+_vukra_registers() {
+    local table=$1
+    [ -r "$table" ] || return 0
+    "${COMP_WORDS[0]}" -q --table "$table" reg list 2>/dev/null |
+        sed -n 's/^\([A-Za-z_][A-Za-z0-9_]*\) \[0x[0-9a-fA-F]*, .*/\1/p'
+}
+
+_vukra() {
+    local cur=${COMP_WORDS[COMP_CWORD]}
+    local prev=
+    ((COMP_CWORD > 0)) && prev=${COMP_WORDS[COMP_CWORD - 1]}
+    COMPREPLY=()
+
+    case $prev in
+    -p | --port)
+        local ports=(/dev/ttyUSB* /dev/ttyACM* /dev/ttyS* /dev/pts/[0-9]*)
+        COMPREPLY=($(compgen -W "${ports[*]}" -- "$cur"))
+        [ ${#COMPREPLY[@]} -eq 0 ] && COMPREPLY=($(compgen -f -- "$cur"))
+        return 0
+        ;;
+    --table)
+        COMPREPLY=($(compgen -f -X '!*.xml' -- "$cur") $(compgen -d -S / -- "$cur"))
+        return 0
+        ;;
+    esac
+
+    # The words before the cursor: the group, its verb and their arguments,
+    # with the options and their values left out.
+    local table=table.xml words=() i w
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        w=${COMP_WORDS[i]}
+        case $w in
+        -p | --port) ((i++)) ;;
+        --table) ((i++)); table=${COMP_WORDS[i]} ;;
+        -*) ;;
+        *) words+=("$w") ;;
+        esac
+    done
+
+    if [[ $cur == -* ]]; then
+        COMPREPLY=($(compgen -W "-p --port --table -q --quiet -h --help --version" -- "$cur"))
+        return 0
+    fi
+
+    local group=${words[0]-} verb=${words[1]-} nargs=$((${#words[@]} - 2))
+    case ${#words[@]} in
+    0)
+        COMPREPLY=($(compgen -W "reg fs" -- "$cur"))
+        return 0
+        ;;
+    1)
+        case $group in
+        reg) COMPREPLY=($(compgen -W "read write list" -- "$cur")) ;;
+        fs) COMPREPLY=($(compgen -W "ls cat get put rm mkdir rmdir mv df stat tree" -- "$cur")) ;;
+        esac
+        return 0
+        ;;
+    esac
+
+    case $group/$verb in
+    reg/read)
+        COMPREPLY=($(compgen -W "$(_vukra_registers "$table")" -- "$cur"))
+        ;;
+    reg/write)
+        ((nargs == 0)) && COMPREPLY=($(compgen -W "$(_vukra_registers "$table")" -- "$cur"))
+        ;;
+    fs/put)
+        ((nargs == 0)) && COMPREPLY=($(compgen -f -- "$cur"))
+        ;;
+    fs/get)
+        ((nargs == 1)) && COMPREPLY=($(compgen -f -- "$cur"))
+        ;;
+    esac
+    return 0
+}
+
+complete -F _vukra vukra
