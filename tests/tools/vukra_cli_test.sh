@@ -91,6 +91,7 @@ says "vukra on a malformed table" "bad.xml: Xml error, different names type_list
 if [ ! -s "$work/o" ]; then ok; else ko "the Xml error stays off stdout"; fi
 says "vukra-sim on a malformed table" "Xml error, different names" "$sim" --table bad.xml
 says "vukra-gen on a malformed table" "Xml error, different names" "$gen" bad.xml --c
+refused "reg list of an unknown table" "$vukra" reg list nosuch
 : >empty.xml
 mkdir dir.xml
 refused "vukra on an empty table file" "$vukra" --table empty.xml reg list
