@@ -91,6 +91,13 @@ says "vukra on a malformed table" "bad.xml: Xml error, different names type_list
 if [ ! -s "$work/o" ]; then ok; else ko "the Xml error stays off stdout"; fi
 says "vukra-sim on a malformed table" "Xml error, different names" "$sim" --table bad.xml
 says "vukra-gen on a malformed table" "Xml error, different names" "$gen" bad.xml --c
+refused "reg list of an unknown table" "$vukra" reg list nosuch
+: >empty.xml
+mkdir dir.xml
+refused "vukra on an empty table file" "$vukra" --table empty.xml reg list
+refused "vukra reg read on a directory as table" "$vukra" --table dir.xml -p "$port" reg read setpoint
+refused "vukra-sim on an empty table file" "$sim" --table empty.xml
+refused "vukra-sim on a directory as table" "$sim" --table dir.xml
 sed "/<table_list>/q" table.xml >short.xml
 "$vukra" --table short.xml reg list >/dev/null 2>"$work/e"
 if grep -q "holds no register" "$work/e"; then ok; else ko "a table that ends early is warned of"; fi

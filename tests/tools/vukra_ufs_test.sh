@@ -45,6 +45,14 @@ expect "mkdir /../d makes /d" "$ufs" card.o mkdir //../d/
 expect "a/../../../x is /x" "$ufs" card.o put small.txt d/../../../x
 expect "both are in the volume's root" bash -c "[ \"\$('$ufs' card.o ls /)\" = \"\$(printf 'big\nhello\nd\nx')\" ]"
 refuse "the root is no file name" "$ufs" card.o put small.txt /..
+long=$(printf 'n%.0s' $(seq 256))
+expect "a name of 255 bytes is made" "$ufs" card.o mkdir "/${long:1}"
+expect "and removed" "$ufs" card.o rm "/${long:1}"
+cp card.o before.o
+expect "a longer name is refused as too long" bash -c "! '$ufs' card.o mkdir '/d/$long' 2>&1 | grep -q 'full' && '$ufs' card.o mkdir '/d/$long' 2>&1 | grep -q 'at most 255'"
+refuse "put to a longer name" "$ufs" card.o put small.txt "/$long"
+refuse "mv to a longer name" "$ufs" card.o mv /x "/d/$long"
+expect "the image is untouched" cmp card.o before.o
 
 # rename: never into itself, replacing only what it may.
 expect "mkdir /docs/sub" bash -c "'$ufs' card.o mkdir /docs && '$ufs' card.o mkdir /docs/sub"

@@ -4,6 +4,8 @@
 #include "table/xml_fatal.h"
 
 #include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
 #include <cstdlib>
 #include <string>
 
@@ -30,6 +32,22 @@ void install_table_error_handler(const char* tool) {
 }
 
 void set_table_being_read(const char* file) { table_file = file ? file : ""; }
+
+int load_table(const char* file) {
+    set_table_being_read(file);
+    std::fflush(stdout);
+    int data = dup(STDOUT_FILENO);
+    int nowhere = open("/dev/null", O_WRONLY);
+    if (data >= 0 && nowhere >= 0) dup2(nowhere, STDOUT_FILENO);
+    if (nowhere >= 0) close(nowhere);
+    int loaded = table::load(file);
+    std::fflush(stdout);
+    if (data >= 0) {
+        dup2(data, STDOUT_FILENO);
+        close(data);
+    }
+    return loaded;
+}
 
 void warn_if_no_register(const char* tool, const char* file) {
     if (table::register_count() == 0)

@@ -14,6 +14,11 @@ void install_table_error_handler(const char* tool);
 // Says which table the next load reads, for the message above.
 void set_table_being_read(const char* file);
 
+// Loads the table without the reader's own lines ("error: cannot open xml
+// input file: ...") on the tool's standard output, which carries its data:
+// the tool says why on standard error itself. 1 when loaded.
+int load_table(const char* file);
+
 // After a load: warns on standard error when the table holds no register.
 void warn_if_no_register(const char* tool, const char* file);
 

@@ -236,8 +236,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::fclose(probe);
-    tools::set_table_being_read(options.table.c_str());
-    if (!table::load(options.table.c_str())) {
+    if (!tools::load_table(options.table.c_str())) {
         std::fprintf(stderr, "vukra-sim: cannot load the register table %s\n", options.table.c_str());
         return 1;
     }

@@ -26,10 +26,20 @@ std::string parent_of(const std::string& plain) {
 bool status_of(const std::string& plain, NodeStatus& s) { return kernel::stat(kernel_path(plain).c_str(), s) == 0; }
 
 // The root cannot be made, removed, moved or written over.
+// A name longer than a directory entry holds is refused for what it is,
+// not taken for a full volume when the kernel cannot make it.
 bool names_something(const std::string& plain, const std::string& user_path) {
-    if (plain != "/") return true;
-    fail("\"" + user_path + "\" is the volume's root; a name within it is needed");
-    return false;
+    if (plain == "/") {
+        fail("\"" + user_path + "\" is the volume's root; a name within it is needed");
+        return false;
+    }
+    const std::size_t last = plain.rfind('/') + 1;
+    if (plain.size() - last > static_cast<std::size_t>(kNameMax)) {
+        fail("the name " + plain.substr(last, 16) + "... holds " + std::to_string(plain.size() - last) +
+             " bytes; a name in the volume holds at most " + std::to_string(kNameMax));
+        return false;
+    }
+    return true;
 }
 
 // A regular file of the volume, or a message telling what it is instead.

@@ -21,8 +21,7 @@ bool load_table(const Options& options) {
     std::FILE* probe = std::fopen(options.table.c_str(), "r");
     if (probe == nullptr) return fail("cannot open the register table " + options.table) == 0;
     std::fclose(probe);
-    tools::set_table_being_read(options.table.c_str());
-    if (!table::load(options.table.c_str())) return fail("cannot load the register table " + options.table) == 0;
+    if (!tools::load_table(options.table.c_str())) return fail("cannot load the register table " + options.table) == 0;
     tools::warn_if_no_register("vukra", options.table.c_str());
     return true;
 }

@@ -112,7 +112,15 @@ int write(const Options& o, const std::string& name, const std::vector<std::stri
 // The listing is the library's own, on standard output: it is the data here.
 int list(const Options& o, const std::string& table_name) {
     if (!load_table(o)) return 1;
-    if (!table_name.empty()) return table::list_registers(table_name.c_str(), true) ? 0 : fail("no table " + table_name);
+    if (!table_name.empty()) {
+        // The library prints its heading before it looks for the table: an
+        // unknown name is refused first, with nothing on standard output.
+        bool known = false;
+        for (const table::TableInfo& t : table::tables())
+            if (t.name != nullptr && table_name == t.name) known = true;
+        if (!known || !table::list_registers(table_name.c_str(), true)) return fail("no table " + table_name);
+        return std::fflush(stdout) == 0 ? 0 : fail("cannot write the listing");
+    }
     table::list_tables();
     std::vector<std::string> names;
     for (const table::TableInfo& t : table::tables())
