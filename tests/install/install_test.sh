@@ -5,11 +5,8 @@
 # against it, one with find_package, one with pkg-config, and the C example
 # of README.md; all run against the installed vukra-sim.
 #   install_test.sh BUILD_DIR SOURCE_DIR VERSION LIBDIR MAN_PAGES(ON|OFF)
-#
-# The listing step runs when the installed vukra-sim serves a card image
-# (it has --image): the image is made with the installed vukra-ufs and the
-# consumers list "/mem". A vukra-sim without --image answers no filesystem
-# request, so the consumers then only read a register.
+# The sim's card is an image made with the installed vukra-ufs, holding one
+# file that the consumers find when they list "/mem".
 set -u
 build=$(realpath "$1")
 source=$(realpath "$2")
@@ -111,17 +108,11 @@ check "the README example builds" cc -std=c99 -Wall -Wextra -Werror "$work/src/e
 # All run against the installed simulator, from a folder with table.xml.
 cd "$work"
 cp "$source/examples/table.xml" table.xml
-listing=()
-if "$prefix/bin/vukra-sim" --help | grep -q -- --image; then
-  echo "device file" >hello.txt
-  check "a card image with the installed vukra-ufs" "$prefix/bin/vukra-ufs" card.img mkfs
-  check "a file on it" "$prefix/bin/vukra-ufs" card.img put hello.txt /hello.txt
-  sim=("$prefix/bin/vukra-sim" --table table.xml --image card.img)
-  listing=(/mem)
-else
-  echo "note: this vukra-sim serves no filesystem (no --image): the directory listing is not run"
-  sim=("$prefix/bin/vukra-sim" --table table.xml)
-fi
+echo "device file" >hello.txt
+check "a card image with the installed vukra-ufs" "$prefix/bin/vukra-ufs" card.img mkfs
+check "a file on it" "$prefix/bin/vukra-ufs" card.img put hello.txt /hello.txt
+sim=("$prefix/bin/vukra-sim" --table table.xml --image card.img)
+listing=(/mem)
 start_pty_program sim.out "${sim[@]}" 2>/dev/null || { ko "the installed vukra-sim starts"; finish; }
 port=$PTY_PATH
 

@@ -27,7 +27,7 @@ arch=x86_64
 dir=$root/$arch
 for f in windows.md $arch/bin/modbus_vukra.dll $arch/lib/libmodbus_vukra.dll.a $arch/lib/modbus_vukra.lib \
          $arch/lib/modbus_vukra.def $arch/include/modbus_vukra.h $arch/lib/cmake/modbus_vukra/modbus_vukra-config.cmake \
-         $arch/bin/vukra.exe $arch/bin/vukra-sim.exe $arch/bin/vukra-gen.exe; do
+         $arch/bin/vukra.exe $arch/bin/vukra-gen.exe; do
   [ -f "$root/$f" ] && ok || ko "the zip holds $f"
 done
 if find "$root" -name '*core*' -o -name 'platform.h' | grep -q .; then ko "internal files in the zip: $(find "$root" -name '*core*')"; else ok; fi
