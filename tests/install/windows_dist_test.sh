@@ -37,7 +37,7 @@ if command -v wine >/dev/null; then
   [ -f "$WINEPREFIX/system.reg" ] || wine wineboot -i >/dev/null 2>&1
   version=${top#modbus_vukra-}
   version=${version%-windows}
-  for tool in vukra vukra-sim vukra-gen; do
+  for tool in vukra vukra-gen; do
     got=$(wine "$dir/bin/$tool.exe" --version 2>/dev/null | tr -d '\r')
     [ "$got" = "$tool $version" ] && ok || ko "$tool.exe --version gives '$got'"
   done
