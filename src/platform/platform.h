@@ -105,6 +105,16 @@ bool thread_join(Thread& thread, std::uint32_t timeout_ms);
 std::uint64_t current_thread_id();
 void sleep_ms(std::uint32_t milliseconds);
 
+// ---- requests to stop ----------------------------------------------------
+
+// A program that must tidy up before it ends (a tool that serves until it
+// is told to stop) holds back the requests to stop it: SIGINT, SIGTERM and
+// SIGHUP on POSIX, Ctrl-C, Ctrl-Break and the console's closing on Win32.
+// Call it before any thread is started; the threads inherit it.
+void stop_requests_hold();
+// Waits until such a request comes, then returns.
+void stop_request_wait();
+
 // ---- clock and names ----------------------------------------------------
 
 struct LocalTime {
