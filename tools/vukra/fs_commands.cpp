@@ -186,7 +186,7 @@ int put(const Options& o, const std::string& local, const std::string& user_path
     if (modbus_vukra_op_protected_create(r.session, temporary.c_str()) != 0)
         return device_fail(r, "write", path);
 
-    int status = report(r, write_from(r, o, path, size, in.get()), "write", temporary, "reading " + local);
+    int status = report(r, write_from(r, o, path, size, in.get()), "write", path, "reading " + local);
     if (status == 0 && modbus_vukra_op_protected_rename(r.session, temporary.c_str(), path.c_str()) != 0)
         status = device_fail(r, "rename " + temporary + " to", path);
     if (status != 0) {
@@ -289,7 +289,14 @@ int tree(const Options& o, const std::string& user_path) {
 
 void add_fs_commands(CLI::App& app, Options& options) {
     CLI::App* group = app.add_subcommand("fs", "the device's filesystem (paths from the device's root)");
-    group->require_subcommand(1);
+    // A missing command is told here with the list of commands (an unknown
+    // word is refused by the parser, by name).
+    group->require_subcommand(0, 1);
+    group->callback([&options, group] {
+        if (group->get_subcommands().empty())
+            options.status =
+                fail("fs needs a command: ls, cat, get, put, rm, mkdir, rmdir, mv, df, stat or tree (see vukra fs --help)");
+    });
 
     struct Words {
         std::string path, other;

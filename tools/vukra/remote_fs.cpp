@@ -90,6 +90,11 @@ std::string device_status(modbus_vukra_session* s) {
     std::string text = "status " + std::to_string(status);
     for (const StatusName& n : kStatusNames)
         if (n.status == status) return text + " (" + n.meaning + ")";
+    // read and readdir replies carry the status's low byte only: a
+    // kernel error of -44 arrives as 212.
+    if (status >= 128 && status <= 255)
+        for (const StatusName& n : kStatusNames)
+            if (n.status == status - 256) return text + " (" + std::to_string(n.status) + ", " + n.meaning + ")";
     return text;
 }
 
