@@ -65,6 +65,12 @@ check "byte-identical" cmp big.bin big.out
 loud get /mem/big.bin - >big.stdout 2>loud.err
 check "get to standard output: only the file's bytes" cmp big.bin big.stdout
 check "the library's lines went to stderr" test -s loud.err
+grep -q 'bytes/s' loud.err && ko "a progress line on a stderr that is no terminal" || ok
+if command -v script >/dev/null; then # a terminal for stderr
+  script -qc "'$vukra' -p '$PTY_PATH' fs get /mem/big.bin big.tty" /dev/null >tty.out 2>&1
+  tr '\r' '\n' <tty.out | grep -q '^/mem/big.bin: 102400 of 102400 bytes (100%), [0-9]* bytes/s' && ok ||
+    ko "no progress line on a terminal: $(tr '\r' '\n' <tty.out | tail -3)"
+fi
 loud cat /mem/big.bin >cat.out 2>/dev/null
 check "cat of a binary file is exactly the file" cmp big.bin cat.out
 [ "$(fs cat /mem/docs/hello.txt)" = hello ] && ok || ko "cat of a small file"
