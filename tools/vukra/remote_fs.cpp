@@ -136,6 +136,7 @@ bool list_names(const Remote& r, const std::string& path, std::vector<std::strin
     for (;;) {
         modbus_vukra_dir_entry* first = nullptr;
         const std::int32_t end = modbus_vukra_op_protected_readdir(r.session, &first);
+        const std::size_t before = names.size();
         while (first != nullptr) {
             modbus_vukra_dir_entry* next = first->next;
             names.emplace_back(first->name);
@@ -144,6 +145,8 @@ bool list_names(const Remote& r, const std::string& path, std::vector<std::strin
         }
         if (end < 0) return false;
         if (end == 1) return true;
+        // A page that brings nothing and is not the end would be asked for forever.
+        if (names.size() == before) return false;
     }
 }
 

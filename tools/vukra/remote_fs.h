@@ -67,7 +67,8 @@ bool look_up(const Remote& r, const std::string& path, modbus_vukra_attributes& 
 
 // Every name in the directory path, in the device's order, page after page
 // until the end, each listing entry freed. False when the lookup or a page
-// failed (the status stays in the error word); names holds what came.
+// failed (the status stays in the error word), or a page that was not the
+// last brought no entry; names holds what came.
 bool list_names(const Remote& r, const std::string& path, std::vector<std::string>& names);
 
 // How a whole-file transfer ended.
