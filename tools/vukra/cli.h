@@ -5,6 +5,9 @@
 //
 //   main.cpp          the application, the shared options, the groups
 //   reg_commands.cpp  vukra reg read|write|list
+//   fs_commands.cpp   vukra fs ls|cat|get|put|rm|mkdir|rmdir|mv|df|stat|tree
+//   remote_fs.cpp     what the fs commands share: the mounted session, statuses, transfers
+//   progress.cpp      the progress line of long transfers
 //   device.cpp        what the groups share: messages, the table, the session
 #pragma once
 
@@ -23,5 +26,9 @@ struct Options {
 
 // vukra reg read NAME... | reg write NAME VALUE... | reg list [TABLE]
 void add_reg_commands(CLI::App& app, Options& options);
+
+// vukra fs ls [-l] PATH | cat PATH | get REMOTE LOCAL | put LOCAL REMOTE |
+// rm PATH | mkdir PATH | rmdir PATH | mv OLD NEW | df [PATH] | stat PATH | tree [PATH]
+void add_fs_commands(CLI::App& app, Options& options);
 
 } // namespace vukra::cli

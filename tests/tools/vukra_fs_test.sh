@@ -1,0 +1,167 @@
+#!/usr/bin/env bash
+# vukra fs against vukra-sim serving a card image made by vukra-ufs: files
+# in and out byte for byte, listings longer than one reply, directories,
+# renames, usage and attributes; failures that must name the path and the
+# device's status and leave every file as it was; afterwards, the image
+# must hold what was put and pass vukra-ufs check.
+#   vukra_fs_test.sh BUILD_TOOLS_DIR EXAMPLES_DIR SCRIPTS_DIR
+set -u
+tools=$(realpath "$1")
+examples=$(realpath "$2")
+. "$(realpath "$3")/pty_program.sh"
+vukra=$tools/vukra sim=$tools/vukra-sim ufs=$tools/vukra-ufs
+work=$(mktemp -d)
+trap 'stop_pty_programs; rm -rf "$work"' EXIT
+cd "$work"
+passed=0
+failed=0
+ok() { passed=$((passed + 1)); }
+ko() { failed=$((failed + 1)); echo "FAILED: $*"; }
+check() { # check WHAT COMMAND...: the command succeeds
+  local what=$1
+  shift
+  if "$@" >/dev/null 2>&1; then ok; else ko "$what"; fi
+}
+# fails WHAT PATTERN COMMAND...: non-zero status, one line on stderr holding PATTERN, nothing on stdout.
+fails() {
+  local what=$1 pattern=$2
+  shift 2
+  "$@" >"$work/o" 2>"$work/e" </dev/null
+  local rc=$?
+  if [ $rc -ne 0 ] && [ "$(wc -l <"$work/e")" -eq 1 ] && grep -q -- "$pattern" "$work/e" && [ ! -s "$work/o" ]; then
+    ok
+  else
+    ko "$what (status $rc, stdout: $(head -c 200 "$work/o"), stderr: $(cat "$work/e"))"
+  fi
+}
+# Stops the sim started last and waits until it has written its card back.
+stop_sim() {
+  kill "$PTY_PID" 2>/dev/null
+  wait "$PTY_PID" 2>/dev/null
+}
+
+cp "$examples/table.xml" table.xml
+printf 'hello\n' >hello.txt
+head -c 102400 /dev/urandom >big.bin
+head -c 70000 /dev/urandom >other.bin
+
+# The card: a document, and a directory of more entries than one readdir reply holds.
+"$ufs" card.o mkfs --nodes 512 >/dev/null || exit 1
+"$ufs" card.o mkdir /docs >/dev/null && "$ufs" card.o put hello.txt /docs/hello.txt >/dev/null || exit 1
+"$ufs" card.o mkdir /many >/dev/null || exit 1
+for i in $(seq -w 1 150); do "$ufs" card.o put hello.txt "/many/entry-$i" >/dev/null || exit 1; done
+cp card.o spare.o
+"$ufs" spare.o put big.bin /big.bin >/dev/null || exit 1
+
+start_pty_program sim.out "$sim" --table table.xml --image card.o 2>sim.err || exit 1
+fs() { "$vukra" -q -p "$PTY_PATH" fs "$@"; }
+loud() { "$vukra" -p "$PTY_PATH" fs "$@"; } # the library's lines on stderr
+
+# Files in and out.
+free_before=$(fs df /mem | sed -n 's/^free blocks *//p')
+check "put of 100 KiB" fs put big.bin /mem/big.bin
+check "get it back" fs get /mem/big.bin big.out
+check "byte-identical" cmp big.bin big.out
+loud get /mem/big.bin - >big.stdout 2>loud.err
+check "get to standard output: only the file's bytes" cmp big.bin big.stdout
+check "the library's lines went to stderr" test -s loud.err
+grep -q 'bytes/s' loud.err && ko "a progress line on a stderr that is no terminal" || ok
+if command -v script >/dev/null; then # a terminal for stderr
+  script -qc "'$vukra' -p '$PTY_PATH' fs get /mem/big.bin big.tty" /dev/null >tty.out 2>&1
+  tr '\r' '\n' <tty.out | grep -q '^/mem/big.bin: 102400 of 102400 bytes (100%), [0-9]* bytes/s' && ok ||
+    ko "no progress line on a terminal: $(tr '\r' '\n' <tty.out | tail -3)"
+fi
+loud cat /mem/big.bin >cat.out 2>/dev/null
+check "cat of a binary file is exactly the file" cmp big.bin cat.out
+[ "$(fs cat /mem/docs/hello.txt)" = hello ] && ok || ko "cat of a small file"
+check "put over an existing file" fs put other.bin /mem/big.bin
+fs get /mem/big.bin - >other.out
+check "the file is the new one" cmp other.bin other.out
+fs ls /mem | grep -q vukra-put && ko "put left its temporary file" || ok
+check "put into a directory by relative path" fs put hello.txt mem/docs/again.txt
+[ "$(fs cat /mem/docs/again.txt)" = hello ] && ok || ko "the relative path is from the root"
+
+# Listings: 150 entries come in several pages.
+seq -w 1 150 | sed 's/^/entry-/' >many.expected
+fs ls /mem/many | sort >many.got
+check "ls lists every entry once" cmp many.expected many.got
+[ "$(fs ls -l /mem/many | grep -c '^- *6 entry-[0-9]*$')" = 150 ] && ok || ko "ls -l: kind, size and name of each"
+fs ls -l /mem >root.got
+grep -q '^d *[0-9]* docs$' root.got && grep -q '^- *70000 big.bin$' root.got && ok || ko "ls -l of the card: $(cat root.got)"
+[ "$(fs ls /mem/docs/hello.txt)" = /mem/docs/hello.txt ] && ok || ko "ls of a file names it"
+
+# Directories, renames, removal.
+check "mkdir" fs mkdir /mem/new
+fs stat /mem/new | grep -q '^kind 8 (directory)$' && ok || ko "stat of the new directory"
+check "rmdir of an empty directory" fs rmdir /mem/new
+fails "stat of what rmdir removed" "/mem/new: status -44" fs stat /mem/new
+check "mv" fs mv /mem/docs/hello.txt /mem/docs/greeting.txt
+[ "$(fs ls /mem/docs | sort | tr '\n' ' ')" = "again.txt greeting.txt " ] && ok || ko "mv renamed the file"
+check "rm" fs rm /mem/docs/again.txt
+[ "$(fs ls /mem/docs)" = greeting.txt ] && ok || ko "rm removed the file"
+
+# Attributes and usage.
+fs stat /mem/big.bin >stat.got
+grep -q '^size 70000$' stat.got && grep -q '^kind 1 (regular file)$' stat.got && grep -q '^node [1-9]' stat.got &&
+  grep -q '^time ' stat.got && ok || ko "stat: $(cat stat.got)"
+fs stat /dev/sdcard0 | grep -q '^kind [0-9]* (block device)$' && ok || ko "stat of the card's device node"
+fs df /mem >df.got
+grep -q '^block size  512$' df.got && [ "$(wc -l <df.got)" = 4 ] && ok || ko "df: $(cat df.got)"
+free_after=$(sed -n 's/^free blocks *//p' df.got)
+[ -n "$free_before" ] && [ "$free_after" -lt "$free_before" ] && ok || ko "df: free blocks $free_before then $free_after"
+
+# tree: the directories' entries below their names.
+fs tree /mem >tree.got
+head -n 1 tree.got | grep -qx /mem && grep -qx '  docs/' tree.got && grep -qx '    greeting.txt' tree.got &&
+  grep -qx '  many/' tree.got && [ "$(grep -c '^    entry-' tree.got)" = 150 ] && ok || ko "tree: $(head -20 tree.got)"
+[ "$(grep -n -x '    greeting.txt' tree.got | cut -d: -f1)" = $(($(grep -n -x '  docs/' tree.got | cut -d: -f1) + 1)) ] &&
+  ok || ko "tree: the file right below its directory"
+
+# Failures: the path and the device's status, files untouched.
+printf 'keep\n' >local.txt
+fails "get of a missing file" "/mem/missing.*status -44" fs get /mem/missing local.txt
+[ "$(cat local.txt)" = keep ] && ok || ko "a failed get left local.txt changed"
+ls -A | grep -q vukra-get && ko "a failed get left its temporary file" || ok
+fails "rmdir of a non-empty directory" "/mem/many.*status -20" fs rmdir /mem/many
+fails "rm of a directory" "/mem/many.*status 24" fs rm /mem/many
+fails "cat of a directory" "/mem/docs.*directory" fs cat /mem/docs
+fails "put of a missing local file" "nothing.bin" fs put nothing.bin /mem/big.bin
+fails "put of a directory" "is not a regular file" fs put . /mem/big.bin
+fails "put into a missing directory" "/mem/none/x.*status" fs put hello.txt /mem/none/x
+fails "get into a directory" "is a directory" fs get /mem/big.bin .
+fails "mv of a missing file" "/mem/missing" fs mv /mem/missing /mem/other
+fs cat /mem/big.bin | cmp -s - other.bin && ok || ko "the failures left /mem/big.bin as it was"
+
+# Bad arguments: a one-line reason and a failure status.
+fails "fs without a command" "" "$vukra" -p "$PTY_PATH" fs
+fails "fs with an unknown command" "frob" "$vukra" -p "$PTY_PATH" fs frob
+fails "get without LOCAL" "LOCAL" "$vukra" -p "$PTY_PATH" fs get /mem/big.bin
+fails "mv without NEW" "NEW" "$vukra" -p "$PTY_PATH" fs mv /mem/big.bin
+fails "ls without a path" "PATH" "$vukra" -p "$PTY_PATH" fs ls
+fails "fs ls without a port" "needs the device's port" "$vukra" fs ls /mem
+fails "a port that does not exist" "/dev/none" "$vukra" -p /dev/none fs ls /mem
+fails "a missing register table" "none.xml" "$vukra" --table none.xml -p "$PTY_PATH" fs ls /mem
+
+stop_sim
+# The card holds what was put, and is sound.
+"$ufs" card.o get /big.bin image.out >/dev/null 2>&1
+check "the image holds the file put last" cmp other.bin image.out
+[ "$("$ufs" card.o cat /docs/greeting.txt 2>/dev/null)" = hello ] && ok || ko "the image holds the renamed file"
+[ "$("$ufs" card.o ls /many 2>/dev/null | wc -l)" = 150 ] && ok || ko "the image holds the 150 entries"
+"$ufs" card.o ls / 2>/dev/null | grep -q -e vukra -e '^new$' && ko "the image holds leftovers" || ok
+check "vukra-ufs check of the image" "$ufs" card.o check
+
+# A device that vanishes during a transfer: the old files stay as they were.
+start_pty_program drop.out "$sim" --table table.xml --image spare.o --drop-after 12 2>/dev/null || exit 1
+fails "put to a vanishing device" "/mem/docs/hello.txt.*status 513" fs put big.bin /mem/docs/hello.txt
+stop_sim
+[ "$("$ufs" spare.o cat /docs/hello.txt 2>/dev/null)" = hello ] && ok || ko "a failed put changed the remote file"
+start_pty_program drop.out "$sim" --table table.xml --image spare.o --drop-after 5 2>/dev/null || exit 1
+cp other.bin kept.bin
+fails "get from a vanishing device" "/mem/big.bin.*513" fs get /mem/big.bin kept.bin
+stop_sim
+check "a failed get left the local file as it was" cmp other.bin kept.bin
+ls -A | grep -q vukra-get && ko "a failed get left its temporary file" || ok
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]

@@ -1,0 +1,370 @@
+// vukra fs ls|cat|get|put|rm|mkdir|rmdir|mv|df|stat|tree: the device's
+// filesystem. Each command opens a session on the port, mounts, does its
+// work and closes. Nothing a failed command touched is left changed: get
+// writes a temporary file beside the local one and renames it at the end;
+// put writes a temporary file on the device and renames it over the
+// remote one at the end.
+#include "cli.h"
+#include "device.h"
+#include "remote_fs.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <unistd.h>
+
+namespace vukra::cli {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+int finish(std::FILE* out, int status) {
+    if (std::fflush(out) != 0 && status == 0) return fail("cannot write standard output");
+    return status;
+}
+
+void print_long(std::FILE* out, const modbus_vukra_attributes& a, const std::string& name) {
+    std::fprintf(out, "%c %10u %s\n", kind_letter(a.words[kAttrKind]), a.words[kAttrSize], name.c_str());
+}
+
+int list(const Options& o, const std::string& user_path, bool long_form) {
+    std::FILE* out = data_stream(o);
+    Remote r(o);
+    if (!r.ok()) return 1;
+    const std::string path = remote_path(user_path);
+    modbus_vukra_attributes a;
+    if (!look_up(r, path, a)) return device_fail(r, "list", path);
+    if (!is_directory(a)) {
+        if (long_form)
+            print_long(out, a, path);
+        else
+            std::fprintf(out, "%s\n", path.c_str());
+        return finish(out, 0);
+    }
+    std::vector<std::string> names;
+    if (!list_names(r, path, names)) return device_fail(r, "list", path);
+    int status = 0;
+    for (const std::string& name : names) {
+        if (!long_form) {
+            std::fprintf(out, "%s\n", name.c_str());
+        } else if (look_up(r, joined(path, name), a)) {
+            print_long(out, a, name);
+        } else {
+            std::fprintf(out, "? %10s %s\n", "?", name.c_str());
+            status = device_fail(r, "look up", joined(path, name));
+        }
+    }
+    return finish(out, status);
+}
+
+// Looks path up as something whose bytes can be read: not a directory.
+bool readable(const Remote& r, const std::string& path, modbus_vukra_attributes& a, int& status) {
+    if (!look_up(r, path, a)) {
+        status = device_fail(r, "read", path);
+        return false;
+    }
+    if (is_directory(a)) {
+        status = fail("cannot read " + path + ": it is a directory");
+        return false;
+    }
+    return true;
+}
+
+int report(const Remote& r, Moved how, const std::string& what, const std::string& path, const std::string& local) {
+    switch (how) {
+    case Moved::kAll: return 0;
+    case Moved::kDevice: return device_fail(r, what, path);
+    case Moved::kStalled: return fail("cannot " + what + " " + path + ": the device took no byte");
+    case Moved::kLocal: return fail("cannot " + what + " " + path + ": " + local + " failed");
+    }
+    return 1;
+}
+
+int cat(const Options& o, const std::string& user_path) {
+    std::FILE* out = data_stream(o);
+    Remote r(o);
+    if (!r.ok()) return 1;
+    const std::string path = remote_path(user_path);
+    modbus_vukra_attributes a;
+    int status = 0;
+    if (!readable(r, path, a, status)) return status;
+    return finish(out, report(r, read_to(r, o, path, a.words[kAttrSize], out), "read", path, "standard output"));
+}
+
+// Where get writes: LOCAL itself, or where the symbolic link LOCAL leads.
+// Empty (after saying why) when LOCAL cannot be replaced by a file.
+fs::path local_target(const std::string& local) {
+    std::error_code e;
+    fs::path target = local;
+    if (fs::is_symlink(fs::symlink_status(target, e))) {
+        target = fs::weakly_canonical(target, e);
+        if (e) return fail("cannot follow " + local), fs::path();
+    }
+    if (fs::is_directory(target, e)) return fail(local + " is a directory"), fs::path();
+    if (fs::exists(target, e) && !fs::is_regular_file(target, e))
+        return fail(local + " is not a regular file"), fs::path();
+    return target;
+}
+
+int get(const Options& o, const std::string& user_path, const std::string& local) {
+    std::FILE* out = data_stream(o);
+    fs::path target;
+    if (local != "-" && (target = local_target(local)).empty()) return 1;
+    Remote r(o);
+    if (!r.ok()) return 1;
+    const std::string path = remote_path(user_path);
+    modbus_vukra_attributes a;
+    int status = 0;
+    if (!readable(r, path, a, status)) return status;
+    if (local == "-")
+        return finish(out, report(r, read_to(r, o, path, a.words[kAttrSize], out), "read", path, "standard output"));
+
+    // A temporary file beside the target, renamed over it once complete.
+    fs::path temporary;
+    std::FILE* file = nullptr;
+    const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
+    for (int n = 0; file == nullptr && n < 100; ++n) {
+        temporary = dir / ("." + target.filename().string() + ".vukra-get-" + std::to_string(getpid()) + "-" +
+                           std::to_string(n));
+        file = std::fopen(temporary.c_str(), "wbx");
+        if (file == nullptr && errno != EEXIST) break;
+    }
+    if (file == nullptr) return fail("cannot write in " + dir.string() + ": " + std::strerror(errno));
+    status = report(r, read_to(r, o, path, a.words[kAttrSize], file), "read", path, "writing " + temporary.string());
+    if (std::fclose(file) != 0 && status == 0) status = fail("cannot write " + temporary.string());
+    std::error_code e;
+    if (status == 0) {
+        if (fs::exists(target, e)) fs::permissions(temporary, fs::status(target, e).permissions(), e);
+        fs::rename(temporary, target, e);
+        if (e) status = fail("cannot replace " + local + ": " + e.message());
+    }
+    if (status != 0) fs::remove(temporary, e);
+    return status;
+}
+
+// A name in dir that names nothing yet, for put's temporary file; empty
+// when none could be found (the lookup's status then tells why).
+std::string free_name(const Remote& r, const std::string& dir, const std::string& base) {
+    const std::string stem = "." + base.substr(0, 200) + ".vukra-put-" + std::to_string(getpid());
+    for (int n = 0; n < 100; ++n) {
+        const std::string candidate = joined(dir, stem + "-" + std::to_string(n));
+        modbus_vukra_attributes a;
+        if (!look_up(r, candidate, a)) {
+            // Only "no such file" frees the name; a silent device does not.
+            if (modbus_vukra_op_session_error(r.session) == 513) return "";
+            return candidate;
+        }
+    }
+    return "";
+}
+
+int put(const Options& o, const std::string& local, const std::string& user_path) {
+    std::FILE* out = data_stream(o);
+    std::error_code e;
+    if (!fs::exists(local, e)) return fail("no file " + local);
+    if (!fs::is_regular_file(local, e)) return fail(local + " is not a regular file");
+    const std::uint64_t size = fs::file_size(local, e);
+    if (e) return fail("cannot read " + local + ": " + e.message());
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> in(std::fopen(local.c_str(), "rb"), std::fclose);
+    if (!in) return fail("cannot read " + local + ": " + std::strerror(errno));
+    const std::string path = remote_path(user_path);
+    if (path == "/") return fail("cannot put " + local + " as /: name a file");
+
+    Remote r(o);
+    if (!r.ok()) return 1;
+    modbus_vukra_attributes a;
+    if (look_up(r, path, a)) {
+        if (is_directory(a)) return fail("cannot write " + path + ": it is a directory");
+        if (!(a.words[kAttrKind] & kKindFile)) return fail("cannot write " + path + ": it is not a regular file");
+    } else if (modbus_vukra_op_session_error(r.session) == 513) {
+        return device_fail(r, "look up", path);
+    }
+    const std::string temporary = free_name(r, parent_of(path), name_of(path));
+    if (temporary.empty()) return device_fail(r, "write in", parent_of(path));
+    if (modbus_vukra_op_protected_create(r.session, temporary.c_str()) != 0)
+        return device_fail(r, "write", path);
+
+    int status = report(r, write_from(r, o, path, size, in.get()), "write", path, "reading " + local);
+    if (status == 0 && modbus_vukra_op_protected_rename(r.session, temporary.c_str(), path.c_str()) != 0)
+        status = device_fail(r, "rename " + temporary + " to", path);
+    if (status != 0) {
+        modbus_vukra_op_protected_remove(r.session, temporary.c_str()); // best effort: the old file is untouched
+        return status;
+    }
+    if (!look_up(r, path, a)) return device_fail(r, "look up", path);
+    if (a.words[kAttrSize] != size)
+        return fail(path + " holds " + std::to_string(a.words[kAttrSize]) + " bytes on the device, not " +
+                    std::to_string(size));
+    return finish(out, 0);
+}
+
+// remove, rmdir, mkdir: one request on one path.
+int one_path(const Options& o, const std::string& user_path, const std::string& what,
+             std::int32_t (*operation)(modbus_vukra_session*, const char*)) {
+    std::FILE* out = data_stream(o);
+    Remote r(o);
+    if (!r.ok()) return 1;
+    const std::string path = remote_path(user_path);
+    if (operation(r.session, path.c_str()) != 0) return device_fail(r, what, path);
+    return finish(out, 0);
+}
+
+int move(const Options& o, const std::string& from_user, const std::string& to_user) {
+    std::FILE* out = data_stream(o);
+    Remote r(o);
+    if (!r.ok()) return 1;
+    const std::string from = remote_path(from_user), to = remote_path(to_user);
+    if (modbus_vukra_op_protected_rename(r.session, from.c_str(), to.c_str()) != 0)
+        return device_fail(r, "move " + from + " to", to);
+    return finish(out, 0);
+}
+
+int usage(const Options& o, const std::string& user_path) {
+    std::FILE* out = data_stream(o);
+    Remote r(o);
+    if (!r.ok()) return 1;
+    const std::string path = remote_path(user_path);
+    modbus_vukra_usage u{};
+    if (modbus_vukra_op_protected_fsstat(r.session, path.c_str(), &u) != 0)
+        return device_fail(r, "read the usage of", path);
+    std::fprintf(out, "block size  %u\nblocks      %u\nfree blocks %u\nfree nodes  %u\n", u.words[kUsageBlockSize],
+                 u.words[kUsageBlocks], u.words[kUsageFreeBlocks], u.words[kUsageFreeNodes]);
+    return finish(out, 0);
+}
+
+int status_of(const Options& o, const std::string& user_path) {
+    std::FILE* out = data_stream(o);
+    Remote r(o);
+    if (!r.ok()) return 1;
+    const std::string path = remote_path(user_path);
+    modbus_vukra_attributes a;
+    if (!look_up(r, path, a)) return device_fail(r, "look up", path);
+    std::fprintf(out, "node %u\nkind %u (%s)\nsize %u\ntime %u\n", a.words[kAttrNode], a.words[kAttrKind],
+                 kind_words(a.words[kAttrKind]).c_str(), a.words[kAttrSize], a.words[kAttrTime]);
+    return finish(out, 0);
+}
+
+// The directory's entries, indented by depth, a directory's name ending
+// in "/" and followed by its own entries. Each directory is read whole
+// before its entries are looked up, since a lookup changes what is current.
+int tree_below(const Remote& r, std::FILE* out, const std::string& path, int depth) {
+    std::vector<std::string> names;
+    if (!list_names(r, path, names)) return device_fail(r, "list", path);
+    int status = 0;
+    for (const std::string& name : names) {
+        if (name == "." || name == "..") continue;
+        const std::string child = joined(path, name);
+        modbus_vukra_attributes a;
+        if (!look_up(r, child, a)) {
+            std::fprintf(out, "%*s%s?\n", 2 * depth, "", name.c_str());
+            status = device_fail(r, "look up", child);
+            continue;
+        }
+        const bool directory = is_directory(a);
+        std::fprintf(out, "%*s%s%s\n", 2 * depth, "", name.c_str(), directory ? "/" : "");
+        if (!directory) continue;
+        if (depth >= 64) {
+            status = fail("not going below " + child + ": 64 levels deep");
+            continue;
+        }
+        if (tree_below(r, out, child, depth + 1) != 0) status = 1;
+    }
+    return status;
+}
+
+int tree(const Options& o, const std::string& user_path) {
+    std::FILE* out = data_stream(o);
+    Remote r(o);
+    if (!r.ok()) return 1;
+    const std::string path = remote_path(user_path);
+    modbus_vukra_attributes a;
+    if (!look_up(r, path, a)) return device_fail(r, "list", path);
+    std::fprintf(out, "%s\n", path.c_str());
+    return finish(out, is_directory(a) ? tree_below(r, out, path, 1) : 0);
+}
+
+} // namespace
+
+void add_fs_commands(CLI::App& app, Options& options) {
+    CLI::App* group = app.add_subcommand("fs", "the device's filesystem (paths from the device's root)");
+    // A missing command is told here with the list of commands (an unknown
+    // word is refused by the parser, by name).
+    group->require_subcommand(0, 1);
+    group->callback([&options, group] {
+        if (group->get_subcommands().empty())
+            options.status =
+                fail("fs needs a command: ls, cat, get, put, rm, mkdir, rmdir, mv, df, stat or tree (see vukra fs --help)");
+    });
+
+    struct Words {
+        std::string path, other;
+        bool long_form = false;
+    };
+    auto words = std::make_shared<Words>();
+
+    // Each command needs the port; run() checks it and keeps the status.
+    auto run = [&options](CLI::App* command, std::function<int()> body) {
+        const std::string name = command->get_name();
+        command->callback([&options, name, body] {
+            if (options.port.empty()) {
+                options.status = fail("fs " + name + " needs the device's port: -p PORT");
+                return;
+            }
+            options.status = body();
+        });
+    };
+    const Options& o = options;
+
+    CLI::App* ls = group->add_subcommand("ls", "list a directory, one name a line (-l: kind, size, name)");
+    ls->add_flag("-l", words->long_form, "kind (d directory, - file, b c devices), size in bytes, name");
+    ls->add_option("PATH", words->path, "a directory or file on the device")->required();
+    run(ls, [&o, words] { return list(o, words->path, words->long_form); });
+
+    CLI::App* cat_cmd = group->add_subcommand("cat", "a file's bytes to standard output");
+    cat_cmd->add_option("PATH", words->path, "a file on the device")->required();
+    run(cat_cmd, [&o, words] { return cat(o, words->path); });
+
+    CLI::App* get_cmd = group->add_subcommand("get", "copy a device file to LOCAL (\"-\": standard output)");
+    get_cmd->add_option("REMOTE", words->path, "a file on the device")->required();
+    get_cmd->add_option("LOCAL", words->other, "the local file, replaced only once complete")->required();
+    run(get_cmd, [&o, words] { return get(o, words->path, words->other); });
+
+    CLI::App* put_cmd = group->add_subcommand("put", "copy LOCAL to a device file, replaced only once complete");
+    put_cmd->add_option("LOCAL", words->other, "a local file")->required();
+    put_cmd->add_option("REMOTE", words->path, "the file on the device")->required();
+    run(put_cmd, [&o, words] { return put(o, words->other, words->path); });
+
+    CLI::App* rm = group->add_subcommand("rm", "remove a file");
+    rm->add_option("PATH", words->path, "a file on the device")->required();
+    run(rm, [&o, words] { return one_path(o, words->path, "remove", modbus_vukra_op_protected_remove); });
+
+    CLI::App* mkdir_cmd = group->add_subcommand("mkdir", "make a directory");
+    mkdir_cmd->add_option("PATH", words->path, "the new directory")->required();
+    run(mkdir_cmd, [&o, words] { return one_path(o, words->path, "make the directory", modbus_vukra_op_protected_mkdir); });
+
+    CLI::App* rmdir_cmd = group->add_subcommand("rmdir", "remove an empty directory");
+    rmdir_cmd->add_option("PATH", words->path, "a directory on the device")->required();
+    run(rmdir_cmd,
+        [&o, words] { return one_path(o, words->path, "remove the directory", modbus_vukra_op_protected_rmdir); });
+
+    CLI::App* mv = group->add_subcommand("mv", "rename OLD to NEW (an existing NEW is replaced)");
+    mv->add_option("OLD", words->path, "the present path")->required();
+    mv->add_option("NEW", words->other, "the new path")->required();
+    run(mv, [&o, words] { return move(o, words->path, words->other); });
+
+    CLI::App* df = group->add_subcommand("df", "the usage of the filesystem holding PATH (default /)");
+    df->add_option("PATH", words->path, "a path on the device");
+    run(df, [&o, words] { return usage(o, words->path.empty() ? "/" : words->path); });
+
+    CLI::App* stat = group->add_subcommand("stat", "the four attribute words of PATH: node, kind, size, time");
+    stat->add_option("PATH", words->path, "a path on the device")->required();
+    run(stat, [&o, words] { return status_of(o, words->path); });
+
+    CLI::App* tree_cmd = group->add_subcommand("tree", "PATH (default /) and everything below it");
+    tree_cmd->add_option("PATH", words->path, "a directory on the device");
+    run(tree_cmd, [&o, words] { return tree(o, words->path.empty() ? "/" : words->path); });
+}
+
+} // namespace vukra::cli

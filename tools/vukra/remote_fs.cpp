@@ -1,0 +1,202 @@
+#include "remote_fs.h"
+
+#include "device.h"
+#include "progress.h"
+
+#include <cstdlib>
+#include <vector>
+
+namespace vukra::cli {
+
+namespace {
+
+// The statuses a vukra device answers, as a person reads them: the
+// kernel's errors (negative) and the server's own refusals. 513 is the
+// library's: no reply within the port's time-out.
+struct StatusName {
+    std::int32_t status;
+    const char* meaning;
+};
+constexpr StatusName kStatusNames[] = {
+    {-20, "exists, or not empty"},
+    {-22, "invalid move"},
+    {-29, "refused by the device or filesystem"},
+    {-40, "no free descriptor"},
+    {-43, "not a device"},
+    {-44, "no such file or directory"},
+    {-56, "not a directory"},
+    {17, "the device's kernel failed"},
+    {18, "bad request"},
+    {19, "wrong volume"},
+    {20, "nothing open"},
+    {21, "nothing open"},
+    {22, "outside the served filesystem"},
+    {23, "mount refused"},
+    {24, "is a directory"},
+    {25, "not a device"},
+    {513, "no reply from the device"},
+};
+
+} // namespace
+
+Remote::Remote(const Options& options) {
+    std::FILE* probe = std::fopen(options.table.c_str(), "r");
+    if (probe == nullptr) {
+        fail("cannot open the register table " + options.table + ", which every session loads (--table FILE)");
+        return;
+    }
+    std::fclose(probe);
+    session = open_session(options);
+    if (session == nullptr) return;
+    if (modbus_vukra_op_protected_mount(session) != 0) {
+        fail("cannot mount the device's filesystem on " + options.port + ": " + device_status(session));
+        modbus_vukra_op_session_close(session);
+        session = nullptr;
+    }
+}
+
+Remote::~Remote() {
+    if (session != nullptr) modbus_vukra_op_session_close(session);
+}
+
+std::string remote_path(const std::string& user_path) {
+    std::string path = "/";
+    for (char c : user_path) {
+        if (c == '/' && path.back() == '/') continue;
+        path += c;
+    }
+    if (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+std::string parent_of(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos || slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+std::string name_of(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string joined(const std::string& dir, const std::string& name) {
+    return dir == "/" ? "/" + name : dir + "/" + name;
+}
+
+std::string device_status(modbus_vukra_session* s) {
+    const std::int32_t status = modbus_vukra_op_session_error(s);
+    if (status == 0) return "the device's reply could not be read";
+    std::string text = "status " + std::to_string(status);
+    for (const StatusName& n : kStatusNames)
+        if (n.status == status) return text + " (" + n.meaning + ")";
+    // read and readdir replies carry the status's low byte only: a
+    // kernel error of -44 arrives as 212.
+    if (status >= 128 && status <= 255)
+        for (const StatusName& n : kStatusNames)
+            if (n.status == status - 256) return text + " (" + std::to_string(n.status) + ", " + n.meaning + ")";
+    return text;
+}
+
+int device_fail(const Remote& r, const std::string& what, const std::string& path) {
+    return fail("cannot " + what + " " + path + ": " + device_status(r.session));
+}
+
+char kind_letter(std::uint32_t kind) {
+    if (kind & kKindDirectory) return 'd';
+    if (kind & kKindDevice) return (kind & kKindCharacter) ? 'c' : 'b';
+    if (kind & kKindFile) return '-';
+    if (kind & kKindFifo) return 'p';
+    if (kind & kKindLink) return 'l';
+    return '?';
+}
+
+std::string kind_words(std::uint32_t kind) {
+    switch (kind_letter(kind)) {
+    case 'd': return "directory";
+    case 'c': return "character device";
+    case 'b': return "block device";
+    case '-': return "regular file";
+    case 'p': return "fifo";
+    case 'l': return "descriptor link";
+    default: return "unknown";
+    }
+}
+
+bool is_directory(const modbus_vukra_attributes& a) { return (a.words[kAttrKind] & kKindDirectory) != 0; }
+
+bool look_up(const Remote& r, const std::string& path, modbus_vukra_attributes& out) {
+    out = {};
+    return modbus_vukra_op_protected_lookup(r.session, path.c_str(), &out) == 0;
+}
+
+bool list_names(const Remote& r, const std::string& path, std::vector<std::string>& names) {
+    modbus_vukra_attributes a;
+    if (!look_up(r, path, a)) return false;
+    for (;;) {
+        modbus_vukra_dir_entry* first = nullptr;
+        const std::int32_t end = modbus_vukra_op_protected_readdir(r.session, &first);
+        const std::size_t before = names.size();
+        while (first != nullptr) {
+            modbus_vukra_dir_entry* next = first->next;
+            names.emplace_back(first->name);
+            std::free(first);
+            first = next;
+        }
+        if (end < 0) return false;
+        if (end == 1) return true;
+        // A page that brings nothing and is not the end would be asked for forever.
+        if (names.size() == before) return false;
+    }
+}
+
+Moved read_to(const Remote& r, const Options& o, const std::string& label, std::uint64_t total, std::FILE* out) {
+    Progress progress = progress_start(label, total, o.quiet);
+    std::uint64_t done = 0;
+    Moved result = Moved::kAll;
+    char block[1024];
+    for (;;) {
+        const std::int32_t got = modbus_vukra_op_protected_read(r.session, block, sizeof block);
+        if (got < 0) {
+            result = Moved::kDevice;
+            break;
+        }
+        if (got == 0) break;
+        if (std::fwrite(block, 1, static_cast<std::size_t>(got), out) != static_cast<std::size_t>(got)) {
+            result = Moved::kLocal;
+            break;
+        }
+        done += static_cast<std::uint64_t>(got);
+        progress_update(progress, done);
+    }
+    progress_end(progress, done);
+    return result;
+}
+
+Moved write_from(const Remote& r, const Options& o, const std::string& label, std::uint64_t size, std::FILE* in) {
+    Progress progress = progress_start(label, size, o.quiet);
+    std::uint64_t done = 0;
+    Moved result = Moved::kAll;
+    char block[1024];
+    while (result == Moved::kAll) {
+        const std::size_t n = std::fread(block, 1, sizeof block, in);
+        if (n == 0) break;
+        // The device may take fewer bytes than it was given; the rest goes again.
+        for (std::size_t at = 0; at < n && result == Moved::kAll;) {
+            const std::int32_t put =
+                modbus_vukra_op_protected_write(r.session, block + at, static_cast<std::int32_t>(n - at));
+            if (put <= 0) {
+                result = put < 0 ? Moved::kDevice : Moved::kStalled;
+                break;
+            }
+            at += static_cast<std::size_t>(put);
+            done += static_cast<std::uint64_t>(put);
+            progress_update(progress, done);
+        }
+    }
+    progress_end(progress, done);
+    if (result == Moved::kAll && std::ferror(in)) result = Moved::kLocal;
+    return result;
+}
+
+} // namespace vukra::cli

@@ -1,0 +1,90 @@
+// What the vukra fs commands share: a mounted session on the device, the
+// device's answers put into words, and whole files moved 1024 bytes per
+// transaction.
+//
+// Paths on the device are always taken from its root: a path without a
+// leading "/" gets one, so that no lookup resolves from whatever directory
+// the previous operation left current.
+#pragma once
+
+#include "cli.h"
+#include "modbus_vukra.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace vukra::cli {
+
+// Attribute word 1: what kind of object a node is.
+inline constexpr std::uint32_t kKindFile = 1u << 0;
+inline constexpr std::uint32_t kKindDevice = 1u << 1;
+inline constexpr std::uint32_t kKindCharacter = 1u << 2; // with kKindDevice
+inline constexpr std::uint32_t kKindDirectory = 1u << 3;
+inline constexpr std::uint32_t kKindFifo = 1u << 4;
+inline constexpr std::uint32_t kKindLink = 1u << 5;
+
+// The four attribute words by their meaning.
+enum AttributeWord { kAttrNode = 0, kAttrKind = 1, kAttrSize = 2, kAttrTime = 3 };
+// The four usage words by their meaning.
+enum UsageWord { kUsageBlockSize = 0, kUsageBlocks = 1, kUsageFreeBlocks = 2, kUsageFreeNodes = 3 };
+
+// A session on the device's port with its filesystem mounted; closed when
+// it goes. ok() is false (after a message on stderr) when either failed.
+struct Remote {
+    modbus_vukra_session* session = nullptr;
+
+    explicit Remote(const Options& options);
+    ~Remote();
+    Remote(const Remote&) = delete;
+    Remote& operator=(const Remote&) = delete;
+    bool ok() const { return session != nullptr; }
+};
+
+// A device path from the root, without repeated or trailing slashes.
+std::string remote_path(const std::string& user_path);
+// The directory part and the last name of a remote path ("/" has none).
+std::string parent_of(const std::string& path);
+std::string name_of(const std::string& path);
+// dir + "/" + name, without doubling the slash of the root.
+std::string joined(const std::string& dir, const std::string& name);
+
+// The session's error word in words: "status N (meaning)", or what went
+// wrong when no status came.
+std::string device_status(modbus_vukra_session* s);
+// fail() with "cannot WHAT PATH: <device_status>".
+int device_fail(const Remote& r, const std::string& what, const std::string& path);
+
+// One letter for ls -l and a few words for stat, from attribute word 1.
+char kind_letter(std::uint32_t kind);
+std::string kind_words(std::uint32_t kind);
+bool is_directory(const modbus_vukra_attributes& a);
+
+// Looks path up (it becomes the current object); false leaves the status
+// in the session's error word.
+bool look_up(const Remote& r, const std::string& path, modbus_vukra_attributes& out);
+
+// Every name in the directory path, in the device's order, page after page
+// until the end, each listing entry freed. False when the lookup or a page
+// failed (the status stays in the error word), or a page that was not the
+// last brought no entry; names holds what came.
+bool list_names(const Remote& r, const std::string& path, std::vector<std::string>& names);
+
+// How a whole-file transfer ended.
+enum class Moved {
+    kAll,     // every byte
+    kDevice,  // the device refused (its status in the error word)
+    kStalled, // the device took no byte of a write, without a status
+    kLocal,   // the local file could not be read or written
+};
+
+// Moves the current file's bytes from its start to out until the device
+// reports the end; total is the size the lookup told (for the progress
+// line).
+Moved read_to(const Remote& r, const Options& o, const std::string& label, std::uint64_t total, std::FILE* out);
+
+// Writes in's bytes (size bytes) to the current file from its start.
+Moved write_from(const Remote& r, const Options& o, const std::string& label, std::uint64_t size, std::FILE* in);
+
+} // namespace vukra::cli
