@@ -128,7 +128,7 @@ int get(const Options& o, const std::string& user_path, const std::string& local
     for (int n = 0; file == nullptr && n < 100; ++n) {
         temporary = dir / ("." + target.filename().string() + ".vukra-get-" + std::to_string(getpid()) + "-" +
                            std::to_string(n));
-        file = std::fopen(temporary.c_str(), "wbx");
+        file = std::fopen(temporary.string().c_str(), "wbx");
         if (file == nullptr && errno != EEXIST) break;
     }
     if (file == nullptr) return fail("cannot write in " + dir.string() + ": " + std::strerror(errno));
