@@ -26,7 +26,13 @@ extern "C" {
 /* The per-connection record; its contents belong to the library. */
 typedef struct modbus_vukra_session modbus_vukra_session;
 
-/* Called on the timer thread once a second while a filesystem is mounted. */
+/*
+ * Called on the Session's timer thread once a second while a filesystem is
+ * mounted, after the status request (whatever its answer: session_error
+ * tells it). It may call the exports, and may close its own Session (the
+ * thread then ends once the callback returns); it should return promptly,
+ * since a close from another thread waits for it.
+ */
 typedef void (*modbus_vukra_callback)(modbus_vukra_session *session);
 
 /* Words of modbus_vukra_op_session_info, in order. */
@@ -62,7 +68,12 @@ MODBUS_VUKRA_API int32_t modbus_vukra_op_session_info(modbus_vukra_session *sess
 
 MODBUS_VUKRA_API int32_t modbus_vukra_op_session_error(modbus_vukra_session *session);
 
-/* The window (an HWND on Windows) that is sent message_number once a second while mounted. */
+/*
+ * The window (an HWND on Windows) that is sent message_number once a second
+ * while mounted (wParam 0, lParam the Session), by SendNotifyMessage, after
+ * the status request. Windows only: elsewhere there are no windows, and the
+ * handle is stored and never used; the callback works everywhere.
+ */
 MODBUS_VUKRA_API int32_t modbus_vukra_op_session_hwnd(modbus_vukra_session *session, void *window,
                                                       uint32_t message_number);
 
