@@ -166,6 +166,16 @@ void timer_stop(Timer* timer);
 // windows and nothing happens.
 void notify_window(void* window, std::uint32_t message, void* lparam);
 
+// ---- requests to stop ----------------------------------------------------
+
+// A program that must tidy up before it ends (a tool that serves until it
+// is told to stop) holds back the requests to stop it: SIGINT, SIGTERM and
+// SIGHUP on POSIX, Ctrl-C, Ctrl-Break and the console's closing on Win32.
+// Call it before any thread is started; the threads inherit it.
+void stop_requests_hold();
+// Waits until such a request comes, then returns.
+void stop_request_wait();
+
 // ---- clock and names ----------------------------------------------------
 
 struct LocalTime {

@@ -1,7 +1,10 @@
-// vukra-sim: plays a vukra device on a pseudo-terminal (or a serial port),
-// answering Modbus ASCII requests in SLIP packets from the registers of a
-// table.
+// vukra-sim: plays a vukra device on a pseudo-terminal (or a serial port):
+// Modbus ASCII requests in SLIP packets are answered from the registers of
+// a table, remote-filesystem requests (SLIP packets starting with 1) from
+// the device's filesystem, a kernel of its own with an SD card image.
 #include "../common/table_errors.h"
+#include "card.h"
+#include "file_service.h"
 #include "link/ascii_frame.h"
 #include "link/slip.h"
 #include "modbus_device.h"
@@ -30,6 +33,9 @@ struct Options {
     unsigned baud = 0;
     double corrupt = 0;
     bool silent = false;
+    bool dropping = false;
+    unsigned drop_after = 0;
+    sim::CardOptions card;
     unsigned seed = static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count());
 };
 
@@ -61,11 +67,14 @@ std::string probability(const std::string& text, double& out) {
 
 Options parse(int argc, char** argv) {
     Options o;
-    std::string baud, corrupt, seed;
+    std::string baud, corrupt, seed, drop_after;
     CLI::App app{"Plays a vukra device: opens a pseudo-terminal, prints its path on the first line of\n"
                  "standard output, and answers Modbus ASCII requests for address 1 in SLIP packets,\n"
                  "with function 3 (read) and 16 (write) on the registers of the table. A register's\n"
                  "access holds: reading a \"W\" or writing an \"R\" register gives exception 2.\n"
+                 "Remote-filesystem requests on the same line are answered from the device's own\n"
+                 "filesystem: \"/dev/sdcard0\" is the SD card image as one file, \"/mem/...\" the\n"
+                 "files of the card's volume, and the rest of the device's namespace is there too.\n"
                  "Its other messages go to standard error.",
                  "vukra-sim"};
     app.add_option("--table", o.table, "the register table; initial values from \"value\" attributes")->required();
@@ -73,6 +82,12 @@ Options parse(int argc, char** argv) {
     app.add_option("--baud", baud, "send replies at the pace of N baud, 8N1 (default: unpaced)");
     app.add_option("--corrupt", corrupt, "change one random byte of a reply with probability P (0 to 1)");
     app.add_flag("--silent", o.silent, "never answer");
+    app.add_option("--drop-after", drop_after, "answer the first N requests, then none (a device that vanishes)");
+    app.add_option("--image", o.card.image,
+                   "the SD card: a ufs image (vukra-ufs makes them), locked while the sim runs and written\n"
+                   "as the device writes its card; a FILE that does not exist is made (8 MiB, a new\n"
+                   "volume). Without it the card is a new temporary one");
+    app.add_flag("-v,--verbose", o.card.verbose, "show the device kernel's messages on standard error");
     app.add_option("--seed", seed, "seed of the random choices (default: from the clock)");
     try {
         app.parse(argc, argv);
@@ -87,6 +102,9 @@ Options parse(int argc, char** argv) {
     if (!baud.empty() && !(why = decimal_in(baud, 1, 100000000, o.baud)).empty()) usage_error("--baud: " + why);
     if (!corrupt.empty() && !(why = probability(corrupt, o.corrupt)).empty()) usage_error("--corrupt: " + why);
     if (!seed.empty() && !(why = decimal_in(seed, 0, 0xFFFFFFFFull, o.seed)).empty()) usage_error("--seed: " + why);
+    if (!drop_after.empty() && !(why = decimal_in(drop_after, 0, 0xFFFFFFFFull, o.drop_after)).empty())
+        usage_error("--drop-after: " + why);
+    o.dropping = !drop_after.empty();
     return o;
 }
 
@@ -121,9 +139,93 @@ void corrupt(link::AsciiFrame& reply, std::mt19937& random) {
     c = static_cast<std::uint8_t>(kDigits[(value + 1 + random() % 15) % 16]);
 }
 
+// Changes one random byte of a file reply to another value.
+void corrupt(std::uint8_t* frame, std::size_t length, std::mt19937& random) {
+    frame[random() % length] ^= static_cast<std::uint8_t>(1 + random() % 255);
+}
+
+struct Device {
+    Options options;
+    link::Port* port = nullptr;
+    sim::RegisterMemory* memory = nullptr;
+    std::mt19937 random;
+    std::uniform_real_distribution<double> chance{0, 1};
+    unsigned taken = 0;
+    // Held while a request is acted on; the stop takes it to tidy up.
+    platform::RecursiveLock busy;
+};
+
+Device device;
+
+// Whether a request is acted on and answered: not when silent, nor past
+// the --drop-after count.
+bool due(Device& d) {
+    if (d.options.silent) return false;
+    if (d.options.dropping && d.taken >= d.options.drop_after) return false;
+    ++d.taken;
+    return true;
+}
+
+void send(Device& d, const std::uint8_t* bytes, std::size_t length) {
+    if (d.options.baud > 0)
+        send_paced(d.port, bytes, length, d.options.baud);
+    else
+        link::slip_send(d.port, bytes, length);
+}
+
+void answer_registers(Device& d, link::AsciiFrame& request) {
+    if (!link::frame_check(request) || !due(d)) return;
+    std::uint8_t reply_text[link::kFrameCapacity];
+    link::AsciiFrame reply;
+    link::frame_init(reply, reply_text, link::kFrameCapacity);
+    if (!sim::answer(*d.memory, request, reply)) return;
+    if (d.options.corrupt > 0 && d.chance(d.random) < d.options.corrupt) corrupt(reply, d.random);
+    send(d, reply_text, static_cast<std::size_t>(reply.length));
+}
+
+void answer_files(Device& d, const std::uint8_t* packet, std::size_t length) {
+    if (!due(d)) return;
+    static std::uint8_t reply[2048];
+    const std::size_t n = sim::answer_file_request(packet, length, reply);
+    if (n == 0) return;
+    if (d.options.corrupt > 0 && d.chance(d.random) < d.options.corrupt) corrupt(reply, n, d.random);
+    send(d, reply, n);
+}
+
+// Takes packets off the line: a file request whole, Modbus ASCII text into
+// a frame that ':' starts and a line feed ends, as many packets as it takes.
+void serve(void*) {
+    Device& d = device;
+    std::uint8_t packet[2048];
+    std::uint8_t request_text[link::kFrameCapacity];
+    link::AsciiFrame request;
+    link::frame_init(request, request_text, link::kFrameCapacity);
+    for (;;) {
+        const long n = link::slip_receive(d.port, packet, sizeof packet);
+        if (n <= 0) continue;
+        platform::LockGuard hold(d.busy);
+        if (packet[0] == sim::kFileFrameMarker) {
+            answer_files(d, packet, static_cast<std::size_t>(n));
+            continue;
+        }
+        for (long i = 0; i < n; ++i) {
+            const std::uint8_t c = packet[i];
+            if (c == ':') request.length = 0;
+            if (request.length >= request.capacity) request.length = 0; // an endless line is dropped
+            request.buffer[request.length++] = c;
+            if (c == '\n') {
+                answer_registers(d, request);
+                link::frame_init(request, request_text, link::kFrameCapacity);
+            }
+        }
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+    // Stopping waits for the request at hand and writes the card back.
+    platform::stop_requests_hold();
     tools::install_table_error_handler("vukra-sim");
     Options options = parse(argc, argv);
     std::FILE* probe = std::fopen(options.table.c_str(), "r");
@@ -158,29 +260,29 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "vukra-sim: cannot open the line %s\n", path.c_str());
         return 1;
     }
+    if (!sim::card_open(options.card)) return 1;
     port->timeout_ms = 60000;
     std::printf("%s\n", path.c_str());
-    std::fprintf(stderr, "vukra-sim: %d registers from %s on %s\n", registers, options.table.c_str(), path.c_str());
+    std::fprintf(stderr, "vukra-sim: %d registers from %s on %s; the card %s\n", registers, options.table.c_str(),
+                 path.c_str(), options.card.image.empty() ? "is a temporary one" : options.card.image.c_str());
     std::fflush(stdout);
     // What the link code prints about frames is not this program's output.
     if (!std::freopen("/dev/null", "w", stdout)) return 1;
 
-    std::mt19937 random(options.seed);
-    std::uniform_real_distribution<double> chance(0, 1);
-    std::uint8_t request_text[link::kFrameCapacity];
-    std::uint8_t reply_text[link::kFrameCapacity];
-    for (;;) {
-        link::AsciiFrame request;
-        link::frame_init(request, request_text, link::kFrameCapacity);
-        if (!link::frame_receive(port, request)) continue;
-        if (options.silent || !link::frame_check(request)) continue;
-        link::AsciiFrame reply;
-        link::frame_init(reply, reply_text, link::kFrameCapacity);
-        if (!sim::answer(memory, request, reply)) continue;
-        if (options.corrupt > 0 && chance(random) < options.corrupt) corrupt(reply, random);
-        if (options.baud > 0)
-            send_paced(port, reply_text, static_cast<std::size_t>(reply.length), options.baud);
-        else
-            link::frame_send(port, reply);
+    device.options = options;
+    device.port = port;
+    device.memory = &memory;
+    device.random.seed(options.seed);
+    platform::lock_init(device.busy);
+    platform::Thread server;
+    if (!platform::thread_start(server, serve, nullptr)) {
+        std::fprintf(stderr, "vukra-sim: cannot start serving\n");
+        sim::card_close();
+        return 1;
     }
+    platform::stop_request_wait();
+    platform::lock_enter(device.busy); // the request at hand is finished; no other starts
+    sim::card_close();
+    std::fflush(stderr);
+    std::_Exit(0);
 }

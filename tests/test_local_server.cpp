@@ -1,0 +1,522 @@
+// The local server's handlers in-process: requests made with the codec and
+// the operation's request table, replies decoded with its reply table, on a
+// ufs volume mounted at "/mem".
+#include "kernel/kernel_diagnostics.h"
+#include "kernel/kernel_errors.h"
+#include "kernel/kernel_start.h"
+#include "kernel/vfs.h"
+#include "remotefs/local_server.h"
+#include "remotefs/messages.h"
+#include "support/kernel_helpers.h"
+#include "support/temp_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <random>
+#include <string>
+#include <vector>
+
+using namespace vukra;
+using namespace vukra::remotefs;
+using Bytes = std::vector<std::uint8_t>;
+
+namespace {
+
+constexpr std::int32_t kCard = 512 * 1024;
+
+// A request record through its operation's request table.
+template <typename Request>
+Bytes encoded(std::uint8_t code, const Request& request, std::uint32_t extra = 0) {
+    alignas(8) std::uint8_t area[kPayloadCapacity];
+    std::uint32_t size = kOperations[code].request_size + extra;
+    const std::int32_t n = encode(area, sizeof area, &request, size, kOperations[code].request);
+    if (n < 0) ADD_FAILURE() << "request of code " << int(code) << " does not encode";
+    return Bytes(area, area + std::max(n, 0));
+}
+
+struct Served {
+    std::int32_t result = -1;
+    alignas(8) std::uint8_t payload[kPayloadCapacity] = {};
+};
+
+// Serves payload under code and decodes the reply into reply; the served
+// result (the reply's length, or -1).
+template <typename Reply>
+std::int32_t serve(std::uint8_t code, const Bytes& payload, Reply& reply) {
+    static Served served;
+    std::memset(&reply, 0, sizeof reply);
+    alignas(8) std::uint8_t in[kPayloadCapacity + 8];
+    std::memcpy(in, payload.data(), payload.size());
+    served.result = local_serve(code, served.payload, in, static_cast<std::uint32_t>(payload.size()));
+    if (served.result < 0) return served.result;
+    EXPECT_LE(served.result, static_cast<std::int32_t>(kPayloadCapacity));
+    std::uint32_t capacity = kOperations[code].reply_capacity;
+    EXPECT_GE(decode(&reply, served.payload, static_cast<std::uint32_t>(served.result), capacity,
+                     kOperations[code].reply),
+              0)
+        << "reply of code " << int(code) << " does not decode";
+    return served.result;
+}
+
+// The low byte the host sees of a read or readdir status.
+std::int32_t low(std::int32_t status) { return status & 0xFF; }
+
+struct LocalServer : ::testing::Test {
+    test::TempWorkingDir dir;
+    std::uint32_t volume = 0;
+
+    LocalServer() {
+        kernel::set_diagnostic_stream(nullptr);
+        kernel::kernel_start();
+        kernel::Descriptor card = kernel::open("/dev/sdcard0", kernel::kOpenRead | kernel::kOpenWrite);
+        std::int32_t size = kCard;
+        kernel::ioctl(card, 2, &size);
+        kernel::close(card);
+        kernel::UfsMakeArgument make{128, 0xFFFFFFFF, 512, kCard};
+        EXPECT_EQ(kernel::mkfs(kernel::kUfsx, "/dev/sdcard0", &make), 0);
+        EXPECT_EQ(kernel::mount(kernel::kUfsx, "/dev/sdcard0", "/mem"), 0);
+    }
+
+    MountReply mount(std::uint8_t a = 0, std::uint8_t b = 1, std::uint8_t c = 1, std::uint8_t d = 1) {
+        MountReply reply;
+        EXPECT_GE(serve(kOpMount, encoded(kOpMount, MountRequest{"host", MountFlags{{a, b, c, d}}}), reply), 0);
+        if (reply.status == 0) volume = reply.volume;
+        return reply;
+    }
+
+    LookupReply designate(std::uint8_t code, const char* path, FileHandle from = {0, -1}) {
+        LookupReply reply;
+        EXPECT_GE(serve(code, encoded(code, LookupRequest{volume, from, path}), reply), 0);
+        return reply;
+    }
+    LookupReply lookup(const char* path, FileHandle from = {0, -1}) { return designate(kOpLookup, path, from); }
+
+    std::int32_t by_path(std::uint8_t code, const char* path) {
+        StatusReply reply;
+        EXPECT_GE(serve(code, encoded(code, PathRequest{volume, path}), reply), 0);
+        return reply.status;
+    }
+    std::int32_t rename(const char* from, const char* to) {
+        StatusReply reply;
+        EXPECT_GE(serve(kOpRename, encoded(kOpRename, RenameRequest{volume, from, to}), reply), 0);
+        return reply.status;
+    }
+
+    WriteReply write(FileHandle h, std::int32_t position, const std::string& bytes) {
+        const auto n = static_cast<std::uint32_t>(bytes.size());
+        const WriteRequest request{volume, h, position, n,
+                                   WireBuffer{static_cast<std::int32_t>(n),
+                                              reinterpret_cast<const std::uint8_t*>(bytes.data())}};
+        WriteReply reply;
+        EXPECT_GE(serve(kOpWrite, encoded(kOpWrite, request, n), reply), 0);
+        return reply;
+    }
+
+    // The bytes read and the reply.
+    std::string read(FileHandle h, std::int32_t position, std::uint32_t count, ReadReply& reply) {
+        EXPECT_GE(serve(kOpRead, encoded(kOpRead, ReadRequest{volume, h, position, count}), reply), 0);
+        if (reply.status != 0 || reply.data.data == nullptr) return "";
+        return std::string(reinterpret_cast<const char*>(reply.data.data), reply.count);
+    }
+
+    // One page: its names (the nodes freed), cookie and flag.
+    std::vector<std::string> page(FileHandle h, std::int32_t& cookie, int& eof, std::int32_t& status) {
+        ReaddirReply reply;
+        EXPECT_GE(serve(kOpReaddir, encoded(kOpReaddir, ReaddirRequest{volume, h, cookie, kReaddirCount}), reply), 0);
+        std::vector<std::string> names;
+        for (const DirEntryNode* n = reply.entries; n != nullptr; n = n->next) names.emplace_back(n->name);
+        free_nodes(reply.entries);
+        cookie = reply.cookie;
+        eof = reply.eof;
+        status = reply.status;
+        return names;
+    }
+
+    FsUsage fsstat(const char* path, std::int32_t& status) {
+        FsstatReply reply;
+        EXPECT_GE(serve(kOpFsstat, encoded(kOpFsstat, PathRequest{volume, path}), reply), 0);
+        status = reply.status;
+        return reply.usage;
+    }
+};
+
+TEST_F(LocalServer, MountAcceptsFlags011AndAlwaysAnswersItsOwnFlags) {
+    // Before any mount nothing is served.
+    EXPECT_EQ(lookup("/mem").status, kServerWrongVolume);
+
+    MountReply refused = mount(1, 1, 1, 1);
+    EXPECT_EQ(refused.status, kServerMountRefused);
+    EXPECT_EQ(refused.volume, 0u);
+    EXPECT_EQ(refused.flags.bytes[0], 0);
+    EXPECT_EQ(refused.flags.bytes[1], 1);
+    EXPECT_EQ(refused.flags.bytes[2], 1);
+    EXPECT_EQ(refused.flags.bytes[3], 1);
+
+    MountReply accepted = mount(0, 1, 1, 9); // the fourth byte is not looked at
+    EXPECT_EQ(accepted.status, 0);
+    EXPECT_EQ(accepted.volume, 1u);
+    EXPECT_EQ(std::vector<int>(accepted.flags.bytes, accepted.flags.bytes + 4), (std::vector<int>{0, 1, 1, 1}));
+
+    // Another volume number is not the mounted one.
+    volume = 2;
+    EXPECT_EQ(lookup("/mem").status, kServerWrongVolume);
+    volume = 1;
+    EXPECT_EQ(lookup("/mem").status, 0);
+
+    // A refused mount leaves nothing mounted; a mount request that does not
+    // decode is refused the same way.
+    MountReply garbage;
+    ASSERT_GE(serve(kOpMount, Bytes{1, 2, 3}, garbage), 0);
+    EXPECT_EQ(garbage.status, kServerMountRefused);
+    EXPECT_EQ(garbage.volume, 0u);
+    EXPECT_EQ(lookup("/mem").status, kServerWrongVolume);
+}
+
+TEST_F(LocalServer, EachMountClosesWhatThePreviousLeftOpen) {
+    mount();
+    ASSERT_TRUE(test::put_file("/mem/f", "abc"));
+    LookupReply file = lookup("/mem/f");
+    ASSERT_EQ(file.status, 0);
+    ReadReply r;
+    EXPECT_EQ(read(file.handle, 0, 10, r), "abc");
+    mount();
+    read(file.handle, 0, 10, r);
+    EXPECT_EQ(r.status, kServerNotOpen);
+}
+
+TEST_F(LocalServer, AttributesTellFilesDirectoriesAndDevicesApart) {
+    mount();
+    ASSERT_TRUE(test::put_file("/mem/f", std::string(700, 'x')));
+    LookupReply file = lookup("/mem/f");
+    ASSERT_EQ(file.status, 0);
+    EXPECT_GE(file.handle.tag, 0);
+    EXPECT_EQ(file.handle.node, 0u);
+    EXPECT_EQ(file.attributes.words[1], 1u);
+    EXPECT_EQ(file.attributes.words[2], 700u);
+    kernel::NodeStatus status{};
+    ASSERT_EQ(kernel::stat("/mem/f", status), 0);
+    EXPECT_EQ(file.attributes.words[0], status.node);
+
+    LookupReply root = lookup("/mem");
+    ASSERT_EQ(root.status, 0);
+    EXPECT_NE(root.handle.node, 0u);
+    EXPECT_EQ(root.handle.tag, -1);
+    EXPECT_EQ(root.attributes.words[1], 8u);
+
+    // getattr of the current handle, and of one no longer open.
+    GetattrReply got;
+    ASSERT_GE(serve(kOpGetattr, encoded(kOpGetattr, GetattrRequest{volume, root.handle}), got), 0);
+    EXPECT_EQ(got.status, 0);
+    EXPECT_EQ(got.attributes.words[1], 8u);
+    ASSERT_GE(serve(kOpGetattr, encoded(kOpGetattr, GetattrRequest{volume, file.handle}), got), 0);
+    EXPECT_EQ(got.status, kServerNotOpen);
+
+    // Served whole, the namespace shows its device nodes with their size.
+    set_served_root("/");
+    LookupReply card = lookup("/dev/sdcard0");
+    ASSERT_EQ(card.status, 0);
+    EXPECT_EQ(card.attributes.words[1] & 3u, 2u);
+    EXPECT_EQ(card.attributes.words[2], static_cast<std::uint32_t>(kCard));
+    EXPECT_EQ(lookup("/dev/null").attributes.words[1], 2u | 4u);
+}
+
+TEST_F(LocalServer, TheMirrorServesOnlyPathsUnderMem) {
+    mount();
+    EXPECT_EQ(lookup("/dev/sdcard0").status, kServerOutside);
+    EXPECT_EQ(lookup("/memory").status, kServerOutside);
+    EXPECT_EQ(lookup("/").status, kServerOutside);
+    EXPECT_EQ(by_path(kOpRemove, "/bin/init"), kServerOutside);
+    EXPECT_EQ(by_path(kOpRmdir, "/usr"), kServerOutside);
+    std::int32_t status = 0;
+    fsstat("/usr", status);
+    EXPECT_EQ(status, kServerOutside);
+    ASSERT_TRUE(test::put_file("/mem/a", "a"));
+    EXPECT_EQ(rename("/mem/a", "/a"), kServerOutside);
+    EXPECT_EQ(designate(kOpCreate, "/etc/x").status, kServerOutside);
+    EXPECT_EQ(designate(kOpMkdir, "/etc/d").status, kServerOutside);
+    EXPECT_TRUE(test::names_in("/etc").empty());
+
+    // ".." does not leave "/mem" once inside, mounted or not.
+    LookupReply escape = lookup("/mem/../dev/sdcard0");
+    EXPECT_EQ(escape.status, kernel::kErrNoNode);
+    EXPECT_EQ(escape.handle.tag, -1);
+    EXPECT_EQ(lookup("/mem/..").attributes.words[1], 8u);
+    local_server_close();
+    EXPECT_EQ(kernel::umount("/mem"), 0);
+    EXPECT_EQ(lookup("/mem/../dev/sdcard0").status, kernel::kErrNoNode);
+    EXPECT_EQ(lookup("/mem/./../../dev/null").status, kernel::kErrNoNode);
+    ASSERT_EQ(kernel::mount(kernel::kUfsx, "/dev/sdcard0", "/mem"), 0);
+
+    // A relative path starts at the current directory, else at "/mem".
+    ASSERT_EQ(kernel::mkdir("/mem/d"), 0);
+    ASSERT_TRUE(test::put_file("/mem/d/inner", "in"));
+    LookupReply d = lookup("/mem/d");
+    ASSERT_EQ(d.status, 0);
+    EXPECT_EQ(lookup("inner", d.handle).attributes.words[2], 2u);
+    EXPECT_EQ(lookup("a").attributes.words[2], 1u);
+    EXPECT_EQ(lookup("inner", FileHandle{77, -1}).status, kServerNotOpen);
+}
+
+TEST_F(LocalServer, WriteAndReadMoveAtMost1024BytesAndTellTheEnd) {
+    mount();
+    LookupReply made = designate(kOpCreate, "/mem/data");
+    ASSERT_EQ(made.status, 0);
+    ASSERT_GE(made.handle.tag, 0);
+    EXPECT_EQ(made.attributes.words[1], 1u);
+    EXPECT_EQ(made.attributes.words[2], 0u);
+
+    std::string content;
+    for (int i = 0; i < 3000; ++i) content.push_back(static_cast<char>('a' + i % 23));
+    for (std::int32_t at = 0; at < 3000; at += 1024) {
+        WriteReply w = write(made.handle, at, content.substr(static_cast<std::size_t>(at), 1024));
+        EXPECT_EQ(w.status, 0);
+        EXPECT_EQ(w.count, std::min<std::uint32_t>(1024, 3000 - static_cast<std::uint32_t>(at)));
+    }
+    EXPECT_EQ(test::get_file("/mem/data"), content);
+
+    ReadReply r;
+    EXPECT_EQ(read(made.handle, 0, 5000, r), content.substr(0, 1024)); // clamped
+    EXPECT_EQ(r.eof, 0);
+    EXPECT_EQ(read(made.handle, 2048, 1024, r), content.substr(2048));
+    EXPECT_EQ(r.count, 952u);
+    EXPECT_EQ(r.eof, 1);
+    EXPECT_EQ(read(made.handle, 3000, 10, r), "");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.eof, 1);
+
+    // A count above what the data item holds, or above 1024, is no request.
+    WriteRequest lying{volume, made.handle, 0, 100, WireBuffer{8, reinterpret_cast<const std::uint8_t*>("12345678")}};
+    WriteReply w;
+    ASSERT_GE(serve(kOpWrite, encoded(kOpWrite, lying, 8), w), 0);
+    EXPECT_EQ(w.status, kServerBadRequest);
+    EXPECT_EQ(write(made.handle, 0, std::string(1025, 'z')).status, kServerBadRequest);
+    EXPECT_EQ(test::get_file("/mem/data"), content);
+
+    // Creating an existing file empties it.
+    LookupReply again = designate(kOpCreate, "/mem/data");
+    EXPECT_EQ(again.status, 0);
+    EXPECT_EQ(again.attributes.words[2], 0u);
+    EXPECT_EQ(test::get_file("/mem/data"), "");
+}
+
+TEST_F(LocalServer, HandlesNotOpenAreRefused) {
+    mount();
+    ASSERT_TRUE(test::put_file("/mem/f", "abc"));
+    LookupReply file = lookup("/mem/f");
+    FileHandle stale = file.handle;
+    ReadReply r;
+    read(FileHandle{0, stale.tag + 1}, 0, 3, r);
+    EXPECT_EQ(r.status, kServerNotOpen);
+    EXPECT_EQ(write(FileHandle{0, -1}, 0, "x").status, kServerNotOpen);
+    int eof = 0;
+    std::int32_t cookie = 0, status = 0;
+    page(stale, cookie, eof, status); // a file is no directory
+    EXPECT_EQ(status, kServerNotOpen);
+
+    // The next lookup closes the file: its handle is stale.
+    ASSERT_EQ(lookup("/mem").status, 0);
+    read(stale, 0, 3, r);
+    EXPECT_EQ(r.status, kServerNotOpen);
+    // A failed lookup leaves nothing open.
+    LookupReply missing = lookup("/mem/none");
+    EXPECT_EQ(missing.status, kernel::kErrNoNode);
+    EXPECT_EQ(missing.handle.node, 0u);
+    EXPECT_EQ(missing.handle.tag, -1);
+}
+
+TEST_F(LocalServer, NamesAreMadeRemovedAndMoved) {
+    mount();
+    LookupReply d = designate(kOpMkdir, "/mem/d");
+    ASSERT_EQ(d.status, 0);
+    EXPECT_NE(d.handle.node, 0u);
+    EXPECT_EQ(d.handle.tag, -1);
+    EXPECT_EQ(d.attributes.words[1], 8u);
+    EXPECT_EQ(designate(kOpMkdir, "/mem/d").status, kernel::kErrExists);
+    EXPECT_EQ(designate(kOpCreate, "/mem/d").status, kernel::kErrExists);
+    ASSERT_EQ(designate(kOpCreate, "/mem/d/x").status, 0);
+
+    EXPECT_EQ(by_path(kOpRmdir, "/mem/d"), kernel::kErrExists); // not empty
+    EXPECT_EQ(by_path(kOpRemove, "/mem/d"), kServerIsDirectory);
+    EXPECT_EQ(by_path(kOpRmdir, "/mem/d/x"), kernel::kErrNotDirectory);
+    EXPECT_EQ(rename("/mem/d/x", "/mem/y"), 0);
+    EXPECT_EQ(test::names_in("/mem"), (std::set<std::string>{"d", "y"}));
+    EXPECT_EQ(rename("/mem/nothing", "/mem/z"), kernel::kErrNoNode);
+    EXPECT_EQ(by_path(kOpRmdir, "/mem/d"), 0);
+    EXPECT_EQ(by_path(kOpRemove, "/mem/y"), 0);
+    EXPECT_EQ(by_path(kOpRemove, "/mem/y"), kernel::kErrNoNode);
+    EXPECT_TRUE(test::names_in("/mem").empty());
+
+    // Removing the open file closes it first.
+    LookupReply f = designate(kOpCreate, "/mem/f");
+    ASSERT_EQ(f.status, 0);
+    EXPECT_EQ(by_path(kOpRemove, "/mem/f"), 0);
+    EXPECT_EQ(write(f.handle, 0, "late").status, kServerNotOpen);
+}
+
+TEST_F(LocalServer, ReaddirPagesCoverEveryEntryOnce) {
+    mount();
+    ASSERT_EQ(kernel::mkdir("/mem/many"), 0);
+    std::multiset<std::string> made;
+    for (int i = 0; i < 100; ++i) {
+        std::string name = "entry-with-a-rather-long-name-number-" + std::to_string(i);
+        ASSERT_TRUE(test::put_file(("/mem/many/" + name).c_str(), "")) << name;
+        made.insert(name);
+    }
+    LookupReply d = lookup("/mem/many");
+    ASSERT_EQ(d.status, 0);
+    std::multiset<std::string> listed;
+    std::int32_t cookie = 0;
+    int eof = 0, pages = 0;
+    while (!eof && pages < 50) {
+        std::int32_t status = -1;
+        std::vector<std::string> names = page(d.handle, cookie, eof, status);
+        ASSERT_EQ(status, 0);
+        listed.insert(names.begin(), names.end());
+        ++pages;
+    }
+    EXPECT_EQ(listed, made);
+    EXPECT_GT(pages, 2); // 100 such names do not fit one reply
+
+    // An empty directory: no entry, and the end at once.
+    ASSERT_EQ(designate(kOpMkdir, "/mem/empty").status, 0);
+    LookupReply e = lookup("/mem/empty");
+    cookie = 0;
+    std::int32_t status = -1;
+    EXPECT_TRUE(page(e.handle, cookie, eof, status).empty());
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(eof, 1);
+
+    // A cookie the kernel cannot read from fails with the kernel's silence
+    // (the host sees the status's low byte).
+    cookie = -5;
+    page(e.handle, cookie, eof, status);
+    EXPECT_EQ(status, kServerKernelSilent);
+}
+
+TEST_F(LocalServer, ReadAndReaddirStatusTravelsAsItsLowByte) {
+    mount();
+    ASSERT_TRUE(test::put_file("/mem/f", "abc"));
+    ReadReply r;
+    read(lookup("/mem/f").handle, -1, 3, r); // no position before the start
+    EXPECT_NE(r.status, 0);
+    EXPECT_EQ(r.status, low(r.status));
+    EXPECT_EQ(r.status, low(kernel::kernel_error() != 0 ? kernel::kernel_error() : kServerKernelSilent));
+}
+
+TEST_F(LocalServer, FsstatTellsBlockSizeBlocksAndFreeCounts) {
+    mount();
+    std::int32_t status = -1;
+    FsUsage before = fsstat("/mem", status);
+    ASSERT_EQ(status, 0);
+    kernel::FsStatus kernel_view{};
+    ASSERT_EQ(kernel::fsstat("/mem", kernel_view), 0);
+    EXPECT_EQ(before.words[0], 512u);
+    EXPECT_EQ(before.words[1], kernel_view.blocks);
+    EXPECT_EQ(before.words[2], kernel_view.free_blocks);
+    EXPECT_EQ(before.words[3], kernel_view.free_nodes);
+    EXPECT_LE(before.words[2], before.words[1]);
+
+    LookupReply f = designate(kOpCreate, "/mem/f");
+    ASSERT_EQ(write(f.handle, 0, std::string(1024, 'q')).status, 0);
+    FsUsage after = fsstat("/mem/f", status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(after.words[3], before.words[3] - 1);
+    EXPECT_LT(after.words[2], before.words[2]);
+    fsstat("/mem/none", status);
+    EXPECT_EQ(status, kernel::kErrNoNode);
+}
+
+TEST_F(LocalServer, MkfsMakesAVolumeOnTheDesignatedDevice) {
+    set_served_root("/");
+    mount();
+    MkfsRequest request{volume, FileHandle{0, -1}, {{32, 0, 0}}};
+    StatusReply reply;
+    ASSERT_GE(serve(kOpMkfs, encoded(kOpMkfs, request), reply), 0);
+    EXPECT_EQ(reply.status, kServerNotOpen);
+    ASSERT_TRUE(test::put_file("/mem/f", "abc"));
+    request.handle = lookup("/mem/f").handle;
+    ASSERT_GE(serve(kOpMkfs, encoded(kOpMkfs, request), reply), 0);
+    EXPECT_EQ(reply.status, kServerNotDevice);
+
+    local_server_close();
+    ASSERT_EQ(kernel::umount("/mem"), 0);
+    request.handle = lookup("/dev/sdcard0").handle;
+    ASSERT_GE(serve(kOpMkfs, encoded(kOpMkfs, request), reply), 0);
+    EXPECT_EQ(reply.status, 0);
+    ASSERT_EQ(kernel::mount(kernel::kUfsx, "/dev/sdcard0", "/mem"), 0);
+    EXPECT_TRUE(test::names_in("/mem").empty());
+    kernel::FsStatus fresh{};
+    ASSERT_EQ(kernel::fsstat("/mem", fresh), 0);
+    EXPECT_EQ(fresh.nodes, 32u);
+    EXPECT_EQ(fresh.block_size, 512u);
+}
+
+std::vector<ServerEvent> events;
+void record(ServerEvent e) { events.push_back(e); }
+
+TEST_F(LocalServer, TheObserverHearsOfDeviceAccessAndChanges) {
+    set_served_root("/");
+    set_server_observer(record);
+    mount();
+    LookupReply card = lookup("/dev/sdcard0");
+    ASSERT_EQ(card.status, 0);
+    ReadReply r;
+    EXPECT_EQ(read(card.handle, 0, 7, r), "ufs 1.5");
+    EXPECT_EQ(write(card.handle, 100000, "x").status, 0);
+    ASSERT_EQ(designate(kOpCreate, "/mem/f").status, 0); // closes the device
+    EXPECT_EQ(events, (std::vector<ServerEvent>{ServerEvent::kPathRequest, ServerEvent::kDeviceRead,
+                                                ServerEvent::kDeviceWrite, ServerEvent::kPathRequest,
+                                                ServerEvent::kDeviceClosed, ServerEvent::kFilesChanged}));
+    set_server_observer(nullptr);
+}
+
+TEST_F(LocalServer, RefusedCodesAndNull) {
+    Bytes none;
+    std::uint8_t out[kPayloadCapacity];
+    EXPECT_EQ(local_serve(3, out, none.data(), 0), -1);
+    EXPECT_EQ(local_serve(14, out, none.data(), 0), -1);
+    EXPECT_EQ(local_serve(16, out, none.data(), 0), -1);
+    EXPECT_EQ(local_serve(255, out, none.data(), 0), -1);
+    StatusReply reply;
+    EXPECT_GE(serve(kOpNull, encoded(kOpNull, NullRequest{12345}), reply), 0);
+    EXPECT_EQ(reply.status, 0);
+}
+
+TEST_F(LocalServer, RequestsThatDoNotDecodeGetAFailingStatus) {
+    mount();
+    ASSERT_TRUE(test::put_file("/mem/f", "abc"));
+    std::mt19937 random(7);
+    const std::vector<Bytes> payloads = {
+        {}, {1}, {4, 0, 0}, {200, 0, 0, 0, 1, 0, 0, 0},
+        Bytes(64, 0xFF), Bytes(300, 0x08),
+    };
+    for (std::uint8_t code = 1; code < kOperationCodes; ++code) {
+        if (kOperations[code].request == nullptr) continue;
+        std::vector<Bytes> all = payloads;
+        for (int k = 0; k < 20; ++k) {
+            Bytes b(random() % 100);
+            for (auto& x : b) x = static_cast<std::uint8_t>(random());
+            all.push_back(b);
+        }
+        for (const Bytes& p : all) {
+            std::uint8_t out[kPayloadCapacity];
+            alignas(8) std::uint8_t in[512] = {};
+            std::memcpy(in, p.data(), p.size());
+            const std::int32_t n = local_serve(code, out, in, static_cast<std::uint32_t>(p.size()));
+            ASSERT_GE(n, 0) << "code " << int(code);
+            // The status is the reply's last item: a failing one, whatever
+            // the bytes (the read and readdir status is the item's last byte).
+            ASSERT_GE(n, 8);
+            std::int32_t status;
+            std::memcpy(&status, out + n - 4, 4);
+            if (code == kOpRead || code == kOpReaddir) status >>= 24;
+            EXPECT_NE(status, 0) << "code " << int(code) << " payload of " << p.size();
+            if (code == kOpMount) mount(); // a refused mount unmounts
+        }
+    }
+    EXPECT_EQ(test::get_file("/mem/f"), "abc");
+}
+
+} // namespace

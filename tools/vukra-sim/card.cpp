@@ -1,0 +1,181 @@
+#include "card.h"
+
+#include "kernel/kernel_diagnostics.h"
+#include "kernel/kernel_errors.h"
+#include "kernel/kernel_start.h"
+#include "kernel/vfs.h"
+#include "platform/platform.h"
+#include "remotefs/local_server.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <stdlib.h> // mkdtemp
+
+namespace vukra::sim {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::uintmax_t kNewImageSize = 0x800004; // the card's 8 MiB and its end marker
+constexpr std::int32_t kDefaultCard = 0x800000;
+
+struct Card {
+    fs::path workspace;
+    fs::path previous;
+    fs::path image;
+    bool made_image = false;
+    std::unique_ptr<platform::FileLockHolder> lock;
+    bool mounted = false;
+    bool remount_due = false; // the device was written since /mem was unmounted
+    bool dirty = false;       // /mem changed since the device last saw it
+};
+
+Card card;
+
+bool say(const std::string& what) {
+    std::fprintf(stderr, "vukra-sim: %s\n", what.c_str());
+    return false;
+}
+
+void mount_volume() {
+    card.remount_due = false;
+    card.mounted = kernel::mount(kernel::kUfsx, "/dev/sdcard0", "/mem") == 0;
+    if (!card.mounted)
+        say("/dev/sdcard0 holds no volume that mounts (error " + std::to_string(kernel::kernel_error()) +
+            "); /mem is a plain directory until it does");
+}
+
+void unmount_volume() {
+    if (!card.mounted) return;
+    remotefs::local_server_close();
+    if (kernel::umount("/mem") != 0) say("/mem could not be written back");
+    card.mounted = false;
+    card.dirty = false;
+}
+
+// Keeps /mem and the raw device consistent as the server works.
+void observe(remotefs::ServerEvent event) {
+    switch (event) {
+    case remotefs::ServerEvent::kPathRequest:
+    case remotefs::ServerEvent::kDeviceClosed:
+        if (card.remount_due) mount_volume();
+        break;
+    case remotefs::ServerEvent::kDeviceRead:
+        if (card.mounted && card.dirty) {
+            kernel::flush_mounts();
+            card.dirty = false;
+        }
+        break;
+    case remotefs::ServerEvent::kDeviceWrite:
+        if (card.mounted) unmount_volume();
+        card.remount_due = true;
+        break;
+    case remotefs::ServerEvent::kFilesChanged: card.dirty = true; break;
+    }
+}
+
+// The card's size in the image's bytes (less a trailing end marker).
+std::int32_t card_size(std::uintmax_t bytes) {
+    return static_cast<std::int32_t>(bytes % 512 == 4 ? bytes - 4 : bytes);
+}
+
+bool make_volume(std::int32_t size) {
+    kernel::UfsMakeArgument make{256, 0xFFFFFFFF, 512, static_cast<std::uint32_t>(size)};
+    return kernel::mkfs(kernel::kUfsx, "/dev/sdcard0", &make) == 0;
+}
+
+// A new image file of the default size; false when it cannot be made.
+bool make_image(const fs::path& image) {
+    std::FILE* fresh = std::fopen(image.c_str(), "wbx");
+    if (fresh == nullptr) return say("cannot make " + image.string());
+    std::fclose(fresh);
+    card.made_image = true;
+    std::error_code e;
+    fs::resize_file(image, kNewImageSize, e);
+    return !e || say("cannot make " + image.string());
+}
+
+bool usable_image(const fs::path& image) {
+    std::error_code e;
+    const fs::file_status status = fs::status(image, e);
+    if (fs::is_directory(status)) return say(image.string() + " is a directory, not an image");
+    if (!fs::is_regular_file(status)) return say(image.string() + " is not a regular file");
+    if (fs::file_size(image, e) > 0x7FFFFFFF) return say(image.string() + " is too large for a card");
+    return true;
+}
+
+void remove_workspace() {
+    std::error_code e;
+    if (!card.previous.empty()) fs::current_path(card.previous, e);
+    if (!card.workspace.empty()) fs::remove_all(card.workspace, e);
+    card.workspace.clear();
+}
+
+bool fail_open() {
+    remove_workspace();
+    card.lock.reset();
+    std::error_code e;
+    if (card.made_image) fs::remove(card.image, e);
+    return false;
+}
+
+} // namespace
+
+bool card_open(const CardOptions& options) {
+    kernel::set_diagnostic_stream(options.verbose ? stderr : nullptr);
+    std::error_code e;
+    if (!options.image.empty()) {
+        card.image = fs::absolute(options.image);
+        if (!fs::exists(fs::symlink_status(card.image, e)) && !make_image(card.image)) return fail_open();
+        if (!usable_image(card.image)) return fail_open();
+        card.image = fs::canonical(card.image, e);
+        card.lock = std::make_unique<platform::FileLockHolder>(card.image.c_str());
+        if (card.lock->result() == platform::FileLockResult::kInUse) {
+            say(card.image.string() + ": image in use by another program");
+            card.made_image = false; // another's
+            return fail_open();
+        }
+        if (card.lock->result() != platform::FileLockResult::kHeld) {
+            say("cannot lock " + card.image.string());
+            return fail_open();
+        }
+    }
+
+    std::string pattern = (fs::temp_directory_path() / "vukra-sim-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) return say("cannot make a working directory") || fail_open();
+    card.workspace = pattern;
+    card.previous = fs::current_path();
+    if (!card.image.empty()) {
+        fs::create_symlink(card.image, card.workspace / "sdcard0.o", e);
+        if (e) return say("cannot link " + card.image.string()) || fail_open();
+    }
+    fs::current_path(card.workspace, e);
+    if (e) return say("cannot enter the working directory") || fail_open();
+
+    kernel::kernel_start();
+    const std::int32_t size = card.image.empty() ? kDefaultCard : card_size(fs::file_size(card.image, e));
+    if (size != kDefaultCard) {
+        kernel::Descriptor device = kernel::open("/dev/sdcard0", kernel::kOpenRead | kernel::kOpenWrite);
+        std::int32_t wanted = size;
+        if (device >= 0) kernel::ioctl(device, 2, &wanted);
+        kernel::close(device);
+    }
+    if ((card.image.empty() || card.made_image) && !make_volume(size))
+        return say("cannot make a volume on the card") || fail_open();
+    mount_volume();
+    remotefs::set_served_root("/");
+    remotefs::set_server_observer(observe);
+    return true;
+}
+
+void card_close() {
+    remotefs::set_server_observer(nullptr);
+    remotefs::local_server_reset();
+    unmount_volume();
+    remove_workspace();
+    card.lock.reset();
+}
+
+} // namespace vukra::sim
