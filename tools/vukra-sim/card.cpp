@@ -47,9 +47,10 @@ void mount_volume() {
             "); /mem is a plain directory until it does");
 }
 
+// The server holds nothing open on /mem here: it unmounts when the device
+// node is its open file, or when it has been reset at the end.
 void unmount_volume() {
     if (!card.mounted) return;
-    remotefs::local_server_close();
     if (kernel::umount("/mem") != 0) say("/mem could not be written back");
     card.mounted = false;
     card.dirty = false;

@@ -1,0 +1,189 @@
+// The remote filesystem through the library's exports against vukra-sim on
+// a pty, with an SD card image that is checked with vukra-ufs afterwards.
+#include "modbus_vukra.h"
+#include "support/files.h"
+#include "support/sim_process.h"
+#include "support/temp_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+#include <string>
+
+namespace {
+
+struct FilesEndToEnd : ::testing::Test {
+    vukra::test::TempWorkingDir dir;
+    std::string image;
+    FilesEndToEnd() {
+        vukra::test::write_file("table.xml", vukra::test::read_file(VUKRA_EXAMPLES_DIR "/table.xml"));
+        image = (dir.path() / "card.img").string();
+    }
+    modbus_vukra_session* open(const vukra::test::SimProcess& sim) {
+        testing::internal::CaptureStdout();
+        modbus_vukra_session* s = modbus_vukra_op_session_open(sim.port().c_str());
+        testing::internal::GetCapturedStdout();
+        return s;
+    }
+};
+
+// What a command prints on standard output.
+std::string output_of(const std::string& command) {
+    std::string out;
+    std::FILE* p = popen(command.c_str(), "r");
+    if (p == nullptr) return out;
+    char buffer[4096];
+    std::size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, p)) > 0) out.append(buffer, n);
+    pclose(p);
+    return out;
+}
+
+std::string pattern(std::size_t n) {
+    std::string s;
+    for (std::size_t i = 0; i < n; ++i) s.push_back(static_cast<char>('A' + (i * 7 + i / 13) % 26));
+    return s;
+}
+
+// Writes all of bytes at the current position, the calls' results in calls.
+bool write_all(modbus_vukra_session* s, const std::string& bytes, std::vector<int>& calls) {
+    for (std::size_t done = 0; done < bytes.size();) {
+        const std::int32_t n = modbus_vukra_op_protected_write(s, bytes.data() + done,
+                                                               static_cast<std::int32_t>(bytes.size() - done));
+        calls.push_back(n);
+        if (n <= 0) return false;
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+std::string read_all(modbus_vukra_session* s) {
+    std::string out;
+    char buffer[5000];
+    std::int32_t n;
+    while ((n = modbus_vukra_op_protected_read(s, buffer, sizeof buffer)) > 0) out.append(buffer, static_cast<std::size_t>(n));
+    return n == 0 ? out : "<read failed>";
+}
+
+TEST_F(FilesEndToEnd, FilesOnTheCardThroughTheLine) {
+    const std::string big = pattern(5000);
+    {
+        vukra::test::SimProcess sim({"--table", "table.xml", "--image", image});
+        modbus_vukra_session* s = open(sim);
+        ASSERT_NE(s, nullptr);
+
+        // Nothing is served before the mount.
+        EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/mem", nullptr), -1);
+        EXPECT_EQ(modbus_vukra_op_session_error(s), 19);
+        ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
+
+        ASSERT_EQ(modbus_vukra_op_protected_create(s, "/mem/big"), 0);
+        std::vector<int> calls;
+        ASSERT_TRUE(write_all(s, big, calls));
+        EXPECT_EQ(calls, (std::vector<int>{1024, 1024, 1024, 1024, 904}));
+        EXPECT_EQ(modbus_vukra_op_protected_seek(s, 0, 0), 0);
+        EXPECT_EQ(read_all(s), big);
+        EXPECT_EQ(modbus_vukra_op_protected_seek(s, 4990, 0), 4990);
+        char tail[64];
+        EXPECT_EQ(modbus_vukra_op_protected_read(s, tail, 64), 10);
+        EXPECT_EQ(std::string(tail, 10), big.substr(4990));
+
+        modbus_vukra_attributes attributes{};
+        ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/big", &attributes), 0);
+        EXPECT_EQ(attributes.words[1], 1u);
+        EXPECT_EQ(attributes.words[2], 5000u);
+
+        // A directory of many long names comes in several pages.
+        ASSERT_EQ(modbus_vukra_op_protected_mkdir(s, "/mem/dir"), 0);
+        std::set<std::string> made;
+        for (int i = 0; i < 90; ++i) {
+            const std::string name = "a-name-long-enough-to-fill-pages-quickly-" + std::to_string(i);
+            ASSERT_EQ(modbus_vukra_op_protected_create(s, ("/mem/dir/" + name).c_str()), 0);
+            made.insert(name);
+        }
+        ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/dir", &attributes), 0);
+        EXPECT_EQ(attributes.words[1], 8u);
+        std::multiset<std::string> listed;
+        int pages = 0;
+        for (std::int32_t eof = 0; eof == 0 && pages < 20; ++pages) {
+            modbus_vukra_dir_entry* first = nullptr;
+            eof = modbus_vukra_op_protected_readdir(s, &first);
+            ASSERT_GE(eof, 0) << modbus_vukra_op_session_error(s);
+            while (first != nullptr) {
+                listed.insert(first->name);
+                modbus_vukra_dir_entry* next = first->next;
+                std::free(first);
+                first = next;
+            }
+        }
+        EXPECT_GT(pages, 1);
+        EXPECT_EQ(listed, std::multiset<std::string>(made.begin(), made.end()));
+
+        // Names moved, removed, made and failing.
+        EXPECT_EQ(modbus_vukra_op_protected_rename(s, "/mem/dir/a-name-long-enough-to-fill-pages-quickly-0",
+                                                   "/mem/moved"),
+                  0);
+        EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/moved", nullptr), 0);
+        EXPECT_EQ(modbus_vukra_op_protected_remove(s, "/mem/moved"), 0);
+        EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/moved", nullptr), -1);
+        EXPECT_EQ(modbus_vukra_op_session_error(s), -44);
+        EXPECT_EQ(modbus_vukra_op_protected_rmdir(s, "/mem/dir"), -1);
+        EXPECT_EQ(modbus_vukra_op_session_error(s), -20);
+        EXPECT_EQ(modbus_vukra_op_protected_mkdir(s, "/mem/sub"), 0);
+        EXPECT_EQ(modbus_vukra_op_protected_rmdir(s, "/mem/sub"), 0);
+        EXPECT_EQ(modbus_vukra_op_protected_remove(s, "/mem/none"), -1);
+        EXPECT_EQ(modbus_vukra_op_session_error(s), -44);
+
+        modbus_vukra_usage usage{};
+        ASSERT_EQ(modbus_vukra_op_protected_fsstat(s, "/mem", &usage), 0);
+        EXPECT_EQ(usage.words[0], 512u);
+        EXPECT_LT(usage.words[2], usage.words[1]);
+        EXPECT_EQ(usage.words[3], 256u - 1 - 1 - 1 - 89); // root, big, dir and its names
+
+        // Registers on the same line.
+        std::uint32_t serial = 0;
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "serial_number", &serial, 4), 4);
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(serial, 123456u);
+
+        // The raw card is current and can be written back as it is: the
+        // volume comes back afterwards with its files.
+        ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/dev/sdcard0", &attributes), 0);
+        EXPECT_EQ(attributes.words[1] & 3u, 2u);
+        char head[7];
+        ASSERT_EQ(modbus_vukra_op_protected_read(s, head, 7), 7);
+        EXPECT_EQ(std::string(head, 7), "ufs 1.5");
+        EXPECT_EQ(modbus_vukra_op_protected_seek(s, 0, 0), 0);
+        EXPECT_EQ(modbus_vukra_op_protected_write(s, head, 7), 7);
+        ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/big", nullptr), 0);
+        EXPECT_EQ(read_all(s), big);
+        EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
+    }
+    // What was written is in the image once the sim has ended.
+    EXPECT_EQ(output_of(std::string(VUKRA_UFS_PATH) + " " + image + " cat /big"), big);
+    EXPECT_EQ(output_of(std::string(VUKRA_UFS_PATH) + " " + image + " ls /dir | wc -l"), "89\n");
+}
+
+TEST_F(FilesEndToEnd, ADeviceThatVanishesLeavesNoReply) {
+    vukra::test::SimProcess sim({"--table", "table.xml", "--drop-after", "2"});
+    modbus_vukra_session* s = open(sim);
+    ASSERT_NE(s, nullptr);
+    ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
+    EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/mem", nullptr), 0);
+    EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/mem", nullptr), -1);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), 513);
+    EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
+}
+
+TEST_F(FilesEndToEnd, AnImageIsUsedByOneSimAtATime) {
+    vukra::test::SimProcess first({"--table", "table.xml", "--image", image});
+    const std::string second = output_of(std::string(VUKRA_SIM_PATH) + " --table table.xml --image " + image +
+                                         " 2>&1; echo status $?");
+    EXPECT_NE(second.find("image in use"), std::string::npos) << second;
+    EXPECT_NE(second.find("status 1"), std::string::npos) << second;
+}
+
+} // namespace
