@@ -230,6 +230,32 @@ MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_seekdir(modbus_vukra_session 
 /* The current directory's cookie, or -1 with the errors of seekdir. */
 MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_telldir(modbus_vukra_session *session);
 
+/* ---- the device's card and the /mem mirror -------------------------------- */
+
+/*
+ * Copies the device's filesystem image ("/dev/sdcard0") into the library's
+ * local card, mounts it on "/mem" and makes the mirror: from then on every
+ * path holding "/mem" is served locally. Only the groups of blocks in use
+ * travel; the others are zeroed locally. A second getfs replaces the first
+ * mirror. Follow it with session_info (direction 1, phase 1 header, 2 data,
+ * 3 signature, 4 done, progress in percent, 100 only when done) and stop it
+ * with cancelfs from another thread. 0, or -1 with the error word: -11
+ * cancelled, -12 not an image the library takes (unknown signature, block
+ * size above 512, sizes beyond the card), -13 the device stopped giving
+ * bytes, -14 the local card failed, or what the failing remote operation
+ * stored (513: the device did not answer). After a failure "/mem" is not
+ * mounted and its paths go to the device.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_getfs(modbus_vukra_session *session);
+
+/*
+ * Copies the local card (with what was written under "/mem") back to the
+ * device: direction 2, the same phases, errors and cancel as getfs. -1 at
+ * once when no getfs made a mirror. A failed or cancelled put leaves the
+ * device's card partly written; the signature is written last.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_putfs(modbus_vukra_session *session);
+
 #ifdef __cplusplus
 }
 #endif

@@ -315,10 +315,18 @@ TEST_F(RemoteFsTest, MemPathsGoToTheMirrorAndOthersToTheDevice) {
     s->mirror_enabled = 3;
     s->error = 99;
 
-    // The local server refuses every code for now: -1, nothing on the line.
+    // The local server answers (it has mounted nothing: a failing status),
+    // and nothing goes on the line.
     EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/xx/mem/file", nullptr), -1);
     EXPECT_EQ(s->mirror_selected, 1);
+    const std::int32_t lookup_status = modbus_vukra_op_session_error(s);
+    EXPECT_NE(lookup_status, 99) << "the mirror's status reaches the session given";
+    EXPECT_NE(lookup_status, 0);
+    mirror->file_descriptor = 3;
+    s->error = 99;
     EXPECT_EQ(modbus_vukra_op_protected_read(s, nullptr, 4), -1) << "read follows the lookup";
+    EXPECT_NE(modbus_vukra_op_session_error(s), 99);
+    s->error = 99;
     EXPECT_EQ(modbus_vukra_op_protected_seek(s, 8, 0), 8);
     EXPECT_EQ(mirror->position, 8) << "the mirror session's position";
     EXPECT_EQ(s->position, 0);
