@@ -85,6 +85,7 @@ private:
     std::uint32_t group_count_ = 0;
     std::uint32_t metadata_size_ = 0;
     std::uint32_t map_start_ = 0;
+    std::uint64_t card_size_ = 0;
     std::unique_ptr<std::uint8_t[]> map_;
 };
 
@@ -114,9 +115,12 @@ void Transfer::seek(Side& side, std::uint32_t offset) {
         throw Failed{kLocalCardFailed};
 }
 
+// The device moves at most 1024 bytes per request; the local card takes a
+// whole group at once (a transfer that starts inside the card is not cut
+// at its end, one that starts past it is refused).
 std::size_t Transfer::read_some(Side& side, void* buffer, std::size_t count) {
-    count = std::min(count, kPiece);
     if (side.remote != nullptr) {
+        count = std::min(count, kPiece);
         const std::int32_t got = remotefs::read(*side.remote, buffer, static_cast<std::int32_t>(count));
         if (got < 0) throw Failed{kKeepError};
         return static_cast<std::size_t>(got);
@@ -141,7 +145,7 @@ void Transfer::read_exact(Side& side, void* buffer, std::size_t count) {
 void Transfer::write_all(Side& side, const void* bytes, std::size_t count) {
     const auto* p = static_cast<const std::uint8_t*>(bytes);
     while (count > 0) {
-        const std::size_t n = std::min(count, kPiece);
+        const std::size_t n = side.remote != nullptr ? std::min(count, kPiece) : count;
         long put;
         if (side.remote != nullptr) {
             put = remotefs::write(*side.remote, p, static_cast<std::int32_t>(n));
@@ -190,13 +194,16 @@ void Transfer::header() {
     metadata_size_ = le32(header_fields + 12);
     map_start_ = static_cast<std::uint32_t>(kSignatureSize + field_bytes);
 
-    // A damaged header must not send the copy anywhere: every part lies
-    // within the local card, and the map covers every group.
-    const std::uint64_t card = local_card_size(direction_ == kGet ? destination_.fd : source_.fd);
+    // A damaged header must not send the copy anywhere: the map covers
+    // every group, the map and metadata lie within the local card, and so
+    // does the start of every group (the last one may reach past the
+    // card's end: its map byte counts the blocks as groups of 8).
+    card_size_ = local_card_size(direction_ == kGet ? destination_.fd : source_.fd);
     const std::uint64_t chunk = static_cast<std::uint64_t>(block_size_) * kBlocksPerGroup;
-    const std::uint64_t end = static_cast<std::uint64_t>(map_start_) + map_size_ + metadata_size_ +
-                              static_cast<std::uint64_t>(group_count_) * chunk;
-    if (group_count_ > map_size_ || end > card) throw Failed{kImageRefused};
+    const std::uint64_t data_start = static_cast<std::uint64_t>(map_start_) + map_size_ + metadata_size_;
+    if (group_count_ > map_size_ || data_start > card_size_) throw Failed{kImageRefused};
+    if (group_count_ > 0 && data_start + (static_cast<std::uint64_t>(group_count_) - 1) * chunk >= card_size_)
+        throw Failed{kImageRefused};
 
     // The header fields now; the signature comes last.
     seek(source_, static_cast<std::uint32_t>(kSignatureSize));
@@ -221,7 +228,7 @@ void Transfer::map_and_metadata() {
     seek(destination_, metadata_start);
     std::uint8_t piece[kPiece];
     for (std::uint32_t done = 0; done < metadata_size_;) {
-        const std::size_t got = read_some(source_, piece, metadata_size_ - done);
+        const std::size_t got = read_some(source_, piece, std::min<std::size_t>(metadata_size_ - done, kPiece));
         if (got == 0) throw Failed{kTransferStalled};
         write_all(destination_, piece, got);
         done += static_cast<std::uint32_t>(got);
@@ -243,7 +250,12 @@ void Transfer::data() {
             std::memset(staging.get(), 0, chunk);
             for (std::uint32_t moved = 0; moved < chunk;) {
                 const std::size_t got = read_some(source_, staging.get() + moved, chunk - moved);
-                if (got == 0) throw Failed{kTransferStalled};
+                if (got == 0) {
+                    // The card's end within the last group ends it; before
+                    // the end, bytes that do not come fail the transfer.
+                    if (static_cast<std::uint64_t>(offset) + moved >= card_size_) break;
+                    throw Failed{kTransferStalled};
+                }
                 write_all(destination_, staging.get() + moved, got);
                 moved += static_cast<std::uint32_t>(got);
             }
