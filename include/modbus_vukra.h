@@ -26,7 +26,13 @@ extern "C" {
 /* The per-connection record; its contents belong to the library. */
 typedef struct modbus_vukra_session modbus_vukra_session;
 
-/* Called on the timer thread once a second while a filesystem is mounted. */
+/*
+ * Called on the Session's timer thread once a second while a filesystem is
+ * mounted, after the status request (whatever its answer: session_error
+ * tells it). It may call the exports, and may close its own Session (the
+ * thread then ends once the callback returns); it should return promptly,
+ * since a close from another thread waits for it.
+ */
 typedef void (*modbus_vukra_callback)(modbus_vukra_session *session);
 
 /* Words of modbus_vukra_op_session_info, in order. */
@@ -62,7 +68,12 @@ MODBUS_VUKRA_API int32_t modbus_vukra_op_session_info(modbus_vukra_session *sess
 
 MODBUS_VUKRA_API int32_t modbus_vukra_op_session_error(modbus_vukra_session *session);
 
-/* The window (an HWND on Windows) that is sent message_number once a second while mounted. */
+/*
+ * The window (an HWND on Windows) that is sent message_number once a second
+ * while mounted (wParam 0, lParam the Session), by SendNotifyMessage, after
+ * the status request. Windows only: elsewhere there are no windows, and the
+ * handle is stored and never used; the callback works everywhere.
+ */
 MODBUS_VUKRA_API int32_t modbus_vukra_op_session_hwnd(modbus_vukra_session *session, void *window,
                                                       uint32_t message_number);
 
@@ -218,6 +229,32 @@ MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_seekdir(modbus_vukra_session 
 
 /* The current directory's cookie, or -1 with the errors of seekdir. */
 MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_telldir(modbus_vukra_session *session);
+
+/* ---- the device's card and the /mem mirror -------------------------------- */
+
+/*
+ * Copies the device's filesystem image ("/dev/sdcard0") into the library's
+ * local card, mounts it on "/mem" and makes the mirror: from then on every
+ * path holding "/mem" is served locally. Only the groups of blocks in use
+ * travel; the others are zeroed locally. A second getfs replaces the first
+ * mirror. Follow it with session_info (direction 1, phase 1 header, 2 data,
+ * 3 signature, 4 done, progress in percent, 100 only when done) and stop it
+ * with cancelfs from another thread. 0, or -1 with the error word: -11
+ * cancelled, -12 not an image the library takes (unknown signature, block
+ * size above 512, sizes beyond the card), -13 the device stopped giving
+ * bytes, -14 the local card failed, or what the failing remote operation
+ * stored (513: the device did not answer). After a failure "/mem" is not
+ * mounted and its paths go to the device.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_getfs(modbus_vukra_session *session);
+
+/*
+ * Copies the local card (with what was written under "/mem") back to the
+ * device: direction 2, the same phases, errors and cancel as getfs. -1 at
+ * once when no getfs made a mirror. A failed or cancelled put leaves the
+ * device's card partly written; the signature is written last.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_putfs(modbus_vukra_session *session);
 
 #ifdef __cplusplus
 }

@@ -315,15 +315,19 @@ TEST_F(RemoteFsTest, MemPathsGoToTheMirrorAndOthersToTheDevice) {
     s->mirror_enabled = 3;
     s->error = 99;
 
-    // The mirror's server has not been mounted: it answers the lookup with
-    // a failing status, which lands in the caller's error word; nothing
-    // goes on the line.
+    // The local server answers (it has mounted nothing: a failing status),
+    // and nothing goes on the line.
     EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/xx/mem/file", nullptr), -1);
     EXPECT_EQ(s->mirror_selected, 1);
-    EXPECT_NE(modbus_vukra_op_session_error(s), 99);
-    EXPECT_NE(modbus_vukra_op_session_error(s), 0);
+    const std::int32_t lookup_status = modbus_vukra_op_session_error(s);
+    EXPECT_NE(lookup_status, 99) << "the mirror's status reaches the session given";
+    EXPECT_NE(lookup_status, 0);
     mirror->file_descriptor = 3;
-    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 8, 0), 8) << "seek follows the lookup";
+    s->error = 99;
+    EXPECT_EQ(modbus_vukra_op_protected_read(s, nullptr, 4), -1) << "read follows the lookup";
+    EXPECT_NE(modbus_vukra_op_session_error(s), 99);
+    s->error = 99;
+    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 8, 0), 8);
     EXPECT_EQ(mirror->position, 8) << "the mirror session's position";
     EXPECT_EQ(s->position, 0);
     EXPECT_TRUE(line_quiet());

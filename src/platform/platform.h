@@ -73,6 +73,8 @@ struct RecursiveLock {
 void lock_init(RecursiveLock& lock);
 void lock_enter(RecursiveLock& lock);
 void lock_leave(RecursiveLock& lock);
+// Enters when the lock is free or already the caller's; false otherwise.
+bool lock_try_enter(RecursiveLock& lock);
 void lock_destroy(RecursiveLock& lock);
 
 class LockGuard {
@@ -104,6 +106,65 @@ bool thread_join(Thread& thread, std::uint32_t timeout_ms);
 
 std::uint64_t current_thread_id();
 void sleep_ms(std::uint32_t milliseconds);
+
+// ---- the timer thread ----------------------------------------------------
+
+// A one-shot timer on a thread of its own with a small message queue. The
+// thread waits for messages (arm, disarm, re-arm, quit); while armed, it
+// calls the expiry routine once the period has run out since the arming,
+// then is no longer armed until someone arms it again. So a routine that
+// re-arms at its end counts the next period from there.
+//
+// The block lives on the heap and is owned jointly by whoever started it
+// and by its thread: timer_stop gives up the starter's share, the thread
+// gives up its own when it ends, and the last one frees it. So a routine
+// that stops its own timer (a host callback closing its session) neither
+// waits for nor ends the thread it runs on, and the thread still has its
+// block to finish with.
+struct Timer;
+
+// Called on the timer thread, without arguments: timer_current() tells
+// which timer expired and timer_context() what it serves.
+using TimerRoutine = void (*)();
+
+// Makes the block and its thread, not armed. Null when either cannot be
+// made.
+Timer* timer_start(TimerRoutine routine, void* context, std::uint32_t period_ms);
+
+// Arms: the routine runs once the period has passed. Retried every 100 ms
+// while the thread's queue has no room. Nothing for a null or stopped timer.
+void timer_arm(Timer* timer);
+void timer_disarm(Timer* timer);
+// Re-arms after an expiry (posted once).
+void timer_rearm(Timer* timer);
+// Takes effect at the next arming.
+void timer_set_period(Timer* timer, std::uint32_t period_ms);
+
+// Milliseconds left before the expiry while armed; the whole period while
+// not armed; 0 for a null timer.
+std::uint32_t timer_remaining(const Timer* timer);
+bool timer_is_armed(const Timer* timer);
+// True once timer_stop was called: the routine should leave what it serves
+// alone from then on.
+bool timer_stopping(const Timer* timer);
+
+// The timer whose thread calls this, or null on any other thread.
+Timer* timer_current();
+void* timer_context(const Timer* timer);
+
+// Stops the timer and gives up the caller's share of the block (the
+// pointer must not be used afterwards). From another thread: asks the
+// thread to quit and waits up to 2000 ms for it; a thread that has not
+// ended by then is ended (Win32) or let go to end on its own (POSIX, where
+// a thread cannot be ended from outside without leaving its locks held).
+// From the timer's own thread: only disarms; the thread ends when the
+// routine returns. Nothing for a null timer.
+void timer_stop(Timer* timer);
+
+// Sends a window the message (wParam 0, lParam the given value) without
+// waiting for it to be handled. Windows only; elsewhere there are no
+// windows and nothing happens.
+void notify_window(void* window, std::uint32_t message, void* lparam);
 
 // ---- requests to stop ----------------------------------------------------
 

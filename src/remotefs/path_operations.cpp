@@ -51,8 +51,10 @@ std::int32_t mount(session::Session& s) {
     if (exchange(s, kOpMount, &request, kOperations[kOpMount].request_size, &reply, sizeof reply) < 0) return -1;
     s.reply_flags = reply.flags;
     if (settle(s, reply.status) != 0) return -1;
-    // The periodic status thread is armed here once it exists.
     s.volume = reply.volume;
+    // From now on the status request goes out once a second (a mirror
+    // record has no timer).
+    platform::timer_arm(s.timer);
     return 0;
 }
 

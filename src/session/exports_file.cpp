@@ -1,6 +1,7 @@
 // The file family of exports: each runs its operation in the protected
 // frame.
 #include "remotefs/file_operations.h"
+#include "remotefs/image_transfer.h"
 #include "session/protected_frame.h"
 
 namespace session = vukra::session;
@@ -78,6 +79,14 @@ MODBUS_VUKRA_API std::int32_t modbus_vukra_op_protected_seekdir(modbus_vukra_ses
 
 MODBUS_VUKRA_API std::int32_t modbus_vukra_op_protected_telldir(modbus_vukra_session* s) {
     return session::protected_call(s, [&] { return fs::telldir(*s); });
+}
+
+MODBUS_VUKRA_API std::int32_t modbus_vukra_op_protected_getfs(modbus_vukra_session* s) {
+    return session::protected_call(s, [&] { return fs::getfs(*s); });
+}
+
+MODBUS_VUKRA_API std::int32_t modbus_vukra_op_protected_putfs(modbus_vukra_session* s) {
+    return session::protected_call(s, [&] { return fs::putfs(*s); });
 }
 
 } // extern "C"

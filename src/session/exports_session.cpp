@@ -50,7 +50,7 @@ MODBUS_VUKRA_API std::int32_t modbus_vukra_op_session_info(modbus_vukra_session*
 }
 
 MODBUS_VUKRA_API std::int32_t modbus_vukra_op_session_error(modbus_vukra_session* s) {
-    return s == nullptr ? kNoSession : s->error;
+    return s == nullptr ? kNoSession : s->error.load();
 }
 
 MODBUS_VUKRA_API std::int32_t modbus_vukra_op_session_hwnd(modbus_vukra_session* s, void* window,

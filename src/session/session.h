@@ -7,6 +7,7 @@
 #include "platform/platform.h"
 #include "remotefs/messages.h"
 
+#include <atomic>
 #include <cstdint>
 
 // Words of the status block, guarded by the state lock.
@@ -29,20 +30,26 @@ struct modbus_vukra_session {
     std::uint32_t directory_ref;  // current handle: directory reference
     std::int32_t file_descriptor; // current handle: file descriptor
     std::int32_t position;        // file position or directory cookie
-    std::int32_t error;           // status of the last reply, or a local error
+    // Status of the last reply, or a local error; the timer thread's status
+    // request writes it while host threads may read it.
+    std::atomic<std::int32_t> error;
     std::uint8_t verbose;         // prints the open call's diagnostics
     std::uint8_t mirror_enabled;  // paths holding "/mem" go to the mirror
     std::uint8_t mirror_selected; // the last path-routed operation went there
     modbus_vukra_session* mirror; // the local mirror session, or null
     std::uint32_t timeout_ms;
     std::int32_t status[kStatusWords];
-    std::int32_t cancel;          // image transfer cancel request
+    std::atomic<std::int32_t> cancel; // image transfer cancel request (state lock)
     vukra::link::Port* port;             // null for an unconnected record
-    void* host_window;
-    std::uint32_t host_message;
+    // Read by the timer thread while the host may set them.
+    std::atomic<void*> host_window;       // stored, used on Windows only
+    std::atomic<std::uint32_t> host_message;
     vukra::platform::RecursiveLock operations_lock;
     vukra::platform::RecursiveLock state_lock;
-    modbus_vukra_callback host_callback;
+    std::atomic<modbus_vukra_callback> host_callback;
+    // The timer thread that sends the status request once a second while
+    // mounted; null for an unconnected record. Its context is this record.
+    vukra::platform::Timer* timer;
 };
 
 namespace vukra::session {
@@ -62,5 +69,11 @@ std::int32_t close(Session* session);
 // The "%s.%s" text of computer and user names that mount paths point to;
 // rebuilt by every open call.
 const char* refresh_identity();
+
+inline constexpr std::uint32_t kStatusPeriodMs = 1000;
+
+// The timer's routine: the status request under the operations lock, then
+// the host window's message and the host callback, then the re-arming.
+void periodic_status();
 
 } // namespace vukra::session

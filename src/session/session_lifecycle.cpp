@@ -85,6 +85,8 @@ Session* open(const char* port_name, std::intptr_t port_handle, const char* tabl
         s->status[kStatusProgress] = 0;
     }
     open_flag = 1;
+    // The thread runs from now on; a successful mount arms it.
+    s->timer = platform::timer_start(periodic_status, s, kStatusPeriodMs);
     return s;
 }
 
@@ -94,6 +96,11 @@ std::int32_t close(Session* s) {
     // thread is half-way through when the port goes.
     platform::lock_enter(s->operations_lock);
     platform::lock_enter(s->state_lock);
+    // The timer thread goes first: it reaches the record through its
+    // context. From the host callback (on the timer thread itself) this
+    // only disarms, and the thread ends once the callback has returned.
+    platform::timer_stop(s->timer);
+    s->timer = nullptr;
     link::serial_close(s->port);
     s->port = nullptr;
     s->volume = 0xFFFFFFFFu;

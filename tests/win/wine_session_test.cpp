@@ -43,6 +43,7 @@ const char* const kExports[] = {
     "modbus_vukra_op_protected_rmdir", "modbus_vukra_op_protected_readdir",
     "modbus_vukra_op_protected_fsstat", "modbus_vukra_op_protected_mkfs", "modbus_vukra_op_protected_seek",
     "modbus_vukra_op_protected_seekdir", "modbus_vukra_op_protected_telldir",
+    "modbus_vukra_op_protected_getfs", "modbus_vukra_op_protected_putfs",
 };
 
 using OpenFn = modbus_vukra_session* (*)(const char*);

@@ -62,6 +62,7 @@ void lock_init(RecursiveLock& lock) {
 
 void lock_enter(RecursiveLock& lock) { pthread_mutex_lock(&mutex_of(lock)); }
 void lock_leave(RecursiveLock& lock) { pthread_mutex_unlock(&mutex_of(lock)); }
+bool lock_try_enter(RecursiveLock& lock) { return pthread_mutex_trylock(&mutex_of(lock)) == 0; }
 void lock_destroy(RecursiveLock& lock) { pthread_mutex_destroy(&mutex_of(lock)); }
 
 bool thread_start(Thread& thread, ThreadEntry entry, void* argument) {

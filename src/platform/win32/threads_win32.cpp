@@ -33,6 +33,7 @@ void lock_init(RecursiveLock& lock) {
 }
 void lock_enter(RecursiveLock& lock) { EnterCriticalSection(&section_of(lock)); }
 void lock_leave(RecursiveLock& lock) { LeaveCriticalSection(&section_of(lock)); }
+bool lock_try_enter(RecursiveLock& lock) { return TryEnterCriticalSection(&section_of(lock)) != 0; }
 void lock_destroy(RecursiveLock& lock) { DeleteCriticalSection(&section_of(lock)); }
 
 bool thread_start(Thread& thread, ThreadEntry entry, void* argument) {

@@ -1,0 +1,391 @@
+// The image transfer: header and metadata, the data groups the allocation
+// map marks as used, and the signature last, between the device's card
+// (through the remote file operations) and the local card (through the
+// simulated kernel).
+#include "remotefs/image_transfer.h"
+
+#include "kernel/kernel_diagnostics.h"
+#include "kernel/vfs.h"
+#include "remotefs/file_operations.h"
+#include "remotefs/local_server.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <new>
+
+namespace vukra::remotefs {
+
+namespace {
+
+constexpr std::size_t kSignatureSize = 7;
+constexpr const char* kSignature12 = "ufs 1.2";
+constexpr const char* kSignature15 = "ufs 1.5";
+constexpr std::uint32_t kBlockSize12 = 32;
+constexpr std::uint32_t kMaxBlockSize = 512;
+constexpr std::uint32_t kBlocksPerGroup = 8;
+constexpr std::size_t kHeaderFields = 20;
+constexpr std::size_t kPiece = 1024; // what one remote read or write moves at most
+constexpr std::uint32_t kOpenReadWrite = 3;
+constexpr std::uint32_t kSizeRequest = 1;
+
+std::uint32_t le32(const std::uint8_t* p) {
+    return static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
+           static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
+}
+
+// One end of the transfer: the device's card through the session's
+// current handle, or the local card through a kernel descriptor.
+struct Side {
+    session::Session* remote; // null for the local card
+    kernel::Descriptor fd;
+};
+
+// Why a transfer stopped: the error word to leave, or keep for what the
+// failing remote operation already stored.
+constexpr std::int32_t kKeepError = 1;
+
+struct Failed {
+    std::int32_t error;
+};
+
+class Transfer {
+public:
+    Transfer(session::Session& s, Side source, Side destination, TransferDirection direction)
+        : s_(s), source_(source), destination_(destination), direction_(direction) {}
+
+    // Throws Failed.
+    void run();
+
+private:
+    void set_state(std::int32_t phase, std::int32_t progress);
+    void set_progress(std::int32_t progress);
+    bool cancelled();
+    void check_cancel() {
+        if (cancelled()) throw Failed{kTransferCancelled};
+    }
+
+    void seek(Side& side, std::uint32_t offset);
+    std::size_t read_some(Side& side, void* buffer, std::size_t count);
+    void read_exact(Side& side, void* buffer, std::size_t count);
+    void write_all(Side& side, const void* bytes, std::size_t count);
+
+    void header();
+    void map_and_metadata();
+    void data();
+    void signature();
+
+    session::Session& s_;
+    Side source_;
+    Side destination_;
+    TransferDirection direction_;
+
+    std::uint32_t block_size_ = 0;
+    std::uint32_t map_size_ = 0;
+    std::uint32_t group_count_ = 0;
+    std::uint32_t metadata_size_ = 0;
+    std::uint32_t map_start_ = 0;
+    std::uint64_t card_size_ = 0;
+    std::unique_ptr<std::uint8_t[]> map_;
+};
+
+void Transfer::set_state(std::int32_t phase, std::int32_t progress) {
+    platform::LockGuard state(s_.state_lock);
+    s_.status[kStatusDirection] = direction_;
+    s_.status[kStatusPhase] = phase;
+    s_.status[kStatusProgress] = progress;
+}
+
+void Transfer::set_progress(std::int32_t progress) {
+    platform::LockGuard state(s_.state_lock);
+    s_.status[kStatusProgress] = progress;
+}
+
+bool Transfer::cancelled() {
+    platform::LockGuard state(s_.state_lock);
+    return s_.cancel.load() != 0;
+}
+
+void Transfer::seek(Side& side, std::uint32_t offset) {
+    if (side.remote != nullptr) {
+        if (remotefs::seek(*side.remote, offset, 0) < 0) throw Failed{kKeepError};
+        return;
+    }
+    if (kernel::lseek(side.fd, static_cast<long>(offset), 0) != static_cast<long>(offset))
+        throw Failed{kLocalCardFailed};
+}
+
+// The device moves at most 1024 bytes per request; the local card takes a
+// whole group at once (a transfer that starts inside the card is not cut
+// at its end, one that starts past it is refused).
+std::size_t Transfer::read_some(Side& side, void* buffer, std::size_t count) {
+    if (side.remote != nullptr) {
+        count = std::min(count, kPiece);
+        const std::int32_t got = remotefs::read(*side.remote, buffer, static_cast<std::int32_t>(count));
+        if (got < 0) throw Failed{kKeepError};
+        return static_cast<std::size_t>(got);
+    }
+    const long got = kernel::read(side.fd, buffer, count);
+    if (got < 0) throw Failed{kLocalCardFailed};
+    return static_cast<std::size_t>(got);
+}
+
+// Bytes that are due and do not come end the transfer: a source that keeps
+// answering 0 is not waited for.
+void Transfer::read_exact(Side& side, void* buffer, std::size_t count) {
+    auto* p = static_cast<std::uint8_t*>(buffer);
+    while (count > 0) {
+        const std::size_t got = read_some(side, p, count);
+        if (got == 0) throw Failed{kTransferStalled};
+        p += got;
+        count -= got;
+    }
+}
+
+void Transfer::write_all(Side& side, const void* bytes, std::size_t count) {
+    const auto* p = static_cast<const std::uint8_t*>(bytes);
+    while (count > 0) {
+        const std::size_t n = side.remote != nullptr ? std::min(count, kPiece) : count;
+        long put;
+        if (side.remote != nullptr) {
+            put = remotefs::write(*side.remote, p, static_cast<std::int32_t>(n));
+            if (put < 0) throw Failed{kKeepError};
+        } else {
+            put = kernel::write(side.fd, p, n);
+            if (put < 0) throw Failed{kLocalCardFailed};
+        }
+        if (put == 0) throw Failed{kTransferStalled};
+        const std::size_t moved = std::min(static_cast<std::size_t>(put), n);
+        p += moved;
+        count -= moved;
+    }
+}
+
+// The local card's size: what every offset of the image must stay within.
+std::uint32_t local_card_size(kernel::Descriptor fd) {
+    std::int32_t size = 0;
+    std::int32_t* target = &size;
+    if (kernel::ioctl(fd, kSizeRequest, &target) != 0 || size <= 0) return 0;
+    return static_cast<std::uint32_t>(size);
+}
+
+void Transfer::header() {
+    set_state(kPhaseHeader, 0);
+    seek(source_, 0);
+    char signature[kSignatureSize];
+    read_exact(source_, signature, sizeof signature);
+    std::uint8_t fields[2 + kHeaderFields];
+    std::size_t field_bytes = kHeaderFields;
+    std::uint8_t* header_fields = fields;
+    if (std::memcmp(signature, kSignature12, kSignatureSize) == 0) {
+        block_size_ = kBlockSize12;
+    } else if (std::memcmp(signature, kSignature15, kSignatureSize) == 0) {
+        read_exact(source_, fields, 2);
+        block_size_ = static_cast<std::uint32_t>(fields[0]) | static_cast<std::uint32_t>(fields[1]) << 8;
+        if (block_size_ == 0 || block_size_ > kMaxBlockSize) throw Failed{kImageRefused};
+        field_bytes += 2;
+        header_fields = fields + 2;
+    } else {
+        throw Failed{kImageRefused};
+    }
+    read_exact(source_, header_fields, kHeaderFields);
+    map_size_ = le32(header_fields + 0);
+    group_count_ = le32(header_fields + 4);
+    metadata_size_ = le32(header_fields + 12);
+    map_start_ = static_cast<std::uint32_t>(kSignatureSize + field_bytes);
+
+    // A damaged header must not send the copy anywhere: the map covers
+    // every group, the map and metadata lie within the local card, and so
+    // does the start of every group (the last one may reach past the
+    // card's end: its map byte counts the blocks as groups of 8).
+    card_size_ = local_card_size(direction_ == kGet ? destination_.fd : source_.fd);
+    const std::uint64_t chunk = static_cast<std::uint64_t>(block_size_) * kBlocksPerGroup;
+    const std::uint64_t data_start = static_cast<std::uint64_t>(map_start_) + map_size_ + metadata_size_;
+    if (group_count_ > map_size_ || data_start > card_size_) throw Failed{kImageRefused};
+    if (group_count_ > 0 && data_start + (static_cast<std::uint64_t>(group_count_) - 1) * chunk >= card_size_)
+        throw Failed{kImageRefused};
+
+    // The header fields now; the signature comes last.
+    seek(source_, static_cast<std::uint32_t>(kSignatureSize));
+    seek(destination_, static_cast<std::uint32_t>(kSignatureSize));
+    write_all(destination_, fields, field_bytes);
+}
+
+void Transfer::map_and_metadata() {
+    map_.reset(new (std::nothrow) std::uint8_t[map_size_ == 0 ? 1 : map_size_]());
+    if (!map_) throw Failed{kLocalCardFailed};
+    seek(source_, map_start_);
+    seek(destination_, map_start_);
+    for (std::uint32_t done = 0; done < map_size_;) {
+        const std::size_t got = read_some(source_, map_.get() + done, map_size_ - done);
+        if (got == 0) throw Failed{kTransferStalled};
+        write_all(destination_, map_.get() + done, got);
+        done += static_cast<std::uint32_t>(got);
+    }
+
+    const std::uint32_t metadata_start = map_start_ + map_size_;
+    seek(source_, metadata_start);
+    seek(destination_, metadata_start);
+    std::uint8_t piece[kPiece];
+    for (std::uint32_t done = 0; done < metadata_size_;) {
+        const std::size_t got = read_some(source_, piece, std::min<std::size_t>(metadata_size_ - done, kPiece));
+        if (got == 0) throw Failed{kTransferStalled};
+        write_all(destination_, piece, got);
+        done += static_cast<std::uint32_t>(got);
+        set_progress(static_cast<std::int32_t>(static_cast<std::uint64_t>(done) * 100 / metadata_size_));
+        check_cancel();
+    }
+}
+
+void Transfer::data() {
+    set_state(kPhaseData, 0);
+    const std::uint32_t chunk = block_size_ * kBlocksPerGroup;
+    const std::uint32_t data_start = map_start_ + map_size_ + metadata_size_;
+    auto staging = std::make_unique<std::uint8_t[]>(kMaxBlockSize * kBlocksPerGroup);
+    for (std::uint32_t i = 0; i < group_count_; ++i) {
+        const std::uint32_t offset = data_start + i * chunk;
+        if (map_[i] != 0) {
+            seek(source_, offset);
+            seek(destination_, offset);
+            std::memset(staging.get(), 0, chunk);
+            for (std::uint32_t moved = 0; moved < chunk;) {
+                const std::size_t got = read_some(source_, staging.get() + moved, chunk - moved);
+                if (got == 0) {
+                    // The card's end within the last group ends it; before
+                    // the end, bytes that do not come fail the transfer.
+                    if (static_cast<std::uint64_t>(offset) + moved >= card_size_) break;
+                    throw Failed{kTransferStalled};
+                }
+                write_all(destination_, staging.get() + moved, got);
+                moved += static_cast<std::uint32_t>(got);
+            }
+        } else if (direction_ == kGet) {
+            // An unused group reads as zeros on the local card, without
+            // asking the device.
+            seek(destination_, offset);
+            std::memset(staging.get(), 0, chunk);
+            write_all(destination_, staging.get(), chunk);
+        }
+        // 100 belongs to the finished transfer: the last group shows 99.
+        const std::int32_t progress =
+            group_count_ <= 1 ? 100 : static_cast<std::int32_t>(static_cast<std::uint64_t>(i) * 100 / (group_count_ - 1));
+        set_progress(std::min(progress, 99));
+        check_cancel();
+    }
+}
+
+void Transfer::signature() {
+    set_state(kPhaseSignature, 0);
+    seek(source_, 0);
+    seek(destination_, 0);
+    char signature[kSignatureSize];
+    read_exact(source_, signature, sizeof signature);
+    write_all(destination_, signature, sizeof signature);
+}
+
+void Transfer::run() {
+    header();
+    map_and_metadata();
+    data();
+    signature();
+    set_state(kPhaseDone, 100);
+}
+
+// Shows what "/mem" holds, on the kernel's diagnostic stream.
+void list_mirror() {
+    const kernel::Descriptor dir = kernel::open(kMirrorMount, kernel::kOpenRead);
+    if (dir < 0) return;
+    kernel::DirEntry entry{};
+    while (kernel::readdir(dir, entry) == 1) kernel::diagnostic("%s\n", entry.name);
+    kernel::close(dir);
+}
+
+// The local card goes back to being a plain device: the server lets go of
+// what it holds open in it, then "/mem" is unmounted.
+void unmount_mirror() {
+    local_server_close();
+    kernel::umount(kMirrorMount);
+}
+
+// The common run of both directions; 0 or -1 with the error word set.
+std::int32_t transfer(session::Session& s, TransferDirection direction) {
+    {
+        platform::LockGuard state(s.state_lock);
+        s.cancel = 0;
+    }
+    if (direction == kGet && s.mirror_enabled != 0) unmount_mirror();
+
+    modbus_vukra_attributes attributes{};
+    if (remotefs::lookup(s, kCardPath, &attributes) != 0) return -1;
+    if ((attributes.words[1] & 3u) == 0) {
+        s.error = kImageRefused;
+        return -1;
+    }
+    const kernel::Descriptor fd = kernel::open(kCardPath, kOpenReadWrite);
+    if (fd < 0) {
+        s.error = kLocalCardFailed;
+        return -1;
+    }
+    const Side remote{&s, -1};
+    const Side local{nullptr, fd};
+    Transfer run(s, direction == kGet ? remote : local, direction == kGet ? local : remote, direction);
+    std::int32_t result = 0;
+    try {
+        run.run();
+    } catch (const Failed& failed) {
+        if (failed.error != kKeepError) s.error = failed.error;
+        result = -1;
+    }
+    kernel::close(fd);
+    if (result != 0) {
+        // The phase stays where the transfer stopped; the host reads it
+        // with the error word.
+        return -1;
+    }
+    s.error = 0;
+    return 0;
+}
+
+} // namespace
+
+std::int32_t getfs(session::Session& s) {
+    if (transfer(s, kGet) != 0) {
+        // The local card is partly written: "/mem" stays unmounted and its
+        // paths go to the device again until a get succeeds.
+        s.mirror_enabled = 0;
+        s.mirror_selected = 0;
+        return -1;
+    }
+    if (kernel::mount(kernel::kUfsx, kCardPath, kMirrorMount) != 0) {
+        s.mirror_enabled = 0;
+        s.mirror_selected = 0;
+        s.error = kLocalCardFailed;
+        return -1;
+    }
+    list_mirror();
+
+    session::Session* mirror = session::open(nullptr, 0);
+    if (mirror == nullptr) {
+        unmount_mirror();
+        s.mirror_enabled = 0;
+        s.error = kLocalCardFailed;
+        return -1;
+    }
+    mirror->mirror_enabled = 3;
+    mirror->mirror_selected = 1;
+    delete s.mirror; // the one a previous get made: only memory
+    s.mirror = mirror;
+    s.mirror_enabled = 3;
+    mount(*mirror);
+    return 0;
+}
+
+std::int32_t putfs(session::Session& s) {
+    if (s.mirror_enabled == 0) return -1;
+    // What the mounted volume keeps in memory goes to the card first, or
+    // the device would receive a card that does not match its files.
+    kernel::flush_mounts();
+    return transfer(s, kPut);
+}
+
+} // namespace vukra::remotefs

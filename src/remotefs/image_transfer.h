@@ -1,0 +1,32 @@
+// The transfer of the device's whole filesystem image ("/dev/sdcard0", a
+// ufs volume) to the local card of the simulated kernel and back, and the
+// "/mem" mirror made from it. See docs/image-transfer.md.
+#pragma once
+
+#include "session/session.h"
+
+#include <cstdint>
+
+namespace vukra::remotefs {
+
+// Error words of a failed transfer (remote failures leave the error word
+// the failing remote operation set: 513 for a silent device, the device's
+// status otherwise).
+inline constexpr std::int32_t kTransferCancelled = -11; // cancelfs
+inline constexpr std::int32_t kImageRefused = -12;      // not a file or device, unknown signature, sizes that do not fit
+inline constexpr std::int32_t kTransferStalled = -13;   // a side moved no byte where bytes were due
+inline constexpr std::int32_t kLocalCardFailed = -14;   // the local card could not be opened, read, written or mounted
+
+inline constexpr const char* kCardPath = "/dev/sdcard0";
+inline constexpr const char* kMirrorMount = "/mem";
+
+enum TransferDirection : std::int32_t { kGet = 1, kPut = 2 };
+enum TransferPhase : std::int32_t { kPhaseHeader = 1, kPhaseData = 2, kPhaseSignature = 3 };
+
+// Copies the device's card into the local one, mounts it on "/mem" and
+// makes the mirror session: 0 or -1.
+std::int32_t getfs(session::Session& s);
+// Copies the local card back to the device; -1 at once without a mirror.
+std::int32_t putfs(session::Session& s);
+
+} // namespace vukra::remotefs

@@ -1,0 +1,406 @@
+// getfs and putfs: the device's card copied into the library's local card
+// and back, against vukra-sim with a card image and against a fake device
+// that serves crafted images; cancel, a vanishing device, and the timer
+// running beside host threads.
+#include "kernel/vfs.h"
+#include "modbus_vukra.h"
+#include "remotefs/image_transfer.h"
+#include "session/session.h"
+#include "support/fake_card_device.h"
+#include "support/files.h"
+#include "support/sim_process.h"
+#include "support/temp_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <thread>
+
+using namespace vukra;
+
+namespace {
+
+// The parts of an image as the transfer sees them.
+struct Layout {
+    std::uint32_t block_size = 0, map_start = 0, map_size = 0, groups = 0, metadata_size = 0;
+    std::uint32_t data_start() const { return map_start + map_size + metadata_size; }
+    std::uint32_t chunk() const { return block_size * 8; }
+};
+
+std::uint32_t le32(const std::string& b, std::size_t at) {
+    std::uint32_t v = 0;
+    for (int i = 3; i >= 0; --i) v = v << 8 | static_cast<std::uint8_t>(b[at + static_cast<std::size_t>(i)]);
+    return v;
+}
+
+Layout layout_of(const std::string& image) {
+    Layout l;
+    std::size_t at = 7;
+    if (image.compare(0, 7, "ufs 1.5") == 0) {
+        l.block_size = static_cast<std::uint8_t>(image[7]) | static_cast<std::uint32_t>(static_cast<std::uint8_t>(image[8])) << 8;
+        at = 9;
+    } else {
+        l.block_size = 32;
+    }
+    l.map_size = le32(image, at);
+    l.groups = le32(image, at + 4);
+    l.metadata_size = le32(image, at + 12);
+    l.map_start = static_cast<std::uint32_t>(at + 20);
+    return l;
+}
+
+void put_le32(std::string& b, std::size_t at, std::uint32_t v) {
+    for (int i = 0; i < 4; ++i) b[at + static_cast<std::size_t>(i)] = static_cast<char>(v >> (8 * i));
+}
+
+int run(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()); }
+
+std::string ufs(const std::string& arguments) { return std::string(VUKRA_UFS_PATH) + " " + arguments; }
+
+std::string random_bytes(std::size_t n, unsigned seed) {
+    std::mt19937 gen(seed);
+    std::string s(n, '\0');
+    for (auto& c : s) c = static_cast<char>(gen());
+    return s;
+}
+
+std::string read_all(modbus_vukra_session* s) {
+    std::string out;
+    char buffer[1024];
+    std::int32_t n;
+    while ((n = modbus_vukra_op_protected_read(s, buffer, sizeof buffer)) > 0) out.append(buffer, static_cast<std::size_t>(n));
+    return n == 0 ? out : "<read failed>";
+}
+
+struct Info {
+    std::int32_t words[MODBUS_VUKRA_INFO_WORDS] = {};
+    std::int32_t direction() const { return words[MODBUS_VUKRA_INFO_DIRECTION]; }
+    std::int32_t phase() const { return words[MODBUS_VUKRA_INFO_PHASE]; }
+    std::int32_t progress() const { return words[MODBUS_VUKRA_INFO_PROGRESS]; }
+};
+
+Info info_of(modbus_vukra_session* s) {
+    Info i;
+    modbus_vukra_op_session_info(s, i.words);
+    return i;
+}
+
+bool mem_mounted_locally() {
+    kernel::NodeStatus status{};
+    return kernel::stat("/mem/hello", status) == 0;
+}
+
+struct ImageTransfer : ::testing::Test {
+    test::TempWorkingDir dir;
+    std::string card;
+    ImageTransfer() {
+        test::write_file("table.xml", test::read_file(VUKRA_EXAMPLES_DIR "/table.xml"));
+        card = (dir.path() / "card.img").string();
+    }
+    // A card with /hello and a file of size bytes at /big.
+    void make_card(std::size_t big = 0) {
+        ASSERT_EQ(run(ufs(card + " mkfs")), 0);
+        test::write_file("hello.txt", "hello from the card\n");
+        ASSERT_EQ(run(ufs(card + " put hello.txt /hello")), 0);
+        if (big > 0) {
+            test::write_file("big.bin", random_bytes(big, 7));
+            ASSERT_EQ(run(ufs(card + " put big.bin /big")), 0);
+        }
+    }
+    modbus_vukra_session* open(const std::string& port) {
+        testing::internal::CaptureStdout();
+        modbus_vukra_session* s = modbus_vukra_op_session_open(port.c_str());
+        testing::internal::GetCapturedStdout();
+        return s;
+    }
+    // getfs with its listing of /mem kept off the test's output.
+    static std::int32_t getfs(modbus_vukra_session* s) {
+        testing::internal::CaptureStdout();
+        const std::int32_t r = modbus_vukra_op_protected_getfs(s);
+        testing::internal::GetCapturedStdout();
+        return r;
+    }
+    static void close(modbus_vukra_session* s) {
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
+        testing::internal::GetCapturedStdout();
+    }
+};
+
+TEST_F(ImageTransfer, GetCopiesTheUsedGroupsAndZerosTheOthers) {
+    make_card(20000);
+    {
+        test::SimProcess sim({"--table", "table.xml", "--image", card});
+        modbus_vukra_session* s = open(sim.port());
+        ASSERT_NE(s, nullptr);
+        EXPECT_EQ(modbus_vukra_op_protected_putfs(s), -1) << "no mirror yet";
+        ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
+        ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
+        const Info done = info_of(s);
+        EXPECT_EQ(done.direction(), 1);
+        EXPECT_EQ(done.phase(), 4);
+        EXPECT_EQ(done.progress(), 100);
+        EXPECT_EQ(s->mirror_enabled, 3);
+        ASSERT_NE(s->mirror, nullptr);
+
+        // /mem paths now go to the mirror, the others to the device.
+        ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/hello", nullptr), 0);
+        EXPECT_EQ(s->mirror_selected, 1);
+        EXPECT_EQ(read_all(s), "hello from the card\n");
+        modbus_vukra_attributes attributes{};
+        ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/dev/sdcard0", &attributes), 0);
+        EXPECT_EQ(s->mirror_selected, 0);
+        EXPECT_EQ(attributes.words[1] & 2u, 2u) << "the device's card node";
+
+        // A second get replaces the mirror.
+        ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
+        ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/big", nullptr), 0);
+        EXPECT_EQ(read_all(s), random_bytes(20000, 7));
+        close(s);
+    }
+    const std::string device = test::read_file(card);
+    const std::string local = test::read_file("sdcard0.o");
+    const Layout l = layout_of(device);
+    ASSERT_EQ(l.block_size, 512u);
+    ASSERT_GE(local.size(), device.size());
+    EXPECT_EQ(local.compare(0, l.data_start(), device, 0, l.data_start()), 0) << "header, map and metadata";
+    int used = 0;
+    for (std::uint32_t i = 0; i < l.groups; ++i) {
+        const std::size_t at = l.data_start() + static_cast<std::size_t>(i) * l.chunk();
+        if (device[l.map_start + i] != 0) {
+            ++used;
+            EXPECT_EQ(local.compare(at, l.chunk(), device, at, l.chunk()), 0) << "group " << i;
+        } else {
+            EXPECT_EQ(local.substr(at, l.chunk()), std::string(l.chunk(), '\0')) << "unused group " << i;
+        }
+    }
+    EXPECT_GE(used, 5) << "the big file's groups at least";
+}
+
+TEST_F(ImageTransfer, PutSendsWhatChangedUnderMemBack) {
+    make_card();
+    {
+        test::SimProcess sim({"--table", "table.xml", "--image", card});
+        modbus_vukra_session* s = open(sim.port());
+        ASSERT_NE(s, nullptr);
+        ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
+        ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
+        ASSERT_EQ(modbus_vukra_op_protected_create(s, "/mem/new.txt"), 0);
+        const std::string text = "written under /mem\n";
+        ASSERT_EQ(modbus_vukra_op_protected_write(s, text.data(), static_cast<std::int32_t>(text.size())),
+                  static_cast<std::int32_t>(text.size()));
+        ASSERT_EQ(modbus_vukra_op_protected_remove(s, "/mem/hello"), 0);
+        ASSERT_EQ(modbus_vukra_op_protected_putfs(s), 0) << modbus_vukra_op_session_error(s);
+        const Info done = info_of(s);
+        EXPECT_EQ(done.direction(), 2);
+        EXPECT_EQ(done.phase(), 4);
+        EXPECT_EQ(done.progress(), 100);
+        close(s);
+    }
+    ASSERT_EQ(run(ufs(card + " get /new.txt out.txt")), 0);
+    EXPECT_EQ(test::read_file("out.txt"), "written under /mem\n");
+    EXPECT_NE(run(ufs(card + " get /hello gone.txt")), 0) << "the removal travelled too";
+    EXPECT_EQ(run(ufs(card + " check")), 0) << "a consistent card";
+}
+
+TEST_F(ImageTransfer, CancelDuringTheDataPhaseStopsAtAGroupBoundary) {
+    make_card(300000);
+    test::SimProcess sim({"--table", "table.xml", "--image", card});
+    modbus_vukra_session* s = open(sim.port());
+    ASSERT_NE(s, nullptr);
+    ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
+
+    std::atomic<bool> finished{false};
+    std::atomic<int> cancelled_in_phase{0};
+    std::thread watcher([&] {
+        while (!finished.load()) {
+            const Info i = info_of(s);
+            if (i.direction() == 1 && i.phase() == 2) {
+                cancelled_in_phase = 2;
+                EXPECT_EQ(modbus_vukra_op_cancelfs(s), 0);
+                return;
+            }
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+    });
+    const std::int32_t result = getfs(s);
+    finished = true;
+    watcher.join();
+    ASSERT_EQ(cancelled_in_phase.load(), 2) << "the watcher saw the data phase";
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), -11);
+    EXPECT_EQ(info_of(s).phase(), 2);
+    EXPECT_LT(info_of(s).progress(), 100);
+    EXPECT_EQ(s->mirror_enabled, 0);
+    EXPECT_FALSE(mem_mounted_locally());
+
+    // The session goes on, and a get without cancel succeeds.
+    EXPECT_EQ(modbus_vukra_op_protected_null(s), 0);
+    ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
+    EXPECT_TRUE(mem_mounted_locally());
+    close(s);
+}
+
+TEST_F(ImageTransfer, DeviceThatVanishesFailsWithinTheTimeOut) {
+    make_card(100000);
+    {
+        test::SimProcess sim({"--table", "table.xml", "--image", card, "--drop-after", "30"});
+        modbus_vukra_session* s = open(sim.port());
+        ASSERT_NE(s, nullptr);
+        ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(getfs(s), -1);
+        const auto took = std::chrono::steady_clock::now() - start;
+        EXPECT_EQ(modbus_vukra_op_session_error(s), 513);
+        EXPECT_LT(took, std::chrono::milliseconds(5000 + 1000)) << "one read time-out, not one per request";
+        EXPECT_FALSE(mem_mounted_locally());
+        EXPECT_EQ(s->mirror_enabled, 0);
+        close(s);
+    }
+    test::SimProcess sim({"--table", "table.xml", "--image", card});
+    modbus_vukra_session* s = open(sim.port());
+    ASSERT_NE(s, nullptr);
+    ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
+    ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
+    EXPECT_TRUE(mem_mounted_locally());
+    close(s);
+}
+
+// ---- crafted images from a fake device ------------------------------------
+
+std::string header15(std::uint16_t block_size, std::uint32_t map_size, std::uint32_t groups, std::uint32_t metadata) {
+    std::string h = "ufs 1.5";
+    h.push_back(static_cast<char>(block_size & 0xFF));
+    h.push_back(static_cast<char>(block_size >> 8));
+    h.append(20, '\0');
+    put_le32(h, 9, map_size);
+    put_le32(h, 13, groups);
+    put_le32(h, 21, metadata);
+    return h;
+}
+
+struct RefusedImage {
+    const char* what;
+    std::string image;
+    std::uint32_t kind;
+    std::int32_t error;
+};
+
+TEST_F(ImageTransfer, DamagedImagesAreRefusedAndTheSessionGoesOn) {
+    std::string truncated = header15(512, 64, 64, 128); // no map behind it
+    std::string no_signature = header15(512, 4, 4, 4) + std::string(12, '\0');
+    no_signature.replace(0, 7, "ufs 9.9");
+    const RefusedImage cases[] = {
+        {"unknown signature", no_signature, 2, remotefs::kImageRefused},
+        {"block size above 512", header15(1024, 4, 4, 4) + std::string(8, '\0'), 2, remotefs::kImageRefused},
+        {"block size 0", header15(0, 4, 4, 4) + std::string(8, '\0'), 2, remotefs::kImageRefused},
+        {"map larger than the card", header15(512, 0xFFFFFFF0u, 1, 4), 2, remotefs::kImageRefused},
+        {"more groups than the map describes", header15(512, 4, 5, 4) + std::string(8, '\0'), 2, remotefs::kImageRefused},
+        {"groups past the card's end", header15(512, 4096, 4096, 0) + std::string(4096, '\0'), 2, remotefs::kImageRefused},
+        {"a directory", header15(512, 4, 4, 4) + std::string(8, '\0'), 8, remotefs::kImageRefused},
+        {"a map that never comes", truncated, 2, remotefs::kTransferStalled},
+    };
+    for (const RefusedImage& c : cases) {
+        SCOPED_TRACE(c.what);
+        test::FakeCardDevice device(c.image, c.kind);
+        modbus_vukra_session* s = open(device.port());
+        ASSERT_NE(s, nullptr);
+        ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
+        EXPECT_EQ(getfs(s), -1);
+        EXPECT_EQ(modbus_vukra_op_session_error(s), c.error);
+        EXPECT_EQ(s->mirror_enabled, 0);
+        EXPECT_EQ(modbus_vukra_op_protected_null(s), 0) << "the session still works";
+        close(s);
+    }
+}
+
+TEST_F(ImageTransfer, ImageWithNoGroupInUseMovesOnlyHeaderMetadataAndSignature) {
+    make_card(50000);
+    const std::string full = test::read_file(card);
+    const Layout l = layout_of(full);
+    std::string empty_map = full;
+    std::fill(empty_map.begin() + l.map_start, empty_map.begin() + l.map_start + l.map_size, '\0');
+    {
+        // First a card with data, so that the local groups are not zeros.
+        test::FakeCardDevice device(full);
+        modbus_vukra_session* s = open(device.port());
+        ASSERT_NE(s, nullptr);
+        ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
+        ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
+        close(s);
+    }
+    const std::string before = test::read_file("sdcard0.o");
+    ASSERT_NE(before.find_first_not_of('\0', l.data_start()), std::string::npos);
+
+    test::FakeCardDevice device(empty_map);
+    modbus_vukra_session* s = open(device.port());
+    ASSERT_NE(s, nullptr);
+    ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
+    getfs(s); // the mount of a volume without its groups may fail; the copy is what counts here
+    EXPECT_EQ(info_of(s).phase(), 4);
+    EXPECT_EQ(info_of(s).progress(), 100);
+    // signature, block size, fields, the map and metadata in pieces of
+    // 1024 at most, the signature again: nothing of the data region.
+    const int expected_reads = 3 + static_cast<int>((l.map_size + 1023) / 1024) +
+                               static_cast<int>((l.metadata_size + 1023) / 1024) + 1;
+    EXPECT_EQ(device.reads(), expected_reads);
+    close(s);
+    const std::string after = test::read_file("sdcard0.o");
+    EXPECT_EQ(after.compare(0, l.data_start(), empty_map, 0, l.data_start()), 0);
+    const std::size_t end = l.data_start() + static_cast<std::size_t>(l.groups) * l.chunk();
+    EXPECT_EQ(after.find_first_not_of('\0', l.data_start()) >= end, true) << "every group zeroed";
+}
+
+// ---- the timer beside four host threads -----------------------------------
+
+TEST_F(ImageTransfer, HostThreadsBesideTheTimer) {
+    make_card();
+    test::SimProcess sim({"--table", "table.xml", "--image", card});
+    modbus_vukra_session* s = open(sim.port());
+    ASSERT_NE(s, nullptr);
+    ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
+    std::atomic<bool> stop{false};
+    std::atomic<int> failures{0};
+    std::atomic<int> calls{0};
+    auto loop = [&](auto body) {
+        return std::thread([&, body] {
+            while (!stop.load()) {
+                if (!body()) ++failures;
+                ++calls;
+            }
+        });
+    };
+    std::thread threads[] = {
+        loop([&] {
+            std::uint16_t words[2];
+            return modbus_vukra_op_protected_readreg(s, "setpoint", words, sizeof words) == 4;
+        }),
+        loop([&] { return modbus_vukra_op_protected_null(s) == 0; }),
+        loop([&] {
+            char buffer[64];
+            if (modbus_vukra_op_protected_lookup(s, "/dev/sdcard0", nullptr) != 0) return false;
+            return modbus_vukra_op_protected_read(s, buffer, 7) >= 0;
+        }),
+        loop([&] {
+            Info i;
+            const bool ok = modbus_vukra_op_session_info(s, i.words) == 0 && modbus_vukra_op_cancelfs(s) == 0;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            return ok;
+        }),
+    };
+    std::this_thread::sleep_for(std::chrono::milliseconds(3000));
+    stop = true;
+    for (auto& t : threads) t.join();
+    EXPECT_GT(calls.load(), 100);
+    // Only one thread moves the current handle, and the timer's status
+    // request leaves it alone: any failure is a fault.
+    EXPECT_EQ(failures.load(), 0);
+    close(s);
+}
+
+} // namespace
