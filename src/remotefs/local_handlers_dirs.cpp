@@ -50,7 +50,6 @@ std::int32_t readdir_handler(std::uint8_t* out, const std::uint8_t* payload, std
     const std::uint32_t count = std::min(request.count, kReaddirCount);
     std::uint32_t used = kReplyFrame;
     std::uint32_t n = 0;
-    DirEntryNode** link = &reply.entries;
     reply.cookie = request.cookie;
     for (;;) {
         const long here = kernel::telldir(s.directory);
@@ -76,11 +75,12 @@ std::int32_t readdir_handler(std::uint8_t* out, const std::uint8_t* payload, std
             break;
         }
         used += cost;
+        // Linked by assignment: the records are packed, their links unaligned.
         nodes[n] = DirEntryNode{names[n].node, name, nullptr};
-        *link = &nodes[n];
-        link = &nodes[n].next;
+        if (n > 0) nodes[n - 1].next = &nodes[n];
         ++n;
     }
+    reply.entries = n > 0 ? &nodes[0] : nullptr;
     return give(kOpReaddir, out, reply);
 }
 
