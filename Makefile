@@ -50,13 +50,18 @@ test-tsan: deps
 # The fuzzers, built with clang, for a bounded time on every run: the image
 # fuzzer takes half of FUZZ_SECONDS, the reply decoder and the local server
 # a quarter each.
+# One fuzzer: its name, seconds, longest input and corpus folder; only its
+# summary lines are shown, and its own status is the recipe's.
+fuzz = $(FUZZ)/tests/fuzz/$(1) -max_total_time=$(2) -max_len=$(3) -print_final_stats=1 $(abspath $(FUZZ))/$(4) 2>&1 \
+  | grep -E 'Done|stat::number_of_executed_units|ERROR|SUMMARY' ; test $${PIPESTATUS[0]} -eq 0
+
 test-fuzz: deps
 	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMODBUS_VUKRA_FUZZ=ON -DMODBUS_VUKRA_SANITIZE=address,undefined >/dev/null
 	@cmake --build $(FUZZ) -j $(JOBS)
 	@mkdir -p $(FUZZ)/corpus $(FUZZ)/corpus-replies $(FUZZ)/corpus-server
-	$(FUZZ)/tests/fuzz/ufs_image_fuzzer -max_total_time=$$(( $(FUZZ_SECONDS) / 2 )) -max_len=4096 -print_final_stats=1 $(abspath $(FUZZ))/corpus 2>&1 | grep -E 'Done|stat::number_of_executed_units|ERROR|SUMMARY' ; test $${PIPESTATUS[0]} -eq 0
-	$(FUZZ)/tests/fuzz/remotefs_reply_fuzzer -max_total_time=$$(( $(FUZZ_SECONDS) / 4 )) -max_len=2048 -print_final_stats=1 $(abspath $(FUZZ))/corpus-replies 2>&1 | grep -E 'Done|stat::number_of_executed_units|ERROR|SUMMARY' ; test $${PIPESTATUS[0]} -eq 0
-	$(FUZZ)/tests/fuzz/local_server_fuzzer -max_total_time=$$(( $(FUZZ_SECONDS) - $(FUZZ_SECONDS) / 2 - $(FUZZ_SECONDS) / 4 )) -max_len=2048 -print_final_stats=1 $(abspath $(FUZZ))/corpus-server 2>&1 | grep -E 'Done|stat::number_of_executed_units|ERROR|SUMMARY' ; test $${PIPESTATUS[0]} -eq 0
+	$(call fuzz,ufs_image_fuzzer,$$(( $(FUZZ_SECONDS) / 2 )),4096,corpus)
+	$(call fuzz,remotefs_reply_fuzzer,$$(( $(FUZZ_SECONDS) / 4 )),2048,corpus-replies)
+	$(call fuzz,local_server_fuzzer,$$(( $(FUZZ_SECONDS) - $(FUZZ_SECONDS) / 2 - $(FUZZ_SECONDS) / 4 )),2048,corpus-server)
 
 # The native run comes last so that its summary closes the output.
 test: test-asan test-tsan test-fuzz test-native

@@ -32,18 +32,9 @@ void check(bool ok, const char* what) {
     }
 }
 
+// The library's export list, as the build names it.
 const char* const kExports[] = {
-    "modbus_vukra_op_session_open",  "modbus_vukra_op_session_open2",    "modbus_vukra_op_session_close",
-    "modbus_vukra_op_session_info",  "modbus_vukra_op_session_error",    "modbus_vukra_op_session_hwnd",
-    "modbus_vukra_op_session_callback", "modbus_vukra_op_cancelfs", "modbus_vukra_op_protected_readreg",
-    "modbus_vukra_op_protected_writereg", "modbus_vukra_op_register_btoa", "modbus_vukra_op_register_atob",
-    "modbus_vukra_op_protected_null", "modbus_vukra_op_protected_mount", "modbus_vukra_op_protected_lookup",
-    "modbus_vukra_op_protected_read", "modbus_vukra_op_protected_write", "modbus_vukra_op_protected_create",
-    "modbus_vukra_op_protected_remove", "modbus_vukra_op_protected_rename", "modbus_vukra_op_protected_mkdir",
-    "modbus_vukra_op_protected_rmdir", "modbus_vukra_op_protected_readdir",
-    "modbus_vukra_op_protected_fsstat", "modbus_vukra_op_protected_mkfs", "modbus_vukra_op_protected_seek",
-    "modbus_vukra_op_protected_seekdir", "modbus_vukra_op_protected_telldir",
-    "modbus_vukra_op_protected_getfs", "modbus_vukra_op_protected_putfs",
+#include "export_names.inc"
 };
 
 using OpenFn = modbus_vukra_session* (*)(const char*);
