@@ -70,13 +70,7 @@ struct LocalServer : ::testing::Test {
     LocalServer() {
         kernel::set_diagnostic_stream(nullptr);
         kernel::kernel_start();
-        kernel::Descriptor card = kernel::open("/dev/sdcard0", kernel::kOpenRead | kernel::kOpenWrite);
-        std::int32_t size = kCard;
-        kernel::ioctl(card, 2, &size);
-        kernel::close(card);
-        kernel::UfsMakeArgument make{128, 0xFFFFFFFF, 512, kCard};
-        EXPECT_EQ(kernel::mkfs(kernel::kUfsx, "/dev/sdcard0", &make), 0);
-        EXPECT_EQ(kernel::mount(kernel::kUfsx, "/dev/sdcard0", "/mem"), 0);
+        EXPECT_TRUE(test::mount_card(kCard, kernel::UfsMakeArgument{128, 0xFFFFFFFF, 512, kCard}));
     }
 
     MountReply mount(std::uint8_t a = 0, std::uint8_t b = 1, std::uint8_t c = 1, std::uint8_t d = 1) {
