@@ -19,6 +19,7 @@
 #include <cstring>
 #include <random>
 #include <thread>
+#include <vector>
 
 using namespace vukra;
 using test::read_all;
@@ -74,6 +75,8 @@ struct Info {
     std::int32_t direction() const { return words[MODBUS_VUKRA_INFO_DIRECTION]; }
     std::int32_t phase() const { return words[MODBUS_VUKRA_INFO_PHASE]; }
     std::int32_t progress() const { return words[MODBUS_VUKRA_INFO_PROGRESS]; }
+    // Direction, phase and progress together.
+    std::vector<std::int32_t> transfer() const { return {direction(), phase(), progress()}; }
 };
 
 Info info_of(modbus_vukra_session* s) {
@@ -116,10 +119,7 @@ TEST_F(ImageTransfer, GetCopiesTheUsedGroupsAndZerosTheOthers) {
         EXPECT_EQ(modbus_vukra_op_protected_putfs(s), -1) << "no mirror yet";
         ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
         ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
-        const Info done = info_of(s);
-        EXPECT_EQ(done.direction(), 1);
-        EXPECT_EQ(done.phase(), 4);
-        EXPECT_EQ(done.progress(), 100);
+        EXPECT_EQ(info_of(s).transfer(), (std::vector<std::int32_t>{1, 4, 100})) << "done";
         EXPECT_EQ(s->mirror_enabled, 3);
         ASSERT_NE(s->mirror, nullptr);
 
@@ -170,10 +170,7 @@ TEST_F(ImageTransfer, PutSendsWhatChangedUnderMemBack) {
                   static_cast<std::int32_t>(text.size()));
         ASSERT_EQ(modbus_vukra_op_protected_remove(s, "/mem/hello"), 0);
         ASSERT_EQ(modbus_vukra_op_protected_putfs(s), 0) << modbus_vukra_op_session_error(s);
-        const Info done = info_of(s);
-        EXPECT_EQ(done.direction(), 2);
-        EXPECT_EQ(done.phase(), 4);
-        EXPECT_EQ(done.progress(), 100);
+        EXPECT_EQ(info_of(s).transfer(), (std::vector<std::int32_t>{2, 4, 100})) << "done";
         close(s);
     }
     ASSERT_EQ(run(ufs(card + " get /new.txt out.txt")), 0);
