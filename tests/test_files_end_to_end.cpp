@@ -1,9 +1,7 @@
 // The remote filesystem through the library's exports against vukra-sim on
 // a pty, with an SD card image that is checked with vukra-ufs afterwards.
-#include "modbus_vukra.h"
-#include "support/files.h"
+#include "support/session_fixture.h"
 #include "support/sim_process.h"
-#include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
 
@@ -14,20 +12,8 @@
 
 namespace {
 
-struct FilesEndToEnd : ::testing::Test {
-    vukra::test::TempWorkingDir dir;
-    std::string image;
-    FilesEndToEnd() {
-        vukra::test::write_file("table.xml", vukra::test::read_file(VUKRA_EXAMPLES_DIR "/table.xml"));
-        image = (dir.path() / "card.img").string();
-    }
-    modbus_vukra_session* open(const vukra::test::SimProcess& sim) {
-        testing::internal::CaptureStdout();
-        modbus_vukra_session* s = modbus_vukra_op_session_open(sim.port().c_str());
-        testing::internal::GetCapturedStdout();
-        return s;
-    }
-};
+using vukra::test::read_all;
+using FilesEndToEnd = vukra::test::SessionFixture;
 
 // What a command prints on standard output.
 std::string output_of(const std::string& command) {
@@ -59,19 +45,11 @@ bool write_all(modbus_vukra_session* s, const std::string& bytes, std::vector<in
     return true;
 }
 
-std::string read_all(modbus_vukra_session* s) {
-    std::string out;
-    char buffer[5000];
-    std::int32_t n;
-    while ((n = modbus_vukra_op_protected_read(s, buffer, sizeof buffer)) > 0) out.append(buffer, static_cast<std::size_t>(n));
-    return n == 0 ? out : "<read failed>";
-}
-
 TEST_F(FilesEndToEnd, FilesOnTheCardThroughTheLine) {
     const std::string big = pattern(5000);
     {
-        vukra::test::SimProcess sim({"--table", "table.xml", "--image", image});
-        modbus_vukra_session* s = open(sim);
+        vukra::test::SimProcess sim({"--table", "table.xml", "--image", card});
+        modbus_vukra_session* s = open(sim.port());
         ASSERT_NE(s, nullptr);
 
         // Nothing is served before the mount.
@@ -111,12 +89,7 @@ TEST_F(FilesEndToEnd, FilesOnTheCardThroughTheLine) {
             modbus_vukra_dir_entry* first = nullptr;
             eof = modbus_vukra_op_protected_readdir(s, &first);
             ASSERT_GE(eof, 0) << modbus_vukra_op_session_error(s);
-            while (first != nullptr) {
-                listed.insert(first->name);
-                modbus_vukra_dir_entry* next = first->next;
-                std::free(first);
-                first = next;
-            }
+            for (const std::string& name : vukra::test::take_names(first)) listed.insert(name);
         }
         EXPECT_GT(pages, 1);
         EXPECT_EQ(listed, std::multiset<std::string>(made.begin(), made.end()));
@@ -163,15 +136,14 @@ TEST_F(FilesEndToEnd, FilesOnTheCardThroughTheLine) {
         EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
     }
     // What was written is in the image once the sim has ended.
-    EXPECT_EQ(output_of(std::string(VUKRA_UFS_PATH) + " " + image + " cat /big"), big);
-    EXPECT_EQ(output_of(std::string(VUKRA_UFS_PATH) + " " + image + " ls /dir | wc -l"), "89\n");
+    EXPECT_EQ(output_of(std::string(VUKRA_UFS_PATH) + " " + card + " cat /big"), big);
+    EXPECT_EQ(output_of(std::string(VUKRA_UFS_PATH) + " " + card + " ls /dir | wc -l"), "89\n");
 }
 
 TEST_F(FilesEndToEnd, ADeviceThatVanishesLeavesNoReply) {
     vukra::test::SimProcess sim({"--table", "table.xml", "--drop-after", "2"});
-    modbus_vukra_session* s = open(sim);
+    modbus_vukra_session* s = open_mounted(sim.port());
     ASSERT_NE(s, nullptr);
-    ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
     EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/mem", nullptr), 0);
     EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/mem", nullptr), -1);
     EXPECT_EQ(modbus_vukra_op_session_error(s), 513);
@@ -179,8 +151,8 @@ TEST_F(FilesEndToEnd, ADeviceThatVanishesLeavesNoReply) {
 }
 
 TEST_F(FilesEndToEnd, AnImageIsUsedByOneSimAtATime) {
-    vukra::test::SimProcess first({"--table", "table.xml", "--image", image});
-    const std::string second = output_of(std::string(VUKRA_SIM_PATH) + " --table table.xml --image " + image +
+    vukra::test::SimProcess first({"--table", "table.xml", "--image", card});
+    const std::string second = output_of(std::string(VUKRA_SIM_PATH) + " --table table.xml --image " + card +
                                          " 2>&1; echo status $?");
     EXPECT_NE(second.find("image in use"), std::string::npos) << second;
     EXPECT_NE(second.find("status 1"), std::string::npos) << second;

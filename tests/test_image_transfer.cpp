@@ -7,9 +7,8 @@
 #include "remotefs/image_transfer.h"
 #include "session/session.h"
 #include "support/fake_card_device.h"
-#include "support/files.h"
+#include "support/session_fixture.h"
 #include "support/sim_process.h"
-#include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
 
@@ -20,8 +19,10 @@
 #include <cstring>
 #include <random>
 #include <thread>
+#include <vector>
 
 using namespace vukra;
+using test::read_all;
 
 namespace {
 
@@ -69,19 +70,13 @@ std::string random_bytes(std::size_t n, unsigned seed) {
     return s;
 }
 
-std::string read_all(modbus_vukra_session* s) {
-    std::string out;
-    char buffer[1024];
-    std::int32_t n;
-    while ((n = modbus_vukra_op_protected_read(s, buffer, sizeof buffer)) > 0) out.append(buffer, static_cast<std::size_t>(n));
-    return n == 0 ? out : "<read failed>";
-}
-
 struct Info {
     std::int32_t words[MODBUS_VUKRA_INFO_WORDS] = {};
     std::int32_t direction() const { return words[MODBUS_VUKRA_INFO_DIRECTION]; }
     std::int32_t phase() const { return words[MODBUS_VUKRA_INFO_PHASE]; }
     std::int32_t progress() const { return words[MODBUS_VUKRA_INFO_PROGRESS]; }
+    // Direction, phase and progress together.
+    std::vector<std::int32_t> transfer() const { return {direction(), phase(), progress()}; }
 };
 
 Info info_of(modbus_vukra_session* s) {
@@ -95,13 +90,7 @@ bool mem_mounted_locally() {
     return kernel::stat("/mem/hello", status) == 0;
 }
 
-struct ImageTransfer : ::testing::Test {
-    test::TempWorkingDir dir;
-    std::string card;
-    ImageTransfer() {
-        test::write_file("table.xml", test::read_file(VUKRA_EXAMPLES_DIR "/table.xml"));
-        card = (dir.path() / "card.img").string();
-    }
+struct ImageTransfer : test::SessionFixture {
     // A card with /hello and a file of size bytes at /big.
     void make_card(std::size_t big = 0) {
         ASSERT_EQ(run(ufs(card + " mkfs")), 0);
@@ -112,23 +101,12 @@ struct ImageTransfer : ::testing::Test {
             ASSERT_EQ(run(ufs(card + " put big.bin /big")), 0);
         }
     }
-    modbus_vukra_session* open(const std::string& port) {
-        testing::internal::CaptureStdout();
-        modbus_vukra_session* s = modbus_vukra_op_session_open(port.c_str());
-        testing::internal::GetCapturedStdout();
-        return s;
-    }
     // getfs with its listing of /mem kept off the test's output.
     static std::int32_t getfs(modbus_vukra_session* s) {
         testing::internal::CaptureStdout();
         const std::int32_t r = modbus_vukra_op_protected_getfs(s);
         testing::internal::GetCapturedStdout();
         return r;
-    }
-    static void close(modbus_vukra_session* s) {
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
-        testing::internal::GetCapturedStdout();
     }
 };
 
@@ -141,10 +119,7 @@ TEST_F(ImageTransfer, GetCopiesTheUsedGroupsAndZerosTheOthers) {
         EXPECT_EQ(modbus_vukra_op_protected_putfs(s), -1) << "no mirror yet";
         ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
         ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
-        const Info done = info_of(s);
-        EXPECT_EQ(done.direction(), 1);
-        EXPECT_EQ(done.phase(), 4);
-        EXPECT_EQ(done.progress(), 100);
+        EXPECT_EQ(info_of(s).transfer(), (std::vector<std::int32_t>{1, 4, 100})) << "done";
         EXPECT_EQ(s->mirror_enabled, 3);
         ASSERT_NE(s->mirror, nullptr);
 
@@ -186,9 +161,8 @@ TEST_F(ImageTransfer, PutSendsWhatChangedUnderMemBack) {
     make_card();
     {
         test::SimProcess sim({"--table", "table.xml", "--image", card});
-        modbus_vukra_session* s = open(sim.port());
+        modbus_vukra_session* s = open_mounted(sim.port());
         ASSERT_NE(s, nullptr);
-        ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
         ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
         ASSERT_EQ(modbus_vukra_op_protected_create(s, "/mem/new.txt"), 0);
         const std::string text = "written under /mem\n";
@@ -196,10 +170,7 @@ TEST_F(ImageTransfer, PutSendsWhatChangedUnderMemBack) {
                   static_cast<std::int32_t>(text.size()));
         ASSERT_EQ(modbus_vukra_op_protected_remove(s, "/mem/hello"), 0);
         ASSERT_EQ(modbus_vukra_op_protected_putfs(s), 0) << modbus_vukra_op_session_error(s);
-        const Info done = info_of(s);
-        EXPECT_EQ(done.direction(), 2);
-        EXPECT_EQ(done.phase(), 4);
-        EXPECT_EQ(done.progress(), 100);
+        EXPECT_EQ(info_of(s).transfer(), (std::vector<std::int32_t>{2, 4, 100})) << "done";
         close(s);
     }
     ASSERT_EQ(run(ufs(card + " get /new.txt out.txt")), 0);
@@ -211,9 +182,8 @@ TEST_F(ImageTransfer, PutSendsWhatChangedUnderMemBack) {
 TEST_F(ImageTransfer, CancelDuringTheDataPhaseStopsAtAGroupBoundary) {
     make_card(300000);
     test::SimProcess sim({"--table", "table.xml", "--image", card});
-    modbus_vukra_session* s = open(sim.port());
+    modbus_vukra_session* s = open_mounted(sim.port());
     ASSERT_NE(s, nullptr);
-    ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
 
     std::atomic<bool> finished{false};
     std::atomic<int> cancelled_in_phase{0};
@@ -250,9 +220,8 @@ TEST_F(ImageTransfer, DeviceThatVanishesFailsWithinTheTimeOut) {
     make_card(100000);
     {
         test::SimProcess sim({"--table", "table.xml", "--image", card, "--drop-after", "30"});
-        modbus_vukra_session* s = open(sim.port());
+        modbus_vukra_session* s = open_mounted(sim.port());
         ASSERT_NE(s, nullptr);
-        ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(getfs(s), -1);
         const auto took = std::chrono::steady_clock::now() - start;
@@ -263,9 +232,8 @@ TEST_F(ImageTransfer, DeviceThatVanishesFailsWithinTheTimeOut) {
         close(s);
     }
     test::SimProcess sim({"--table", "table.xml", "--image", card});
-    modbus_vukra_session* s = open(sim.port());
+    modbus_vukra_session* s = open_mounted(sim.port());
     ASSERT_NE(s, nullptr);
-    ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
     ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
     EXPECT_TRUE(mem_mounted_locally());
     close(s);
@@ -308,9 +276,8 @@ TEST_F(ImageTransfer, DamagedImagesAreRefusedAndTheSessionGoesOn) {
     for (const RefusedImage& c : cases) {
         SCOPED_TRACE(c.what);
         test::FakeCardDevice device(c.image, c.kind);
-        modbus_vukra_session* s = open(device.port());
+        modbus_vukra_session* s = open_mounted(device.port());
         ASSERT_NE(s, nullptr);
-        ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
         EXPECT_EQ(getfs(s), -1);
         EXPECT_EQ(modbus_vukra_op_session_error(s), c.error);
         EXPECT_EQ(s->mirror_enabled, 0);
@@ -328,9 +295,8 @@ TEST_F(ImageTransfer, ImageWithNoGroupInUseMovesOnlyHeaderMetadataAndSignature) 
     {
         // First a card with data, so that the local groups are not zeros.
         test::FakeCardDevice device(full);
-        modbus_vukra_session* s = open(device.port());
+        modbus_vukra_session* s = open_mounted(device.port());
         ASSERT_NE(s, nullptr);
-        ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
         ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
         close(s);
     }
@@ -338,9 +304,8 @@ TEST_F(ImageTransfer, ImageWithNoGroupInUseMovesOnlyHeaderMetadataAndSignature) 
     ASSERT_NE(before.find_first_not_of('\0', l.data_start()), std::string::npos);
 
     test::FakeCardDevice device(empty_map);
-    modbus_vukra_session* s = open(device.port());
+    modbus_vukra_session* s = open_mounted(device.port());
     ASSERT_NE(s, nullptr);
-    ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
     getfs(s); // the mount of a volume without its groups may fail; the copy is what counts here
     EXPECT_EQ(info_of(s).phase(), 4);
     EXPECT_EQ(info_of(s).progress(), 100);
@@ -361,9 +326,8 @@ TEST_F(ImageTransfer, ImageWithNoGroupInUseMovesOnlyHeaderMetadataAndSignature) 
 TEST_F(ImageTransfer, HostThreadsBesideTheTimer) {
     make_card();
     test::SimProcess sim({"--table", "table.xml", "--image", card});
-    modbus_vukra_session* s = open(sim.port());
+    modbus_vukra_session* s = open_mounted(sim.port());
     ASSERT_NE(s, nullptr);
-    ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
     std::atomic<bool> stop{false};
     std::atomic<int> failures{0};
     std::atomic<int> calls{0};

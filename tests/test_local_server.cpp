@@ -60,6 +60,14 @@ std::int32_t serve(std::uint8_t code, const Bytes& payload, Reply& reply) {
     return served.result;
 }
 
+// A request served and its reply decoded, the service checked.
+template <typename Reply, typename Request>
+Reply ask(std::uint8_t code, const Request& request, std::uint32_t extra = 0) {
+    Reply reply;
+    EXPECT_GE(serve(code, encoded(code, request, extra), reply), 0);
+    return reply;
+}
+
 // The low byte the host sees of a read or readdir status.
 std::int32_t low(std::int32_t status) { return status & 0xFF; }
 
@@ -70,38 +78,25 @@ struct LocalServer : ::testing::Test {
     LocalServer() {
         kernel::set_diagnostic_stream(nullptr);
         kernel::kernel_start();
-        kernel::Descriptor card = kernel::open("/dev/sdcard0", kernel::kOpenRead | kernel::kOpenWrite);
-        std::int32_t size = kCard;
-        kernel::ioctl(card, 2, &size);
-        kernel::close(card);
-        kernel::UfsMakeArgument make{128, 0xFFFFFFFF, 512, kCard};
-        EXPECT_EQ(kernel::mkfs(kernel::kUfsx, "/dev/sdcard0", &make), 0);
-        EXPECT_EQ(kernel::mount(kernel::kUfsx, "/dev/sdcard0", "/mem"), 0);
+        EXPECT_TRUE(test::mount_card(kCard, kernel::UfsMakeArgument{128, 0xFFFFFFFF, 512, kCard}));
     }
 
     MountReply mount(std::uint8_t a = 0, std::uint8_t b = 1, std::uint8_t c = 1, std::uint8_t d = 1) {
-        MountReply reply;
-        EXPECT_GE(serve(kOpMount, encoded(kOpMount, MountRequest{"host", MountFlags{{a, b, c, d}}}), reply), 0);
+        const MountReply reply = ask<MountReply>(kOpMount, MountRequest{"host", MountFlags{{a, b, c, d}}});
         if (reply.status == 0) volume = reply.volume;
         return reply;
     }
 
     LookupReply designate(std::uint8_t code, const char* path, FileHandle from = {0, -1}) {
-        LookupReply reply;
-        EXPECT_GE(serve(code, encoded(code, LookupRequest{volume, from, path}), reply), 0);
-        return reply;
+        return ask<LookupReply>(code, LookupRequest{volume, from, path});
     }
     LookupReply lookup(const char* path, FileHandle from = {0, -1}) { return designate(kOpLookup, path, from); }
 
     std::int32_t by_path(std::uint8_t code, const char* path) {
-        StatusReply reply;
-        EXPECT_GE(serve(code, encoded(code, PathRequest{volume, path}), reply), 0);
-        return reply.status;
+        return ask<StatusReply>(code, PathRequest{volume, path}).status;
     }
     std::int32_t rename(const char* from, const char* to) {
-        StatusReply reply;
-        EXPECT_GE(serve(kOpRename, encoded(kOpRename, RenameRequest{volume, from, to}), reply), 0);
-        return reply.status;
+        return ask<StatusReply>(kOpRename, RenameRequest{volume, from, to}).status;
     }
 
     WriteReply write(FileHandle h, std::int32_t position, const std::string& bytes) {
@@ -109,22 +104,19 @@ struct LocalServer : ::testing::Test {
         const WriteRequest request{volume, h, position, n,
                                    WireBuffer{static_cast<std::int32_t>(n),
                                               reinterpret_cast<const std::uint8_t*>(bytes.data())}};
-        WriteReply reply;
-        EXPECT_GE(serve(kOpWrite, encoded(kOpWrite, request, n), reply), 0);
-        return reply;
+        return ask<WriteReply>(kOpWrite, request, n);
     }
 
     // The bytes read and the reply.
     std::string read(FileHandle h, std::int32_t position, std::uint32_t count, ReadReply& reply) {
-        EXPECT_GE(serve(kOpRead, encoded(kOpRead, ReadRequest{volume, h, position, count}), reply), 0);
+        reply = ask<ReadReply>(kOpRead, ReadRequest{volume, h, position, count});
         if (reply.status != 0 || reply.data.data == nullptr) return "";
         return std::string(reinterpret_cast<const char*>(reply.data.data), reply.count);
     }
 
     // One page: its names (the nodes freed), cookie and flag.
     std::vector<std::string> page(FileHandle h, std::int32_t& cookie, int& eof, std::int32_t& status) {
-        ReaddirReply reply;
-        EXPECT_GE(serve(kOpReaddir, encoded(kOpReaddir, ReaddirRequest{volume, h, cookie, kReaddirCount}), reply), 0);
+        const auto reply = ask<ReaddirReply>(kOpReaddir, ReaddirRequest{volume, h, cookie, kReaddirCount});
         std::vector<std::string> names;
         for (const DirEntryNode* n = reply.entries; n != nullptr; n = n->next) names.emplace_back(std::string(n->name));
         free_nodes(reply.entries);
@@ -135,8 +127,7 @@ struct LocalServer : ::testing::Test {
     }
 
     FsUsage fsstat(const char* path, std::int32_t& status) {
-        FsstatReply reply;
-        EXPECT_GE(serve(kOpFsstat, encoded(kOpFsstat, PathRequest{volume, path}), reply), 0);
+        const auto reply = ask<FsstatReply>(kOpFsstat, PathRequest{volume, path});
         status = reply.status;
         return reply.usage;
     }

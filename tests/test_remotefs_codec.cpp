@@ -43,6 +43,17 @@ Bytes encoded(const void* record, std::uint32_t size, const FieldDescriptor* tab
     return e.bytes;
 }
 
+struct Decoded {
+    std::int32_t result;
+    std::uint32_t size; // the input bytes taken
+};
+
+// Decodes all of wire into a record of size (32-bit terms).
+Decoded decode_all(void* record, const Bytes& wire, std::uint32_t size, const FieldDescriptor* table) {
+    const std::int32_t r = decode(record, wire.data(), static_cast<std::uint32_t>(wire.size()), size, table);
+    return {r, size};
+}
+
 Bytes operator+(Bytes a, const Bytes& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
@@ -99,9 +110,9 @@ TEST(RemoteFsRequests, RequestsDecodeBackWithTheirOwnTables) {
     const LookupRequest lookup{2, FileHandle{5, -3}, "/a/b"};
     Bytes wire = encoded(&lookup, 16, kLookupRequestFields);
     LookupRequest back{};
-    std::uint32_t size = 16;
-    EXPECT_EQ(decode(&back, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kLookupRequestFields), 16);
-    EXPECT_EQ(size, wire.size());
+    const Decoded d = decode_all(&back, wire, 16, kLookupRequestFields);
+    EXPECT_EQ(d.result, 16);
+    EXPECT_EQ(d.size, wire.size());
     EXPECT_EQ(back.volume, 2u);
     EXPECT_EQ(back.directory.node, 5u);
     EXPECT_EQ(back.directory.tag, -3);
@@ -113,8 +124,7 @@ TEST(RemoteFsRequests, RequestsDecodeBackWithTheirOwnTables) {
     wire = encoded(&write, 1024 + 28, kWriteRequestFields);
     ASSERT_EQ(wire.size(), 5 * 8 + 4 + 1028u) << "1024 bytes end on a boundary: 4 more";
     WriteRequest wback{};
-    size = 1024 + 28;
-    ASSERT_EQ(decode(&wback, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kWriteRequestFields), 28);
+    ASSERT_EQ(decode_all(&wback, wire, 1024 + 28, kWriteRequestFields).result, 28);
     EXPECT_EQ(wback.data.length, 1028) << "the padded length";
     EXPECT_EQ(std::memcmp(wback.data.data, data.data(), 1024), 0);
     EXPECT_TRUE(wback.data.data == wire.data() + 44) << "points into the input";
@@ -126,12 +136,11 @@ TEST(RemoteFsPadding, ScalarsStringsAndBuffers) {
     } one{0x5A};
     const FieldDescriptor byte_table[] = {{kFieldByte, 1, nullptr, 0}, {kFieldEnd, 0, nullptr, 0}};
     EXPECT_EQ(encoded(&one, 1, byte_table), Wire{}.item(4, {0x5A}).bytes);
-    const Bytes one_wire = Wire{}.item(4, {0x77, 0x11, 0x22, 0x33}).bytes;
     OneByte one_back{0};
-    std::uint32_t size = 1;
-    EXPECT_EQ(decode(&one_back, one_wire.data(), 8, size, byte_table), 1);
+    const Decoded one_decoded = decode_all(&one_back, Wire{}.item(4, {0x77, 0x11, 0x22, 0x33}).bytes, 1, byte_table);
+    EXPECT_EQ(one_decoded.result, 1);
     EXPECT_EQ(one_back.value, 0x77);
-    EXPECT_EQ(size, 8u);
+    EXPECT_EQ(one_decoded.size, 8u);
 
     const FieldDescriptor string_table[] = {{kFieldString, 4, nullptr, 0}, {kFieldEnd, 0, nullptr, 0}};
     struct __attribute__((packed)) Text {
@@ -150,9 +159,7 @@ TEST(RemoteFsPadding, ScalarsStringsAndBuffers) {
 
     // A null string arrives as 4 bytes; only L = 0 decodes as null.
     Text back{"x"};
-    size = 4;
-    const Bytes zero_length = Wire{}.word(0).bytes;
-    EXPECT_EQ(decode(&back, zero_length.data(), 4, size, string_table), 4);
+    EXPECT_EQ(decode_all(&back, Wire{}.word(0).bytes, 4, string_table).result, 4);
     EXPECT_TRUE(back.text == nullptr);
 
     const FieldDescriptor buffer_table[] = {{kFieldBuffer, 8, nullptr, 0}, {kFieldEnd, 0, nullptr, 0}};
@@ -161,8 +168,7 @@ TEST(RemoteFsPadding, ScalarsStringsAndBuffers) {
     Bytes wire = encoded(&buffer, 8, buffer_table);
     EXPECT_EQ(wire, Wire{}.item(12, {1, 2, 3, 4, 5, 6, 7, 8}).bytes);
     WireBuffer buffer_back{};
-    size = 8;
-    EXPECT_EQ(decode(&buffer_back, wire.data(), 16, size, buffer_table), 8);
+    EXPECT_EQ(decode_all(&buffer_back, wire, 8, buffer_table).result, 8);
     EXPECT_EQ(buffer_back.length, 12);
     const WireBuffer negative{-5, eight};
     EXPECT_EQ(encoded(&negative, 8, buffer_table), Wire{}.item(0).bytes);
@@ -171,50 +177,44 @@ TEST(RemoteFsPadding, ScalarsStringsAndBuffers) {
 }
 
 TEST(RemoteFsReplies, EveryReplyDecodesIntoItsRecord) {
-    Bytes wire = Wire{}.item(0xFFFFFFF3u).bytes;
     StatusReply status{};
-    std::uint32_t size = 4;
-    EXPECT_EQ(decode(&status, wire.data(), 8, size, kStatusReplyFields), 4);
+    EXPECT_EQ(decode_all(&status, Wire{}.item(0xFFFFFFF3u).bytes, 4, kStatusReplyFields).result, 4);
     EXPECT_EQ(status.status, -13);
 
-    wire = Wire{}.item(1).item(4, {9, 8, 7, 6}).item(4, {8}).item(4, {7}).item(4, {6}).item(0).bytes;
+    const Bytes wire = Wire{}.item(1).item(4, {9, 8, 7, 6}).item(4, {8}).item(4, {7}).item(4, {6}).item(0).bytes;
     MountReply mount{};
-    size = 12;
-    EXPECT_EQ(decode(&mount, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kMountReplyFields), 12);
-    EXPECT_EQ(size, wire.size());
+    const Decoded m = decode_all(&mount, wire, 12, kMountReplyFields);
+    EXPECT_EQ(m.result, 12);
+    EXPECT_EQ(m.size, wire.size());
     EXPECT_EQ(mount.volume, 1u);
     EXPECT_EQ(mount.flags.bytes[0], 9);
     EXPECT_EQ(mount.flags.bytes[1], 8);
     EXPECT_EQ(mount.flags.bytes[2], 7);
     EXPECT_EQ(mount.flags.bytes[3], 6);
 
-    wire = Wire{}.item(11).item(12).item(13).item(14).item(23).bytes;
     GetattrReply getattr{};
-    size = 20;
-    EXPECT_EQ(decode(&getattr, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kGetattrReplyFields), 20);
+    EXPECT_EQ(decode_all(&getattr, Wire{}.item(11).item(12).item(13).item(14).item(23).bytes, 20, kGetattrReplyFields)
+                  .result,
+              20);
     EXPECT_EQ(getattr.attributes.words[3], 14u);
     EXPECT_EQ(getattr.status, 23);
 
-    wire = Wire{}.item(9).item(3).item(1).item(2).item(3).item(4).item(0).bytes;
     LookupReply lookup{};
-    size = 28;
-    EXPECT_EQ(decode(&lookup, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kLookupReplyFields), 28);
+    const Bytes lookup_wire = Wire{}.item(9).item(3).item(1).item(2).item(3).item(4).item(0).bytes;
+    EXPECT_EQ(decode_all(&lookup, lookup_wire, 28, kLookupReplyFields).result, 28);
     EXPECT_EQ(lookup.handle.node, 9u);
     EXPECT_EQ(lookup.handle.tag, 3);
     EXPECT_EQ(lookup.attributes.words[0], 1u);
     EXPECT_EQ(lookup.attributes.words[3], 4u);
 
-    wire = Wire{}.item(1024).item(0xFFFFFFFFu).bytes;
     WriteReply write{};
-    size = 8;
-    EXPECT_EQ(decode(&write, wire.data(), 16, size, kWriteReplyFields), 8);
+    EXPECT_EQ(decode_all(&write, Wire{}.item(1024).item(0xFFFFFFFFu).bytes, 8, kWriteReplyFields).result, 8);
     EXPECT_EQ(write.count, 1024u);
     EXPECT_EQ(write.status, -1);
 
-    wire = Wire{}.item(100).item(200).item(300).item(400).item(0).bytes;
     FsstatReply fsstat{};
-    size = 20;
-    EXPECT_EQ(decode(&fsstat, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kFsstatReplyFields), 20);
+    const Bytes fsstat_wire = Wire{}.item(100).item(200).item(300).item(400).item(0).bytes;
+    EXPECT_EQ(decode_all(&fsstat, fsstat_wire, 20, kFsstatReplyFields).result, 20);
     EXPECT_EQ(fsstat.usage.words[2], 300u);
     EXPECT_EQ(fsstat.status, 0);
 }
@@ -225,9 +225,9 @@ TEST(RemoteFsReplies, ReadStatusIsTheFourthByteOfItsItem) {
     const Bytes wire =
         Wire{}.item(3).item(8, {'a', 'b', 'c'}).item(4, {1, 0xAA, 0xBB, 0xCC}).item(4, {0x11, 0x22, 0x33, 0x07}).bytes;
     ReadReply reply{};
-    std::uint32_t size = 20;
-    ASSERT_EQ(decode(&reply, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kReadReplyFields), 17);
-    EXPECT_EQ(size, wire.size());
+    const Decoded d = decode_all(&reply, wire, 20, kReadReplyFields);
+    ASSERT_EQ(d.result, 17);
+    EXPECT_EQ(d.size, wire.size());
     EXPECT_EQ(reply.count, 3u);
     EXPECT_EQ(reply.data.length, 8);
     EXPECT_EQ(std::memcmp(reply.data.data, "abc", 3), 0);
@@ -257,12 +257,10 @@ TEST(RemoteFsReplies, ReaddirListOfThreeNodesCarriesItsSizeWords) {
                            .item(4, {0x77, 0x88, 0x99, 0})
                            .bytes;
     ReaddirReply reply{};
-    std::uint32_t size = 16;
-    const std::int32_t filled = decode(&reply, wire.data(), static_cast<std::uint32_t>(wire.size()), size,
-                                       kReaddirReplyFields);
-    ASSERT_GE(filled, 0);
-    EXPECT_EQ(filled, 40 + 4 + 1 + 4) << "the list's 36 bytes and its own word, then cookie, flag, status";
-    EXPECT_EQ(size, wire.size());
+    const Decoded d = decode_all(&reply, wire, 16, kReaddirReplyFields);
+    ASSERT_GE(d.result, 0);
+    EXPECT_EQ(d.result, 40 + 4 + 1 + 4) << "the list's 36 bytes and its own word, then cookie, flag, status";
+    EXPECT_EQ(d.size, wire.size());
     // Packed nodes: their fields are read by value, never bound to references.
     std::vector<std::pair<std::uint32_t, std::string>> nodes;
     for (const DirEntryNode* n = reply.entries; n != nullptr && nodes.size() < 4; n = n->next) {
@@ -288,10 +286,8 @@ TEST(RemoteFsReplies, ReaddirListOfThreeNodesCarriesItsSizeWords) {
     free_nodes(reply.entries);
 
     // An empty directory: a 0 word and no node.
-    const Bytes empty = Wire{}.word(0).item(5).item(4, {1}).item(0).bytes;
     ReaddirReply none{};
-    size = 16;
-    EXPECT_EQ(decode(&none, empty.data(), static_cast<std::uint32_t>(empty.size()), size, kReaddirReplyFields), 13);
+    EXPECT_EQ(decode_all(&none, Wire{}.word(0).item(5).item(4, {1}).item(0).bytes, 16, kReaddirReplyFields).result, 13);
     EXPECT_TRUE(none.entries == nullptr);
     EXPECT_EQ(none.eof, 1);
 }
@@ -311,9 +307,7 @@ TEST(RemoteFsCodec, NullArgumentsAndBadKinds) {
     const FieldDescriptor bad[] = {{12, 4, nullptr, 0}, {kFieldEnd, 0, nullptr, 0}};
     size = 4;
     EXPECT_EQ(encode(out, sizeof out, &status, size, bad), -1);
-    const Bytes wire = Wire{}.item(1).bytes;
-    size = 4;
-    EXPECT_EQ(decode(&status, wire.data(), 8, size, bad), -1);
+    EXPECT_EQ(decode_all(&status, Wire{}.item(1).bytes, 4, bad).result, -1);
 
     // Kind 10 neither writes an item nor takes record bytes.
     const FieldDescriptor skip[] = {{kFieldNone, 0, nullptr, 0}, {kFieldSigned, 4, nullptr, 0}, {kFieldEnd, 0, nullptr, 0}};
@@ -331,10 +325,8 @@ TEST(RemoteFsCodec, EncodingStopsAtTheRecordSize) {
 }
 
 TEST(RemoteFsDamagedInput, ScalarsLongerThanFourAreRefused) {
-    const Bytes wire = Wire{}.item(8, {1, 0, 0, 0, 0, 0, 0, 0}).bytes;
     StatusReply status{};
-    std::uint32_t size = 4;
-    EXPECT_EQ(decode(&status, wire.data(), static_cast<std::uint32_t>(wire.size()), size, kStatusReplyFields), -1);
+    EXPECT_EQ(decode_all(&status, Wire{}.item(8, {1, 0, 0, 0, 0, 0, 0, 0}).bytes, 4, kStatusReplyFields).result, -1);
 }
 
 TEST(RemoteFsDamagedInput, EveryTruncationOfAReplyFails) {
@@ -342,37 +334,25 @@ TEST(RemoteFsDamagedInput, EveryTruncationOfAReplyFails) {
     for (std::size_t n = 0; n < wire.size(); ++n) {
         Bytes cut(wire.begin(), wire.begin() + static_cast<long>(n)); // exactly n bytes on the heap
         ReadReply reply{};
-        std::uint32_t size = 20;
-        EXPECT_EQ(decode(&reply, cut.data(), static_cast<std::uint32_t>(n), size, kReadReplyFields), -1) << n;
+        EXPECT_EQ(decode_all(&reply, cut, 20, kReadReplyFields).result, -1) << n;
     }
 }
 
 TEST(RemoteFsDamagedInput, LengthsPastTheEndAndStringsWithoutTheirNul) {
-    Bytes wire = Wire{}.word(1000).word(0x41414141).bytes;
     PathRequest path{};
-    std::uint32_t size = 8;
-    const Bytes long_string = Wire{}.item(1).word(1000).word(0x41414141).bytes;
-    EXPECT_EQ(decode(&path, long_string.data(), static_cast<std::uint32_t>(long_string.size()), size,
-                     kPathRequestFields), -1);
-    const Bytes no_nul = Wire{}.item(1).item(4, {'a', 'b', 'c', 'd'}).bytes;
-    size = 8;
-    EXPECT_EQ(decode(&path, no_nul.data(), static_cast<std::uint32_t>(no_nul.size()), size, kPathRequestFields), -1);
+    EXPECT_EQ(decode_all(&path, Wire{}.item(1).word(1000).word(0x41414141).bytes, 8, kPathRequestFields).result, -1);
+    EXPECT_EQ(decode_all(&path, Wire{}.item(1).item(4, {'a', 'b', 'c', 'd'}).bytes, 8, kPathRequestFields).result, -1);
     WireBuffer buffer{};
     const FieldDescriptor buffer_table[] = {{kFieldBuffer, 8, nullptr, 0}, {kFieldEnd, 0, nullptr, 0}};
-    size = 8;
-    EXPECT_EQ(decode(&buffer, wire.data(), static_cast<std::uint32_t>(wire.size()), size, buffer_table), -1);
-    wire = Wire{}.word(0xFFFFFFFFu).bytes;
-    size = 8;
-    EXPECT_EQ(decode(&buffer, wire.data(), static_cast<std::uint32_t>(wire.size()), size, buffer_table), -1);
+    EXPECT_EQ(decode_all(&buffer, Wire{}.word(1000).word(0x41414141).bytes, 8, buffer_table).result, -1);
+    EXPECT_EQ(decode_all(&buffer, Wire{}.word(0xFFFFFFFFu).bytes, 8, buffer_table).result, -1);
 }
 
 TEST(RemoteFsDamagedInput, AListThatNeverEndsIsBoundedByTheInput) {
     Wire w;
     for (int i = 0; i < 200; ++i) w.word(12).item(static_cast<std::uint32_t>(i)).text(4, "n");
     ReaddirReply reply{};
-    std::uint32_t size = 16;
-    EXPECT_EQ(decode(&reply, w.bytes.data(), static_cast<std::uint32_t>(w.bytes.size()), size, kReaddirReplyFields),
-              -1);
+    EXPECT_EQ(decode_all(&reply, w.bytes, 16, kReaddirReplyFields).result, -1);
     int nodes = 0;
     for (DirEntryNode* n = reply.entries; n != nullptr; n = n->next) ++nodes;
     EXPECT_EQ(nodes, 200) << "the nodes made stay the caller's";

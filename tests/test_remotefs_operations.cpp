@@ -1,12 +1,12 @@
 // File operations through the exports against a scripted device on a
 // pseudo-terminal: the frames they send, what they make of the replies,
 // routing by "/mem", the local operations and a silent device.
-#include "link/slip.h"
 #include "modbus_vukra.h"
 #include "remotefs/transport.h"
 #include "session/session.h"
 #include "support/files.h"
 #include "support/pty_pair.h"
+#include "support/session_fixture.h"
 #include "support/temp_dir.h"
 #include "support/wire_bytes.h"
 
@@ -19,8 +19,8 @@
 #include <unistd.h>
 
 using namespace vukra;
+using test::Bytes;
 using test::Wire;
-using Bytes = std::vector<std::uint8_t>;
 
 namespace {
 
@@ -28,39 +28,14 @@ constexpr std::uint32_t kAll = 0xFFFFFFFFu;
 
 // One SLIP packet from the master end, or nothing within timeout_ms.
 Bytes receive_packet(int fd, int timeout_ms) {
-    Bytes packet;
-    bool escaped = false;
+    test::SlipReader line;
     for (;;) {
         pollfd p{fd, POLLIN, 0};
         if (::poll(&p, 1, timeout_ms) <= 0) return {};
         std::uint8_t byte;
         if (::read(fd, &byte, 1) != 1) return {};
-        if (byte == link::kSlipEnd) {
-            if (!packet.empty()) return packet;
-            continue;
-        }
-        if (escaped) {
-            packet.push_back(byte == link::kSlipEscEnd ? link::kSlipEnd : link::kSlipEsc);
-            escaped = false;
-        } else if (byte == link::kSlipEsc) {
-            escaped = true;
-        } else {
-            packet.push_back(byte);
-        }
+        if (line.take(byte)) return line.packet;
     }
-}
-
-Bytes frame_of(std::uint8_t code, const Bytes& payload, std::uint32_t stated_length) {
-    Bytes frame{1, code, 0, 0};
-    Wire w;
-    w.word(stated_length).word(0);
-    frame.insert(frame.end(), w.bytes.begin(), w.bytes.end());
-    frame.insert(frame.end(), payload.begin(), payload.end());
-    return frame;
-}
-
-Bytes frame_of(std::uint8_t code, const Bytes& payload) {
-    return frame_of(code, payload, static_cast<std::uint32_t>(payload.size()));
 }
 
 // The device: takes one request packet and answers it with a canned frame.
@@ -73,12 +48,7 @@ struct ScriptedDevice {
         thread = std::thread([this, reply = std::move(reply_frame)] {
             request = receive_packet(pty.master, 3000);
             if (request.empty() || reply.empty()) return;
-            Bytes wire(2 * reply.size() + 2);
-            wire[0] = link::kSlipEnd;
-            std::size_t n = link::slip_escape(reply.data(), reply.size(), wire.data() + 1);
-            wire[n + 1] = link::kSlipEnd;
-            wire.resize(n + 2);
-            pty.send(wire);
+            pty.send(test::slip_packet(reply));
         });
     }
     // The request frame as the device saw it.
@@ -103,18 +73,19 @@ struct RemoteFsTest : ::testing::Test {
     ~RemoteFsTest() override {
         if (s != nullptr) modbus_vukra_op_session_close(s);
     }
+    // Every test starts with a session open.
+    void SetUp() override { ASSERT_NE(s, nullptr); }
     // Nothing reaches the device within a moment.
     bool line_quiet() const { return receive_packet(pty.master, 200).empty(); }
 };
 
 TEST_F(RemoteFsTest, MountSendsIdentityAndFlagsAndKeepsTheReply) {
-    ASSERT_NE(s, nullptr);
     const std::string path = s->mount_path;
     const std::uint32_t text_length = static_cast<std::uint32_t>(path.size() + 1 <= 4 ? 4 : path.size() + 1 + (4 - (path.size() + 1) % 4));
-    ScriptedDevice device(pty, frame_of(1, Wire{}.item(1).item(4, {0, 2, 3, 4}).item(4, {2}).item(4, {3}).item(4, {4}).item(0).bytes));
+    ScriptedDevice device(pty, test::frame(1, Wire{}.item(1).item(4, {0, 2, 3, 4}).item(4, {2}).item(4, {3}).item(4, {4}).item(0).bytes));
     EXPECT_EQ(modbus_vukra_op_protected_mount(s), 0);
     EXPECT_EQ(device.seen(),
-              frame_of(1, Wire{}.text(text_length, path).item(4, {0, 1, 1, 1}).item(4, {1, 1, 1}).item(4, {1, 1}).item(4, {1}).bytes));
+              test::frame(1, Wire{}.text(text_length, path).item(4, {0, 1, 1, 1}).item(4, {1, 1, 1}).item(4, {1, 1}).item(4, {1}).bytes));
     EXPECT_EQ(s->volume, 1u);
     EXPECT_EQ(s->reply_flags.bytes[1], 2);
     EXPECT_EQ(s->reply_flags.bytes[3], 4);
@@ -125,8 +96,7 @@ TEST_F(RemoteFsTest, MountSendsIdentityAndFlagsAndKeepsTheReply) {
 }
 
 TEST_F(RemoteFsTest, ARefusedMountKeepsTheVolumeAndStoresTheStatus) {
-    ASSERT_NE(s, nullptr);
-    ScriptedDevice device(pty, frame_of(1, Wire{}.item(0).item(4, {0, 1, 1, 1}).item(4, {1}).item(4, {1}).item(4, {1}).item(23).bytes));
+    ScriptedDevice device(pty, test::frame(1, Wire{}.item(0).item(4, {0, 1, 1, 1}).item(4, {1}).item(4, {1}).item(4, {1}).item(23).bytes));
     EXPECT_EQ(modbus_vukra_op_protected_mount(s), -1);
     EXPECT_EQ(modbus_vukra_op_session_error(s), 23);
     EXPECT_EQ(s->volume, kAll);
@@ -134,13 +104,12 @@ TEST_F(RemoteFsTest, ARefusedMountKeepsTheVolumeAndStoresTheStatus) {
 }
 
 TEST_F(RemoteFsTest, LookupSendsTheCurrentHandleAndTakesTheNewOne) {
-    ASSERT_NE(s, nullptr);
     s->volume = 1;
     s->position = 77;
-    ScriptedDevice device(pty, frame_of(4, Wire{}.item(9).item(3).item(10).item(20).item(30).item(40).item(0).bytes));
+    ScriptedDevice device(pty, test::frame(4, Wire{}.item(9).item(3).item(10).item(20).item(30).item(40).item(0).bytes));
     modbus_vukra_attributes attributes{};
     EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/etc/x", &attributes), 0);
-    EXPECT_EQ(device.seen(), frame_of(4, Wire{}.item(1).item(0).item(kAll).text(8, "/etc/x").bytes));
+    EXPECT_EQ(device.seen(), test::frame(4, Wire{}.item(1).item(0).item(kAll).text(8, "/etc/x").bytes));
     EXPECT_EQ(s->directory_ref, 9u);
     EXPECT_EQ(s->file_descriptor, 3);
     EXPECT_EQ(s->position, 0);
@@ -150,8 +119,7 @@ TEST_F(RemoteFsTest, LookupSendsTheCurrentHandleAndTakesTheNewOne) {
 }
 
 TEST_F(RemoteFsTest, AFailedCreateStillTakesTheHandleAndReportsTheStatus) {
-    ASSERT_NE(s, nullptr);
-    ScriptedDevice device(pty, frame_of(7, Wire{}.item(0).item(kAll).item(0).item(0).item(0).item(0).item(17).bytes));
+    ScriptedDevice device(pty, test::frame(7, Wire{}.item(0).item(kAll).item(0).item(0).item(0).item(0).item(17).bytes));
     EXPECT_EQ(modbus_vukra_op_protected_create(s, "/f"), -1);
     EXPECT_EQ(device.seen()[1], 7);
     EXPECT_EQ(modbus_vukra_op_session_error(s), 17);
@@ -159,24 +127,22 @@ TEST_F(RemoteFsTest, AFailedCreateStillTakesTheHandleAndReportsTheStatus) {
 }
 
 TEST_F(RemoteFsTest, ReadCopiesTheReportedCountAndAdvances) {
-    ASSERT_NE(s, nullptr);
     s->volume = 1;
     s->file_descriptor = 4;
     s->position = 100;
-    ScriptedDevice device(pty, frame_of(5, Wire{}.item(3).item(8, {'x', 'y', 'z', 'w'}).item(4, {1, 9, 9, 9})
+    ScriptedDevice device(pty, test::frame(5, Wire{}.item(3).item(8, {'x', 'y', 'z', 'w'}).item(4, {1, 9, 9, 9})
                                                 .item(4, {9, 9, 9, 0}).bytes));
     char buffer[8] = "-------";
     EXPECT_EQ(modbus_vukra_op_protected_read(s, buffer, 5000), 3);
-    EXPECT_EQ(device.seen(), frame_of(5, Wire{}.item(1).item(0).item(4).item(100).item(1024).bytes))
+    EXPECT_EQ(device.seen(), test::frame(5, Wire{}.item(1).item(0).item(4).item(100).item(1024).bytes))
         << "5000 asks for 1024";
     EXPECT_STREQ(buffer, "xyz----");
     EXPECT_EQ(s->position, 103);
 }
 
 TEST_F(RemoteFsTest, ReadStatusIsTheLowByteOfTheDevicesStatus) {
-    ASSERT_NE(s, nullptr);
     s->file_descriptor = 4;
-    ScriptedDevice device(pty, frame_of(5, Wire{}.item(0).item(4, {}).item(4, {0}).item(4, {0, 0, 0, 0x85}).bytes));
+    ScriptedDevice device(pty, test::frame(5, Wire{}.item(0).item(4, {}).item(4, {0}).item(4, {0, 0, 0, 0x85}).bytes));
     char buffer[4];
     EXPECT_EQ(modbus_vukra_op_protected_read(s, buffer, 4), -1);
     device.seen();
@@ -185,9 +151,8 @@ TEST_F(RemoteFsTest, ReadStatusIsTheLowByteOfTheDevicesStatus) {
 }
 
 TEST_F(RemoteFsTest, ADeviceClaimingMoreThanAskedIsCutToTheRequest) {
-    ASSERT_NE(s, nullptr);
     s->file_descriptor = 4;
-    ScriptedDevice device(pty, frame_of(5, Wire{}.item(900).item(8, {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'})
+    ScriptedDevice device(pty, test::frame(5, Wire{}.item(900).item(8, {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'})
                                                 .item(4, {0}).item(0).bytes));
     char buffer[2] = {};
     EXPECT_EQ(modbus_vukra_op_protected_read(s, buffer, 2), 2);
@@ -195,26 +160,24 @@ TEST_F(RemoteFsTest, ADeviceClaimingMoreThanAskedIsCutToTheRequest) {
 }
 
 TEST_F(RemoteFsTest, WriteSendsAtMost1024BytesAndAdvancesByTheReply) {
-    ASSERT_NE(s, nullptr);
     s->volume = 2;
     s->file_descriptor = 6;
     s->position = 10;
     std::vector<std::uint8_t> data(5000);
     for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<std::uint8_t>(i);
-    ScriptedDevice device(pty, frame_of(6, Wire{}.item(1000).item(0).bytes));
+    ScriptedDevice device(pty, test::frame(6, Wire{}.item(1000).item(0).bytes));
     EXPECT_EQ(modbus_vukra_op_protected_write(s, data.data(), 5000), 1000);
     const Bytes sent = device.seen();
-    EXPECT_EQ(sent, frame_of(6, Wire{}.item(2).item(0).item(6).item(10).item(1024)
+    EXPECT_EQ(sent, test::frame(6, Wire{}.item(2).item(0).item(6).item(10).item(1024)
                                     .item(1028, Bytes(data.begin(), data.begin() + 1024)).bytes));
     EXPECT_EQ(s->position, 1010);
     EXPECT_EQ(modbus_vukra_op_protected_write(s, nullptr, 4), -1) << "no data to send";
 }
 
 TEST_F(RemoteFsTest, ReaddirHandsOverEntriesTheHostFreesWithFree) {
-    ASSERT_NE(s, nullptr);
     s->directory_ref = 8;
     s->position = 2;
-    ScriptedDevice device(pty, frame_of(12, Wire{}
+    ScriptedDevice device(pty, test::frame(12, Wire{}
                                                .word(36).item(1).text(4, "a")
                                                .word(24).item(2).text(8, "bbbb")
                                                .word(12).item(3).text(4, "ccc")
@@ -222,62 +185,53 @@ TEST_F(RemoteFsTest, ReaddirHandsOverEntriesTheHostFreesWithFree) {
                                                .item(5).item(4, {1}).item(0).bytes));
     modbus_vukra_dir_entry* first = nullptr;
     EXPECT_EQ(modbus_vukra_op_protected_readdir(s, &first), 1);
-    EXPECT_EQ(device.seen(), frame_of(12, Wire{}.item(kAll).item(8).item(kAll).item(2).item(120).bytes));
-    std::vector<std::string> names;
-    while (first != nullptr) {
-        names.emplace_back(first->name);
-        modbus_vukra_dir_entry* next = first->next;
-        std::free(first);
-        first = next;
-    }
-    EXPECT_EQ(names, (std::vector<std::string>{"a", "bbbb", "ccc"}));
+    EXPECT_EQ(device.seen(), test::frame(12, Wire{}.item(kAll).item(8).item(kAll).item(2).item(120).bytes));
+    EXPECT_EQ(test::take_names(first), (std::vector<std::string>{"a", "bbbb", "ccc"}));
     EXPECT_EQ(s->position, 5);
     EXPECT_EQ(modbus_vukra_op_protected_telldir(s), 5);
 }
 
 TEST_F(RemoteFsTest, FsstatRemoveRenameRmdirMkdirAndMkfsFrames) {
-    ASSERT_NE(s, nullptr);
     s->volume = 1;
     {
-        ScriptedDevice device(pty, frame_of(13, Wire{}.item(1).item(2).item(3).item(4).item(0).bytes));
+        ScriptedDevice device(pty, test::frame(13, Wire{}.item(1).item(2).item(3).item(4).item(0).bytes));
         modbus_vukra_usage usage{};
         EXPECT_EQ(modbus_vukra_op_protected_fsstat(s, "/", &usage), 0);
-        EXPECT_EQ(device.seen(), frame_of(13, Wire{}.item(1).text(4, "/").bytes));
+        EXPECT_EQ(device.seen(), test::frame(13, Wire{}.item(1).text(4, "/").bytes));
         EXPECT_EQ(usage.words[3], 4u);
     }
     {
-        ScriptedDevice device(pty, frame_of(8, Wire{}.item(2).bytes));
+        ScriptedDevice device(pty, test::frame(8, Wire{}.item(2).bytes));
         EXPECT_EQ(modbus_vukra_op_protected_remove(s, "/abc"), -1);
-        EXPECT_EQ(device.seen(), frame_of(8, Wire{}.item(1).text(8, "/abc").bytes));
+        EXPECT_EQ(device.seen(), test::frame(8, Wire{}.item(1).text(8, "/abc").bytes));
         EXPECT_EQ(modbus_vukra_op_session_error(s), 2);
     }
     {
-        ScriptedDevice device(pty, frame_of(9, Wire{}.item(0).bytes));
+        ScriptedDevice device(pty, test::frame(9, Wire{}.item(0).bytes));
         EXPECT_EQ(modbus_vukra_op_protected_rename(s, "/a", "/b"), 0);
-        EXPECT_EQ(device.seen(), frame_of(9, Wire{}.item(1).text(4, "/a").text(4, "/b").bytes));
+        EXPECT_EQ(device.seen(), test::frame(9, Wire{}.item(1).text(4, "/a").text(4, "/b").bytes));
     }
     {
-        ScriptedDevice device(pty, frame_of(11, Wire{}.item(0).bytes));
+        ScriptedDevice device(pty, test::frame(11, Wire{}.item(0).bytes));
         EXPECT_EQ(modbus_vukra_op_protected_rmdir(s, "/d"), 0);
         EXPECT_EQ(device.seen()[1], 11);
     }
     {
-        ScriptedDevice device(pty, frame_of(10, Wire{}.item(5).item(kAll).item(0).item(0).item(0).item(0).item(0).bytes));
+        ScriptedDevice device(pty, test::frame(10, Wire{}.item(5).item(kAll).item(0).item(0).item(0).item(0).item(0).bytes));
         EXPECT_EQ(modbus_vukra_op_protected_mkdir(s, "/d"), 0);
         EXPECT_EQ(device.seen()[1], 10);
         EXPECT_EQ(s->directory_ref, 5u);
     }
     {
-        ScriptedDevice device(pty, frame_of(15, Wire{}.item(0).bytes));
+        ScriptedDevice device(pty, test::frame(15, Wire{}.item(0).bytes));
         const modbus_vukra_mkfs_params params{{64, 8, 2}};
         EXPECT_EQ(modbus_vukra_op_protected_mkfs(s, &params), 0);
-        EXPECT_EQ(device.seen(), frame_of(15, Wire{}.item(1).item(5).item(kAll).item(64).item(8).item(2).bytes));
+        EXPECT_EQ(device.seen(), test::frame(15, Wire{}.item(1).item(5).item(kAll).item(64).item(8).item(2).bytes));
     }
     EXPECT_EQ(modbus_vukra_op_protected_mkfs(s, nullptr), -1);
 }
 
 TEST_F(RemoteFsTest, SeekSeekdirAndTelldirAnswerFromTheSession) {
-    ASSERT_NE(s, nullptr);
     EXPECT_EQ(modbus_vukra_op_protected_seek(s, 10, 0), -1);
     EXPECT_EQ(modbus_vukra_op_session_error(s), 21);
     EXPECT_EQ(modbus_vukra_op_protected_seekdir(s, 3), -1);
@@ -305,7 +259,6 @@ TEST_F(RemoteFsTest, SeekSeekdirAndTelldirAnswerFromTheSession) {
 }
 
 TEST_F(RemoteFsTest, MemPathsGoToTheMirrorAndOthersToTheDevice) {
-    ASSERT_NE(s, nullptr);
     modbus_vukra_session* mirror = modbus_vukra_op_session_open(nullptr);
     ASSERT_NE(mirror, nullptr);
     mirror->mirror_enabled = 3;
@@ -332,7 +285,7 @@ TEST_F(RemoteFsTest, MemPathsGoToTheMirrorAndOthersToTheDevice) {
     EXPECT_EQ(s->position, 0);
     EXPECT_TRUE(line_quiet());
 
-    ScriptedDevice device(pty, frame_of(4, Wire{}.item(6).item(1).item(0).item(0).item(0).item(0).item(0).bytes));
+    ScriptedDevice device(pty, test::frame(4, Wire{}.item(6).item(1).item(0).item(0).item(0).item(0).item(0).bytes));
     EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/x", nullptr), 0);
     EXPECT_EQ(device.seen()[1], 4);
     EXPECT_EQ(s->mirror_selected, 0);
@@ -340,21 +293,19 @@ TEST_F(RemoteFsTest, MemPathsGoToTheMirrorAndOthersToTheDevice) {
 }
 
 TEST_F(RemoteFsTest, BeforeTheMirrorEveryPathGoesToTheDevice) {
-    ASSERT_NE(s, nullptr);
-    ScriptedDevice device(pty, frame_of(8, Wire{}.item(0).bytes));
+    ScriptedDevice device(pty, test::frame(8, Wire{}.item(0).bytes));
     EXPECT_EQ(modbus_vukra_op_protected_remove(s, "/mem/x"), 0);
     EXPECT_EQ(device.seen()[1], 8);
     EXPECT_EQ(s->mirror_selected, 0);
 }
 
 TEST_F(RemoteFsTest, FsstatStatusStaysWithTheSessionThatCarriedIt) {
-    ASSERT_NE(s, nullptr);
     modbus_vukra_session* mirror = modbus_vukra_op_session_open(nullptr);
     ASSERT_NE(mirror, nullptr);
     s->mirror = mirror;
     s->mirror_enabled = 3;
     s->mirror_selected = 1; // left over from an earlier /mem path
-    ScriptedDevice device(pty, frame_of(13, Wire{}.item(0).item(0).item(0).item(0).item(30).bytes));
+    ScriptedDevice device(pty, test::frame(13, Wire{}.item(0).item(0).item(0).item(0).item(30).bytes));
     modbus_vukra_usage usage;
     EXPECT_EQ(modbus_vukra_op_protected_fsstat(s, "/data", &usage), -1);
     device.seen();
@@ -364,13 +315,12 @@ TEST_F(RemoteFsTest, FsstatStatusStaysWithTheSessionThatCarriedIt) {
 }
 
 TEST_F(RemoteFsTest, NullGoesToTheDeviceEvenWhenTheMirrorIsSelected) {
-    ASSERT_NE(s, nullptr);
     s->mirror_enabled = 3;
     s->mirror_selected = 1;
     {
-        ScriptedDevice device(pty, frame_of(0, Wire{}.item(0).bytes));
+        ScriptedDevice device(pty, test::frame(0, Wire{}.item(0).bytes));
         EXPECT_EQ(modbus_vukra_op_protected_null(s), 0);
-        EXPECT_EQ(device.seen(), frame_of(0, Wire{}.item(kAll).bytes));
+        EXPECT_EQ(device.seen(), test::frame(0, Wire{}.item(kAll).bytes));
         EXPECT_EQ(s->mirror_selected, 1) << "null leaves the selection alone";
     }
     s->file_descriptor = 1;
@@ -379,7 +329,6 @@ TEST_F(RemoteFsTest, NullGoesToTheDeviceEvenWhenTheMirrorIsSelected) {
 }
 
 TEST_F(RemoteFsTest, ASilentDeviceGives513) {
-    ASSERT_NE(s, nullptr);
     s->port->timeout_ms = 200;
     EXPECT_EQ(modbus_vukra_op_protected_null(s), -1);
     EXPECT_EQ(modbus_vukra_op_session_error(s), 513);
@@ -387,9 +336,8 @@ TEST_F(RemoteFsTest, ASilentDeviceGives513) {
 }
 
 TEST_F(RemoteFsTest, AReplyLengthBeyondWhatCameIsNotBelieved) {
-    ASSERT_NE(s, nullptr);
     {
-        ScriptedDevice device(pty, frame_of(0, Wire{}.item(0).bytes, 1900));
+        ScriptedDevice device(pty, test::frame(0, Wire{}.item(0).bytes, 1900));
         EXPECT_EQ(modbus_vukra_op_protected_null(s), 0);
         device.seen();
     }
@@ -403,8 +351,7 @@ TEST_F(RemoteFsTest, AReplyLengthBeyondWhatCameIsNotBelieved) {
 }
 
 TEST_F(RemoteFsTest, AnEmptyRequestIsJustTheHeader) {
-    ASSERT_NE(s, nullptr);
-    ScriptedDevice device(pty, frame_of(3, {}));
+    ScriptedDevice device(pty, test::frame(3, {}));
     std::uint32_t reply_length = 7;
     {
         remotefs::Exclusive exclusive;
@@ -441,7 +388,6 @@ TEST(RemoteFsNoSession, EveryFileExportRefusesANullSession) {
 }
 
 TEST_F(RemoteFsTest, ANullSessionIsRefusedWhileASessionIsOpen) {
-    ASSERT_NE(s, nullptr);
     EXPECT_EQ(modbus_vukra_op_protected_lookup(nullptr, "/x", nullptr), -1);
     EXPECT_EQ(modbus_vukra_op_protected_telldir(nullptr), -1);
     EXPECT_TRUE(line_quiet());

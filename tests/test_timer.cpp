@@ -4,8 +4,7 @@
 #include "platform/platform.h"
 #include "session/session.h"
 #include "support/fake_card_device.h"
-#include "support/files.h"
-#include "support/temp_dir.h"
+#include "support/session_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -126,16 +125,7 @@ TEST(Timer, RoutineStopsItsOwnTimer) {
 
 // ---- the Session's notification ----------------------------------------
 
-struct SessionTimer : ::testing::Test {
-    test::TempWorkingDir dir;
-    SessionTimer() { test::write_file("table.xml", test::read_file(VUKRA_EXAMPLES_DIR "/table.xml")); }
-    modbus_vukra_session* open(const std::string& port) {
-        testing::internal::CaptureStdout();
-        modbus_vukra_session* s = modbus_vukra_op_session_open(port.c_str());
-        testing::internal::GetCapturedStdout();
-        return s;
-    }
-};
+using SessionTimer = test::SessionFixture;
 
 std::atomic<int> callbacks{0};
 std::atomic<modbus_vukra_session*> called_with{nullptr};
@@ -174,15 +164,12 @@ TEST_F(SessionTimer, NotifiesAboutOnceASecondOnlyAfterAMount) {
 
 TEST_F(SessionTimer, StatusRequestGoesOutWithNeitherWindowNorCallback) {
     test::FakeCardDevice device("");
-    modbus_vukra_session* s = open(device.port());
+    modbus_vukra_session* s = open_mounted(device.port());
     ASSERT_NE(s, nullptr);
-    ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
     sleep_ms(2500);
     EXPECT_GE(device.nulls(), 2);
     EXPECT_LE(device.nulls(), 3);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
-    testing::internal::GetCapturedStdout();
+    close(s);
     const int after_close = device.nulls();
     sleep_ms(1300);
     EXPECT_EQ(device.nulls(), after_close) << "nothing after close";
@@ -205,9 +192,7 @@ TEST_F(SessionTimer, CallbackClosesItsOwnSession) {
     // The port is free again for a new session.
     modbus_vukra_session* again = open(device.port());
     ASSERT_NE(again, nullptr);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(modbus_vukra_op_session_close(again), 0);
-    testing::internal::GetCapturedStdout();
+    close(again);
 }
 
 } // namespace

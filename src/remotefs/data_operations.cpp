@@ -10,8 +10,6 @@ namespace vukra::remotefs {
 
 namespace {
 
-FileHandle current_handle(const session::Session& s) { return FileHandle{s.directory_ref, s.file_descriptor}; }
-
 // Counts below 0 ask for nothing; above kMaxTransfer, for kMaxTransfer.
 std::uint32_t clamp_count(std::int32_t count) {
     return count <= 0 ? 0 : std::min(static_cast<std::uint32_t>(count), kMaxTransfer);
@@ -62,8 +60,7 @@ std::int32_t read(session::Session& s, void* buffer, std::int32_t count) {
     const ReadRequest request{t.volume, current_handle(t), t.position, asked};
     Exclusive exclusive; // the reply's data lies in the shared reply buffer
     ReadReply reply;
-    const std::int32_t filled =
-        exchange(t, kOpRead, &request, kOperations[kOpRead].request_size, &reply, sizeof reply);
+    const std::int32_t filled = exchange(t, kOpRead, request, reply);
     if (filled < 0) return -1;
     // The status item carries the sender's low status byte as its fourth
     // byte, where this record's status word begins.
@@ -88,7 +85,7 @@ std::int32_t write(session::Session& s, const void* buffer, std::int32_t count) 
     const WriteRequest request{t.volume, current_handle(t), t.position, n,
                                WireBuffer{static_cast<std::int32_t>(n), static_cast<const std::uint8_t*>(buffer)}};
     WriteReply reply;
-    if (exchange(t, kOpWrite, &request, n + kOperations[kOpWrite].request_size, &reply, sizeof reply) < 0) return -1;
+    if (exchange(t, kOpWrite, request, reply, n) < 0) return -1;
     s.error = reply.status;
     if (reply.status != 0) return -1;
     t.position = advanced(t.position, reply.count);
@@ -102,8 +99,7 @@ std::int32_t readdir(session::Session& s, modbus_vukra_dir_entry** first) {
     Exclusive exclusive; // the names lie in the shared reply buffer
     ReaddirReply reply{};
     NodesOf nodes{reply};
-    if (exchange(t, kOpReaddir, &request, kOperations[kOpReaddir].request_size, &reply, sizeof reply) < 0)
-        return -1;
+    if (exchange(t, kOpReaddir, request, reply) < 0) return -1;
     s.error = reply.status;
     if (reply.status != 0) return -1;
     if (first != nullptr && !to_listing(reply.entries, first)) return -1;

@@ -29,11 +29,6 @@ constexpr std::size_t kPiece = 1024; // what one remote read or write moves at m
 constexpr std::uint32_t kOpenReadWrite = 3;
 constexpr std::uint32_t kSizeRequest = 1;
 
-std::uint32_t le32(const std::uint8_t* p) {
-    return static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
-           static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
-}
-
 // One end of the transfer: the device's card through the session's
 // current handle, or the local card through a kernel descriptor.
 struct Side {
@@ -189,9 +184,9 @@ void Transfer::header() {
         throw Failed{kImageRefused};
     }
     read_exact(source_, header_fields, kHeaderFields);
-    map_size_ = le32(header_fields + 0);
-    group_count_ = le32(header_fields + 4);
-    metadata_size_ = le32(header_fields + 12);
+    map_size_ = load_le32(header_fields + 0);
+    group_count_ = load_le32(header_fields + 4);
+    metadata_size_ = load_le32(header_fields + 12);
     map_start_ = static_cast<std::uint32_t>(kSignatureSize + field_bytes);
 
     // A damaged header must not send the copy anywhere: the map covers
@@ -247,7 +242,6 @@ void Transfer::data() {
         if (map_[i] != 0) {
             seek(source_, offset);
             seek(destination_, offset);
-            std::memset(staging.get(), 0, chunk);
             for (std::uint32_t moved = 0; moved < chunk;) {
                 const std::size_t got = read_some(source_, staging.get() + moved, chunk - moved);
                 if (got == 0) {

@@ -33,18 +33,12 @@ constexpr std::uint32_t kReplyFrame = 4 + 8 + 8 + 8;
 } // namespace
 
 std::int32_t readdir_handler(std::uint8_t* out, const std::uint8_t* payload, std::uint32_t length) {
-    kernel::clear_kernel_error();
     ReaddirRequest request;
     ReaddirReply reply{};
+    reply.status = admit(kOpReaddir, payload, length, request);
     const State& s = state();
-    if (!take(kOpReaddir, payload, length, request))
-        reply.status = kServerBadRequest;
-    else if (!volume_ok(request.volume))
-        reply.status = kServerWrongVolume;
-    else if (!is_current_directory(request.handle))
-        reply.status = kServerNotOpen;
-    else if (kernel::seekdir(s.directory, request.cookie) != 0)
-        reply.status = kernel_status();
+    if (reply.status == 0 && !is_current_directory(request.handle)) reply.status = kServerNotOpen;
+    if (reply.status == 0 && kernel::seekdir(s.directory, request.cookie) != 0) reply.status = kernel_status();
     if (reply.status != 0) return give(kOpReaddir, out, reply);
 
     const std::uint32_t count = std::min(request.count, kReaddirCount);

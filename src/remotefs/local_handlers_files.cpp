@@ -58,19 +58,15 @@ std::int32_t make_file(const std::string& path) {
 
 std::int32_t designate(Designation what, std::uint8_t code, std::uint8_t* out, const std::uint8_t* payload,
                        std::uint32_t length) {
-    kernel::clear_kernel_error();
     LookupRequest request;
-    LookupReply reply{kNoHandle, {}, 0};
+    LookupReply reply{kNoHandle, {}, admit(code, payload, length, request)};
     const State& s = state();
     std::string path;
-    if (!take(code, payload, length, request))
-        reply.status = kServerBadRequest;
-    else if (!volume_ok(request.volume))
-        reply.status = kServerWrongVolume;
-    else if (request.path != nullptr && request.path[0] != '/' && request.directory.node != 0 &&
-             !is_current_directory(request.directory))
+    if (reply.status == 0 && request.path != nullptr && request.path[0] != '/' && request.directory.node != 0 &&
+        !is_current_directory(request.directory))
         reply.status = kServerNotOpen;
-    else if (!served_path(request.path, is_current_directory(request.directory) ? s.directory_path : "", path))
+    if (reply.status == 0 &&
+        !served_path(request.path, is_current_directory(request.directory) ? s.directory_path : "", path))
         reply.status = kServerOutside;
     // Whatever the outcome, what was open is closed: the host takes the
     // reply's handle as its own.
@@ -84,8 +80,7 @@ std::int32_t designate(Designation what, std::uint8_t code, std::uint8_t* out, c
     if (reply.status == 0) {
         const bool directory = s.directory >= 0;
         reply.handle = directory ? directory_handle() : file_handle();
-        if (!attributes_of_open(directory ? s.directory : s.file, directory ? s.directory_node : s.file_node,
-                                !directory && s.file_is_device, reply.attributes)) {
+        if (!attributes_of_open(directory, reply.attributes)) {
             reply.status = kernel_status();
             close_all();
             reply.handle = kNoHandle;
@@ -115,18 +110,13 @@ std::int32_t mkdir_handler(std::uint8_t* out, const std::uint8_t* payload, std::
 // At most 1024 bytes from the position; end-of-file when fewer came than
 // were asked for. The status is written naturally aligned behind the flag.
 std::int32_t read_handler(std::uint8_t* out, const std::uint8_t* payload, std::uint32_t length) {
-    kernel::clear_kernel_error();
     ReadRequest request;
     ReadReply reply{};
     reply.data = WireBuffer{0, read_area};
+    reply.status = admit(kOpRead, payload, length, request);
     const State& s = state();
-    if (!take(kOpRead, payload, length, request))
-        reply.status = kServerBadRequest;
-    else if (!volume_ok(request.volume))
-        reply.status = kServerWrongVolume;
-    else if (!is_open_file(request.handle))
-        reply.status = kServerNotOpen;
-    else {
+    if (reply.status == 0 && !is_open_file(request.handle)) reply.status = kServerNotOpen;
+    if (reply.status == 0) {
         const std::uint32_t asked = std::min(request.count, kMaxTransfer);
         if (s.file_is_device) notify(ServerEvent::kDeviceRead);
         long got = -1;
@@ -145,18 +135,11 @@ std::int32_t read_handler(std::uint8_t* out, const std::uint8_t* payload, std::u
 // The request's count (at most 1024, and no more than its data item
 // holds) at the position.
 std::int32_t write_handler(std::uint8_t* out, const std::uint8_t* payload, std::uint32_t length) {
-    kernel::clear_kernel_error();
     WriteRequest request;
-    WriteReply reply{0, 0};
+    WriteReply reply{0, admit(kOpWrite, payload, length, request)};
     const State& s = state();
-    if (!take(kOpWrite, payload, length, request) || request.data.data == nullptr || request.count > kMaxTransfer ||
-        request.data.length < 0 || request.count > static_cast<std::uint32_t>(request.data.length))
-        reply.status = kServerBadRequest;
-    else if (!volume_ok(request.volume))
-        reply.status = kServerWrongVolume;
-    else if (!is_open_file(request.handle))
-        reply.status = kServerNotOpen;
-    else {
+    if (reply.status == 0 && !is_open_file(request.handle)) reply.status = kServerNotOpen;
+    if (reply.status == 0) {
         if (s.file_is_device) notify(ServerEvent::kDeviceWrite);
         long put = -1;
         if (kernel::lseek(s.file, request.position, 0) >= 0) put = kernel::write(s.file, request.data.data, request.count);

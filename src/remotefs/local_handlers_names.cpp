@@ -11,11 +11,9 @@ enum class Removal { kFile, kDirectory };
 
 std::int32_t remove_path(Removal what, std::uint8_t code, std::uint8_t* out, const std::uint8_t* payload,
                          std::uint32_t length) {
-    kernel::clear_kernel_error();
     PathRequest request;
     std::string path;
-    if (!take(code, payload, length, request)) return give_status(code, out, kServerBadRequest);
-    if (!volume_ok(request.volume)) return give_status(code, out, kServerWrongVolume);
+    if (const std::int32_t refused = admit(code, payload, length, request)) return give_status(code, out, refused);
     if (!served_path(request.path, "", path)) return give_status(code, out, kServerOutside);
     notify(ServerEvent::kPathRequest);
     kernel::NodeStatus status{};
@@ -45,11 +43,10 @@ std::int32_t rmdir_handler(std::uint8_t* out, const std::uint8_t* payload, std::
 // The old name's object gets the new name; an existing object of the new
 // name is replaced as the kernel's rename does it.
 std::int32_t rename_handler(std::uint8_t* out, const std::uint8_t* payload, std::uint32_t length) {
-    kernel::clear_kernel_error();
     RenameRequest request;
     std::string from, to;
-    if (!take(kOpRename, payload, length, request)) return give_status(kOpRename, out, kServerBadRequest);
-    if (!volume_ok(request.volume)) return give_status(kOpRename, out, kServerWrongVolume);
+    if (const std::int32_t refused = admit(kOpRename, payload, length, request))
+        return give_status(kOpRename, out, refused);
     if (!served_path(request.old_path, "", from) || !served_path(request.new_path, "", to))
         return give_status(kOpRename, out, kServerOutside);
     notify(ServerEvent::kPathRequest);

@@ -29,37 +29,23 @@ std::int32_t mount_handler(std::uint8_t* out, const std::uint8_t* payload, std::
 }
 
 std::int32_t getattr_handler(std::uint8_t* out, const std::uint8_t* payload, std::uint32_t length) {
-    kernel::clear_kernel_error();
     GetattrRequest request;
     GetattrReply reply{};
-    const State& s = state();
-    if (!take(kOpGetattr, payload, length, request))
-        reply.status = kServerBadRequest;
-    else if (!volume_ok(request.volume))
-        reply.status = kServerWrongVolume;
-    else if (is_current_directory(request.handle)) {
-        if (!attributes_of_open(s.directory, s.directory_node, false, reply.attributes)) reply.status = kernel_status();
-    } else if (is_open_file(request.handle)) {
-        if (!attributes_of_open(s.file, s.file_node, s.file_is_device, reply.attributes))
-            reply.status = kernel_status();
-    } else
-        reply.status = kServerNotOpen;
+    reply.status = admit(kOpGetattr, payload, length, request);
+    const bool directory = is_current_directory(request.handle);
+    if (reply.status == 0 && !directory && !is_open_file(request.handle)) reply.status = kServerNotOpen;
+    if (reply.status == 0 && !attributes_of_open(directory, reply.attributes)) reply.status = kernel_status();
     return give(kOpGetattr, out, reply);
 }
 
 // Usage words: block size, blocks, free blocks, free nodes.
 std::int32_t fsstat_handler(std::uint8_t* out, const std::uint8_t* payload, std::uint32_t length) {
-    kernel::clear_kernel_error();
     PathRequest request;
     FsstatReply reply{};
+    reply.status = admit(kOpFsstat, payload, length, request);
     std::string path;
-    if (!take(kOpFsstat, payload, length, request))
-        reply.status = kServerBadRequest;
-    else if (!volume_ok(request.volume))
-        reply.status = kServerWrongVolume;
-    else if (!served_path(request.path, "", path))
-        reply.status = kServerOutside;
-    else {
+    if (reply.status == 0 && !served_path(request.path, "", path)) reply.status = kServerOutside;
+    if (reply.status == 0) {
         notify(ServerEvent::kPathRequest);
         kernel::FsStatus usage{};
         if (kernel::fsstat(path.c_str(), usage) != 0)
@@ -74,10 +60,9 @@ std::int32_t fsstat_handler(std::uint8_t* out, const std::uint8_t* payload, std:
 // nodes (0: 256), word 1 the blocks (0: as many as fit), word 2 the block
 // size (0: 512; ufs takes sizes other than 16 to 512 as 32).
 std::int32_t mkfs_handler(std::uint8_t* out, const std::uint8_t* payload, std::uint32_t length) {
-    kernel::clear_kernel_error();
     MkfsRequest request;
-    if (!take(kOpMkfs, payload, length, request)) return give_status(kOpMkfs, out, kServerBadRequest);
-    if (!volume_ok(request.volume)) return give_status(kOpMkfs, out, kServerWrongVolume);
+    if (const std::int32_t refused = admit(kOpMkfs, payload, length, request))
+        return give_status(kOpMkfs, out, refused);
     const State& s = state();
     if (!is_open_file(request.handle)) return give_status(kOpMkfs, out, kServerNotOpen);
     if (!s.file_is_device) return give_status(kOpMkfs, out, kServerNotDevice);

@@ -2,6 +2,7 @@
 // of a request and the giving of a reply, paths, handles and attributes.
 #pragma once
 
+#include "kernel/kernel_errors.h"
 #include "kernel/vfs.h"
 #include "remotefs/local_server.h"
 
@@ -51,9 +52,9 @@ bool is_open_file(const FileHandle& h);
 
 // The four attribute words of a node (docs/remote-fs.md).
 FileAttributes attributes_of(const kernel::NodeStatus& status);
-// The attributes of what the server holds open at fd (node: its number);
-// a device node's size is the device's. False when the kernel fails.
-bool attributes_of_open(kernel::Descriptor fd, std::uint32_t node, bool device, FileAttributes& out);
+// The attributes of the current directory (directory) or of the open
+// file; a device node's size is the device's. False when the kernel fails.
+bool attributes_of_open(bool directory, FileAttributes& out);
 // The size a device driver tells for an open device node, or 0.
 std::uint32_t device_size(kernel::Descriptor fd);
 
@@ -64,14 +65,35 @@ std::uint32_t device_size(kernel::Descriptor fd);
 // result lies outside the served root.
 bool served_path(const char* path, const std::string& base, std::string& out);
 
+// Whether a decoded request holds together: a write's count stays within
+// 1024 and within what its data item holds; other requests always do.
+template <typename Request>
+bool well_formed(const Request&) {
+    return true;
+}
+inline bool well_formed(const WriteRequest& r) {
+    return r.data.data != nullptr && r.count <= kMaxTransfer && r.data.length >= 0 &&
+           r.count <= static_cast<std::uint32_t>(r.data.length);
+}
+
 // Decodes a request of code's table into a zeroed record; false when it
-// does not decode.
+// does not decode or does not hold together.
 template <typename Request>
 bool take(std::uint8_t code, const std::uint8_t* payload, std::uint32_t length, Request& request) {
     std::memset(&request, 0, sizeof request);
     if (payload == nullptr) return false;
     std::uint32_t capacity = wire_size(kOperations[code].request);
-    return decode(&request, payload, length, capacity, kOperations[code].request) >= 0;
+    return decode(&request, payload, length, capacity, kOperations[code].request) >= 0 && well_formed(request);
+}
+
+// What every handler but null and mount does first: clears the kernel's
+// error, takes the request and checks its volume. 0 when the request may
+// go on, else its status (bad request, wrong volume).
+template <typename Request>
+std::int32_t admit(std::uint8_t code, const std::uint8_t* payload, std::uint32_t length, Request& request) {
+    kernel::clear_kernel_error();
+    if (!take(code, payload, length, request)) return kServerBadRequest;
+    return volume_ok(request.volume) ? 0 : kServerWrongVolume;
 }
 
 // Encodes reply with code's reply table into the reply buffer: the payload

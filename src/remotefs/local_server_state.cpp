@@ -97,11 +97,12 @@ std::uint32_t device_size(kernel::Descriptor fd) {
     return size > 0 ? static_cast<std::uint32_t>(size) : 0;
 }
 
-bool attributes_of_open(kernel::Descriptor fd, std::uint32_t node, bool device, FileAttributes& out) {
+bool attributes_of_open(bool directory, FileAttributes& out) {
+    const State& s = the_state;
     kernel::NodeStatus status{};
-    if (kernel::node_status(node, status) != 0) return false;
+    if (kernel::node_status(directory ? s.directory_node : s.file_node, status) != 0) return false;
     out = attributes_of(status);
-    if (device) out.words[2] = device_size(fd);
+    if (!directory && s.file_is_device) out.words[2] = device_size(s.file);
     return true;
 }
 

@@ -40,6 +40,15 @@ struct FieldDescriptor {
     std::uint32_t indirect;         // kFieldNested: non-zero = through a pointer
 };
 
+// The little-endian 32-bit words of items, frame headers and image headers.
+inline std::uint32_t load_le32(const std::uint8_t* p) {
+    return static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
+           static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
+}
+inline void store_le32(std::uint8_t* p, std::uint32_t v) {
+    for (int i = 0; i < 4; ++i) p[i] = static_cast<std::uint8_t>(v >> (8 * i));
+}
+
 #pragma pack(push, 1)
 // A buffer field (kind 9) as the host record holds it.
 struct WireBuffer {

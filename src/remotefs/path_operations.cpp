@@ -8,8 +8,6 @@ namespace vukra::remotefs {
 
 namespace {
 
-FileHandle current_handle(const session::Session& s) { return FileHandle{s.directory_ref, s.file_descriptor}; }
-
 // Stores status in the error word: 0 on success, else -1.
 std::int32_t settle(session::Session& s, std::int32_t status) {
     s.error = status;
@@ -21,7 +19,7 @@ std::int32_t settle(session::Session& s, std::int32_t status) {
 std::int32_t resolve(session::Session& s, std::uint8_t code, const char* path, LookupReply& reply) {
     session::Session& t = route(s, path);
     const LookupRequest request{t.volume, current_handle(t), path};
-    if (exchange(t, code, &request, kOperations[code].request_size, &reply, sizeof reply) < 0) return -1;
+    if (exchange(t, code, request, reply) < 0) return -1;
     t.directory_ref = reply.handle.node;
     t.file_descriptor = reply.handle.tag;
     t.position = 0;
@@ -32,7 +30,7 @@ std::int32_t by_path(session::Session& s, std::uint8_t code, const char* path) {
     session::Session& t = route(s, path);
     const PathRequest request{t.volume, path};
     StatusReply reply;
-    if (exchange(t, code, &request, kOperations[code].request_size, &reply, sizeof reply) < 0) return -1;
+    if (exchange(t, code, request, reply) < 0) return -1;
     return settle(s, reply.status);
 }
 
@@ -41,14 +39,14 @@ std::int32_t by_path(session::Session& s, std::uint8_t code, const char* path) {
 std::int32_t null_request(session::Session& s) {
     const NullRequest request{s.volume};
     StatusReply reply;
-    if (exchange(s, kOpNull, &request, kOperations[kOpNull].request_size, &reply, sizeof reply) < 0) return -1;
+    if (exchange(s, kOpNull, request, reply) < 0) return -1;
     return settle(s, reply.status);
 }
 
 std::int32_t mount(session::Session& s) {
     const MountRequest request{s.mount_path, s.request_flags};
     MountReply reply;
-    if (exchange(s, kOpMount, &request, kOperations[kOpMount].request_size, &reply, sizeof reply) < 0) return -1;
+    if (exchange(s, kOpMount, request, reply) < 0) return -1;
     s.reply_flags = reply.flags;
     if (settle(s, reply.status) != 0) return -1;
     s.volume = reply.volume;
@@ -82,7 +80,7 @@ std::int32_t rename(session::Session& s, const char* old_path, const char* new_p
     session::Session& t = route(s, old_path);
     const RenameRequest request{t.volume, old_path, new_path};
     StatusReply reply;
-    if (exchange(t, kOpRename, &request, kOperations[kOpRename].request_size, &reply, sizeof reply) < 0) return -1;
+    if (exchange(t, kOpRename, request, reply) < 0) return -1;
     return settle(s, reply.status);
 }
 
@@ -90,7 +88,7 @@ std::int32_t fsstat(session::Session& s, const char* path, modbus_vukra_usage* u
     session::Session& t = route(s, usage != nullptr ? path : nullptr);
     const PathRequest request{t.volume, path};
     FsstatReply reply;
-    if (exchange(t, kOpFsstat, &request, kOperations[kOpFsstat].request_size, &reply, sizeof reply) < 0) return -1;
+    if (exchange(t, kOpFsstat, request, reply) < 0) return -1;
     // Unlike the others, fsstat's status stays with the session that
     // carried it (the mirror's when routed).
     if (settle(t, reply.status) != 0) return -1;
@@ -103,7 +101,7 @@ std::int32_t mkfs(session::Session& s, const modbus_vukra_mkfs_params* params) {
     MkfsRequest request{s.volume, current_handle(s), {}};
     std::memcpy(request.params.words, params->words, sizeof request.params.words);
     StatusReply reply;
-    if (exchange(s, kOpMkfs, &request, kOperations[kOpMkfs].request_size, &reply, sizeof reply) < 0) return -1;
+    if (exchange(s, kOpMkfs, request, reply) < 0) return -1;
     return settle(s, reply.status);
 }
 

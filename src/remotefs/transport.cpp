@@ -26,15 +26,6 @@ platform::RecursiveLock& process_lock() {
     return holder.lock;
 }
 
-void store_le32(std::uint8_t* p, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<std::uint8_t>(v >> (8 * i));
-}
-
-std::uint32_t load_le32(const std::uint8_t* p) {
-    return static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
-           static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
-}
-
 // Bits per second of bytes moved in duration_ms; a transaction within one
 // millisecond counts as taking one.
 std::int32_t throughput(std::uint32_t bytes, std::uint32_t duration_ms) {
@@ -90,7 +81,6 @@ std::int32_t transact(session::Session& s, std::uint8_t code, std::uint8_t* repl
     const std::uint32_t start = platform::clock_ms();
     if (link::slip_send(s.port, frame, length + kFrameHeaderSize) < 0) return -1;
 
-    std::memset(frame, 0, sizeof frame);
     const long received = link::slip_receive(s.port, frame, sizeof frame);
     if (received < 0) {
         s.error = kNoReply;

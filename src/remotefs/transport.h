@@ -47,4 +47,14 @@ std::int32_t transact(session::Session& s, std::uint8_t code, std::uint8_t* repl
 std::int32_t exchange(session::Session& s, std::uint8_t code, const void* request, std::uint32_t size,
                       void* reply, std::size_t reply_host_size);
 
+// The same with code's own request size; a write adds its count (extra).
+template <typename Request, typename Reply>
+std::int32_t exchange(session::Session& s, std::uint8_t code, const Request& request, Reply& reply,
+                      std::uint32_t extra = 0) {
+    return exchange(s, code, &request, kOperations[code].request_size + extra, &reply, sizeof reply);
+}
+
+// The session's current handle, as requests carry it.
+inline FileHandle current_handle(const session::Session& s) { return FileHandle{s.directory_ref, s.file_descriptor}; }
+
 } // namespace vukra::remotefs

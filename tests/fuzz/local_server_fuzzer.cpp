@@ -10,6 +10,7 @@
 #include "kernel/vfs.h"
 #include "remotefs/local_server.h"
 #include "remotefs/messages.h"
+#include "../support/kernel_helpers.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -47,14 +48,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     if (mkdtemp(dir) == nullptr || chdir(dir) != 0) std::abort();
     kernel::set_diagnostic_stream(nullptr);
     kernel::kernel_start();
-    kernel::Descriptor card = kernel::open("/dev/sdcard0", kernel::kOpenRead | kernel::kOpenWrite);
-    std::int32_t size = kCardSize;
-    kernel::ioctl(card, 2, &size);
-    kernel::close(card);
-    kernel::UfsMakeArgument make{64, 0xFFFF, 128, kCardSize};
-    if (kernel::mkfs(kernel::kUfsx, "/dev/sdcard0", &make) != 0 ||
-        kernel::mount(kernel::kUfsx, "/dev/sdcard0", "/mem") != 0)
-        std::abort();
+    if (!test::mount_card(kCardSize, kernel::UfsMakeArgument{64, 0xFFFF, 128, kCardSize})) std::abort();
     kernel::mkdir("/mem/d");
     put("/mem/d/f", 3000);
     put("/mem/g", 10);

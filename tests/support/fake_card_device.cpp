@@ -1,13 +1,11 @@
 #include "support/fake_card_device.h"
 
-#include "link/slip.h"
 #include "remotefs/local_server_internal.h"
+#include "support/wire_bytes.h"
 
 #include <algorithm>
-#include <cstring>
 #include <poll.h>
 #include <unistd.h>
-#include <vector>
 
 namespace vukra::test {
 
@@ -24,35 +22,22 @@ FakeCardDevice::~FakeCardDevice() {
 }
 
 void FakeCardDevice::serve() {
-    std::string packet;
-    bool escaped = false;
+    SlipReader line;
     while (!stop_.load()) {
         pollfd p{pty_.master, POLLIN, 0};
         if (::poll(&p, 1, 50) <= 0) continue;
         std::uint8_t bytes[4096];
         const ssize_t n = ::read(pty_.master, bytes, sizeof bytes);
         if (n <= 0) continue;
-        for (ssize_t i = 0; i < n; ++i) {
-            const std::uint8_t byte = bytes[i];
-            if (byte == link::kSlipEnd) {
-                if (!packet.empty()) answer(packet);
-                packet.clear();
-            } else if (escaped) {
-                packet.push_back(static_cast<char>(byte == link::kSlipEscEnd ? link::kSlipEnd : link::kSlipEsc));
-                escaped = false;
-            } else if (byte == link::kSlipEsc) {
-                escaped = true;
-            } else {
-                packet.push_back(static_cast<char>(byte));
-            }
-        }
+        for (ssize_t i = 0; i < n; ++i)
+            if (line.take(bytes[i])) answer(line.packet);
     }
 }
 
-void FakeCardDevice::answer(const std::string& packet) {
+void FakeCardDevice::answer(const Bytes& packet) {
     if (packet.size() < kFrameHeaderSize) return;
-    const auto code = static_cast<std::uint8_t>(packet[1]);
-    const auto* payload = reinterpret_cast<const std::uint8_t*>(packet.data()) + kFrameHeaderSize;
+    const std::uint8_t code = packet[1];
+    const std::uint8_t* payload = packet.data() + kFrameHeaderSize;
     const auto length = static_cast<std::uint32_t>(packet.size() - kFrameHeaderSize);
     alignas(16) std::uint8_t reply[kPayloadCapacity];
     std::int32_t reply_length = -1;
@@ -86,17 +71,7 @@ void FakeCardDevice::answer(const std::string& packet) {
     default: reply_length = give_status(code, reply, 29); break;
     }
     if (reply_length < 0) return;
-    std::vector<std::uint8_t> frame(kFrameHeaderSize + static_cast<std::size_t>(reply_length), 0);
-    frame[0] = 1;
-    frame[1] = code;
-    for (int i = 0; i < 4; ++i) frame[4 + i] = static_cast<std::uint8_t>(static_cast<std::uint32_t>(reply_length) >> (8 * i));
-    std::memcpy(frame.data() + kFrameHeaderSize, reply, static_cast<std::size_t>(reply_length));
-    std::vector<std::uint8_t> wire(2 * frame.size() + 2);
-    wire[0] = link::kSlipEnd;
-    const std::size_t n = link::slip_escape(frame.data(), frame.size(), wire.data() + 1);
-    wire[n + 1] = link::kSlipEnd;
-    wire.resize(n + 2);
-    pty_.send(wire);
+    pty_.send(slip_packet(frame(code, Bytes(reply, reply + reply_length))));
 }
 
 } // namespace vukra::test

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "support/pty_pair.h"
+#include "support/wire_bytes.h"
 
 #include <atomic>
 #include <cstdint>
@@ -26,7 +27,7 @@ public:
 
 private:
     void serve();
-    void answer(const std::string& packet);
+    void answer(const Bytes& packet);
 
     PtyPair pty_;
     std::string image_;

@@ -17,4 +17,15 @@ std::set<std::string> names_in(const char* path);
 bool put_file(const char* path, const std::string& bytes);
 std::string get_file(const char* path);
 
+// Gives the card device size bytes, makes a ufsx volume on it and mounts
+// it at "/mem"; false when the volume is not made or not mounted. Inline:
+// the fuzzers, which have no test support library, use it too.
+inline bool mount_card(std::int32_t size, kernel::UfsMakeArgument make) {
+    const kernel::Descriptor card = kernel::open("/dev/sdcard0", kernel::kOpenRead | kernel::kOpenWrite);
+    kernel::ioctl(card, 2, &size);
+    kernel::close(card);
+    return kernel::mkfs(kernel::kUfsx, "/dev/sdcard0", &make) == 0 &&
+           kernel::mount(kernel::kUfsx, "/dev/sdcard0", "/mem") == 0;
+}
+
 } // namespace vukra::test
