@@ -81,6 +81,9 @@ std::int32_t transact(session::Session& s, std::uint8_t code, std::uint8_t* repl
     const std::uint32_t start = platform::clock_ms();
     if (link::slip_send(s.port, frame, length + kFrameHeaderSize) < 0) return -1;
 
+    // The reply lands in a cleared frame: a short reply reads as zeros,
+    // never as the request it replaced.
+    std::memset(frame, 0, sizeof frame);
     const long received = link::slip_receive(s.port, frame, sizeof frame);
     if (received < 0) {
         s.error = kNoReply;
