@@ -1,26 +1,20 @@
 // Writes then reads a 4 MiB file through the filesystem switch on a ufs
 // volume on "/dev/sdcard0", next to the same bytes written and read with
 // plain host file I/O in the same run.
-#include "kernel/kernel_start.h"
-#include "kernel/vfs.h"
+#include "ufs_bench_volume.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <vector>
 
 using namespace vukra::kernel;
-using Clock = std::chrono::steady_clock;
+using vukra::bench::Clock;
+using vukra::bench::seconds_since;
 
 namespace {
 
 constexpr std::size_t kFileSize = 4 << 20;
 constexpr std::size_t kChunk = 64 * 1024;
-
-double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 double through_the_switch(const std::vector<char>& data, std::vector<char>& back) {
     auto start = Clock::now();
@@ -48,13 +42,8 @@ double host_files(const std::vector<char>& data, std::vector<char>& back) {
 } // namespace
 
 int main() {
-    const std::filesystem::path dir = std::filesystem::temp_directory_path() / "vukra-ufs-bench";
-    std::filesystem::create_directories(dir);
-    std::filesystem::current_path(dir);
-    std::filesystem::remove("sdcard0.o");
-    kernel_start();
-    UfsMakeArgument make{64, 0xFFFFFFFF, 512, 0x800000};
-    if (mkfs(kUfsx, "/dev/sdcard0", &make) != 0 || mount(kUfsx, "/dev/sdcard0", "/mem") != 0) return 1;
+    const vukra::bench::UfsBenchVolume volume("vukra-ufs-bench", 64);
+    if (!volume.ok) return 1;
 
     std::vector<char> data(kFileSize), back(kFileSize);
     for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 2654435761u >> 24);
@@ -72,8 +61,5 @@ int main() {
     std::printf("  through the switch on /dev/sdcard0: %7.1f MiB/s\n", 2 * mib / ours);
     std::printf("  plain host file I/O:                %7.1f MiB/s\n", 2 * mib / host);
     std::printf("  ratio %.2f (target >= 0.50)\n", host / ours);
-    umount("/mem");
-    std::filesystem::current_path(dir.parent_path());
-    std::filesystem::remove_all(dir);
     return 0;
 }

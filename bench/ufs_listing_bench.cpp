@@ -3,25 +3,20 @@
 // as a server without state does it; both set against the consistency walk
 // of the same volume (ufs_check), which reads every entry once. Also times
 // making the 10,000 entries.
-#include "kernel/kernel_diagnostics.h"
-#include "kernel/kernel_start.h"
 #include "kernel/ufs_check.h"
-#include "kernel/vfs.h"
+#include "ufs_bench_volume.h"
 
-#include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <string>
 
 using namespace vukra::kernel;
-using Clock = std::chrono::steady_clock;
+using vukra::bench::Clock;
+using vukra::bench::seconds_since;
 
 namespace {
 
 constexpr int kEntries = 10000;
 constexpr int kPage = 8;
-
-double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 int list_whole() {
     Descriptor fd = open("/mem/d", kOpenRead);
@@ -51,15 +46,8 @@ int list_in_pages() {
 } // namespace
 
 int main() {
-    const std::filesystem::path dir = std::filesystem::temp_directory_path() / "vukra-ufs-listing-bench";
-    std::filesystem::create_directories(dir);
-    std::filesystem::current_path(dir);
-    std::filesystem::remove("sdcard0.o");
-    set_diagnostic_stream(nullptr);
-    kernel_start();
-    UfsMakeArgument make{kEntries + 64, 0xFFFFFFFF, 512, 0x800000};
-    if (mkfs(kUfsx, "/dev/sdcard0", &make) != 0 || mount(kUfsx, "/dev/sdcard0", "/mem") != 0 || mkdir("/mem/d") != 0)
-        return 1;
+    const vukra::bench::UfsBenchVolume volume("vukra-ufs-listing-bench", kEntries + 64);
+    if (!volume.ok || mkdir("/mem/d") != 0) return 1;
 
     auto start = Clock::now();
     for (int i = 0; i < kEntries; ++i) {
@@ -88,8 +76,5 @@ int main() {
     std::printf("listing whole:                       %8.2f ms  (%.2f x the walk)\n", whole_time * 1e3, whole_time / walk);
     std::printf("listing in pages of %d from cookies:  %8.2f ms  (%.2f x the walk)\n", kPage, paged_time * 1e3,
                 paged_time / walk);
-    umount("/mem");
-    std::filesystem::current_path("/");
-    std::filesystem::remove_all(dir);
     return 0;
 }

@@ -6,13 +6,16 @@ namespace vukra::kernel {
 
 namespace {
 
-bool redirected = false;
-std::FILE* chosen = nullptr;
+// Standard output until a program chooses; null: nowhere.
+std::FILE*& stream() {
+    static std::FILE* chosen = stdout;
+    return chosen;
+}
 
 } // namespace
 
 void diagnostic(const char* format, ...) {
-    std::FILE* out = redirected ? chosen : stdout;
+    std::FILE* out = stream();
     if (out == nullptr) return;
     va_list arguments;
     va_start(arguments, format);
@@ -20,10 +23,9 @@ void diagnostic(const char* format, ...) {
     va_end(arguments);
 }
 
-std::FILE* set_diagnostic_stream(std::FILE* stream) {
-    std::FILE* before = redirected ? chosen : stdout;
-    redirected = true;
-    chosen = stream;
+std::FILE* set_diagnostic_stream(std::FILE* chosen) {
+    std::FILE* before = stream();
+    stream() = chosen;
     return before;
 }
 

@@ -91,15 +91,13 @@ int remove(Mount& m, std::uint32_t dir, const char* name) {
     if (d == nullptr) return fail(kErrNoNode);
     auto it = find_entry(*d, name);
     if (it == d->entries.end()) return fail(kErrNoNode);
-    RootNode* target = node_at(m, it->second);
-    if (target && target->kind == kNodeDirectory && !target->entries.empty()) return fail(kErrExists);
-    if (target) *target = RootNode{};
+    if (RootNode* target = node_at(m, it->second)) *target = RootNode{};
     d->entries.erase(it);
     return 0;
 }
 
-// An existing name "to" is replaced: it refers to the moved node, and the
-// node it referred to is freed (a non-empty directory is not replaced).
+// An existing name "to" is replaced (the switch has refused what cannot
+// be): it refers to the moved node, and the node it referred to is freed.
 // Within one directory the entry keeps its place.
 int rename(Mount& m, std::uint32_t dir, const char* from, std::uint32_t to_dir, const char* to) {
     RootNode* d = directory_at(m, dir);
@@ -110,9 +108,7 @@ int rename(Mount& m, std::uint32_t dir, const char* from, std::uint32_t to_dir, 
     const std::uint32_t node = it->second;
     auto there = find_entry(*t, to);
     if (there != t->entries.end()) {
-        if (there->second == node) return 0;
         RootNode* old = node_at(m, there->second);
-        if (old && old->kind == kNodeDirectory && !old->entries.empty()) return fail(kErrExists);
         there->second = node;
         d->entries.erase(it);
         if (old) *old = RootNode{};

@@ -310,6 +310,16 @@ long write_bytes(Volume& v, std::uint32_t n, NodeRecord& node, std::uint32_t pos
     return static_cast<long>(at - position);
 }
 
+bool decode_entry(const std::uint8_t* bytes, std::size_t size, std::size_t at, std::uint32_t base,
+                  DirectoryEntry& entry) {
+    const std::size_t length = at + 3 <= size ? bytes[at + 2] : 0;
+    if (length == 0 || at + 3 + length > size) return false;
+    entry = DirectoryEntry{static_cast<std::uint16_t>(bytes[at] | bytes[at + 1] << 8),
+                           std::string(reinterpret_cast<const char*>(bytes + at + 3), length),
+                           static_cast<std::uint32_t>(base + at)};
+    return true;
+}
+
 bool read_entries(Volume& v, NodeRecord& dir, std::vector<DirectoryEntry>& entries) {
     std::uint32_t size = dir.size < kMaxDirectoryBytes ? dir.size : kMaxDirectoryBytes;
     std::vector<std::uint8_t> bytes(size);
@@ -317,14 +327,9 @@ bool read_entries(Volume& v, NodeRecord& dir, std::vector<DirectoryEntry>& entri
     if (got < 0) return false;
     bytes.resize(static_cast<std::size_t>(got));
     entries.clear();
-    for (std::size_t at = 0; at + 3 <= bytes.size();) {
-        std::uint16_t node = static_cast<std::uint16_t>(bytes[at] | bytes[at + 1] << 8);
-        std::size_t length = bytes[at + 2];
-        if (length == 0 || at + 3 + length > bytes.size()) break;
-        entries.push_back(DirectoryEntry{node, std::string(reinterpret_cast<char*>(&bytes[at + 3]), length),
-                                         static_cast<std::uint32_t>(at)});
-        at += 3 + length;
-    }
+    DirectoryEntry entry;
+    for (std::size_t at = 0; decode_entry(bytes.data(), bytes.size(), at, 0, entry); at += 3 + entry.name.size())
+        entries.push_back(entry);
     return true;
 }
 

@@ -17,6 +17,11 @@ struct DirectoryEntry {
 // A directory's content is read up to this many bytes; entries past it are not seen.
 inline constexpr std::uint32_t kMaxDirectoryBytes = 1u << 20;
 
+// The entry that starts at bytes[at] of size bytes of a directory's content
+// that begin at offset base; false when no whole entry starts there.
+bool decode_entry(const std::uint8_t* bytes, std::size_t size, std::size_t at, std::uint32_t base,
+                  DirectoryEntry& entry);
+
 // The entries of a directory; a damaged tail ends the list.
 bool read_entries(Volume& v, NodeRecord& dir, std::vector<DirectoryEntry>& entries);
 

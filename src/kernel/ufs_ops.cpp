@@ -123,11 +123,10 @@ void free_node(Volume& v, std::uint32_t n) {
     set_node(v, n, false);
 }
 
-bool nonempty_directory(Volume& v, std::uint32_t n) {
-    NodeRecord target;
-    std::vector<Entry> inside;
-    return read_node(v, n, target) && target.kind == kNodeDirectory && read_entries(v, target, inside) &&
-           !inside.empty();
+// Makes the entry at offset in directory n refer to node, in one write.
+bool set_entry_node(Volume& v, std::uint32_t n, NodeRecord& dir, std::uint32_t offset, std::uint32_t node) {
+    const std::uint8_t bytes[2] = {static_cast<std::uint8_t>(node), static_cast<std::uint8_t>(node >> 8)};
+    return write_bytes(v, n, dir, offset, bytes, 2) == 2;
 }
 
 int remove(Mount& m, std::uint32_t dir, const char* name) {
@@ -139,17 +138,16 @@ int remove(Mount& m, std::uint32_t dir, const char* name) {
     const Entry* e = find(entries, name);
     if (e == nullptr) return fail(kErrNoNode);
     const std::uint16_t node = e->node;
-    if (nonempty_directory(v, node)) return fail(kErrExists);
     entries.erase(entries.begin() + (e - entries.data()));
     if (!write_entries(v, dir, record, entries)) return -1;
     free_node(v, node);
     return 0;
 }
 
-// An existing name "to" is replaced: its entry is made to refer to the
-// moved node in one write, then the node it referred to is freed (a
-// non-empty directory is not replaced). When the second directory cannot
-// be written, the first is put back as it was.
+// An existing name "to" is replaced (the switch has refused what cannot
+// be): its entry is made to refer to the moved node in one write, then the
+// node it referred to is freed. When the second directory cannot be
+// written, the first is put back as it was.
 int rename(Mount& m, std::uint32_t dir, const char* from, std::uint32_t to_dir, const char* to) {
     Volume& v = volume_of(m);
     drop_index(v);
@@ -161,16 +159,11 @@ int rename(Mount& m, std::uint32_t dir, const char* from, std::uint32_t to_dir, 
     const Entry* e = find(source_entries, from);
     if (e == nullptr) return fail(kErrNoNode);
     const std::uint16_t node = e->node;
-    const std::size_t index = static_cast<std::size_t>(e - source_entries.data());
+    const auto moving = source_entries.begin() + (e - source_entries.data());
     if (dir == to_dir) {
         const Entry* there = find(source_entries, to);
-        if (there == e) return 0;
-        long replaced = -1;
-        if (there != nullptr) {
-            if (nonempty_directory(v, there->node)) return fail(kErrExists);
-            replaced = there->node;
-        }
-        source_entries[index].name = to;
+        moving->name = to;
+        const long replaced = there != nullptr ? there->node : -1;
         if (there != nullptr) source_entries.erase(source_entries.begin() + (there - source_entries.data()));
         if (!write_entries(v, dir, source, source_entries)) return -1;
         if (replaced >= 0) free_node(v, static_cast<std::uint32_t>(replaced));
@@ -179,25 +172,19 @@ int rename(Mount& m, std::uint32_t dir, const char* from, std::uint32_t to_dir, 
     if (!directory_record(v, to_dir, target) || !read_entries(v, target, target_entries)) return fail(kErrNoNode);
     const Entry* there = find(target_entries, to);
     const std::uint32_t target_size = target.size;
-    if (there != nullptr) {
-        if (nonempty_directory(v, there->node)) return fail(kErrExists);
-        const std::uint8_t now[2] = {static_cast<std::uint8_t>(node), static_cast<std::uint8_t>(node >> 8)};
-        if (write_bytes(v, to_dir, target, there->offset, now, 2) != 2) return -1;
-    } else if (!append_entry(v, to_dir, target, Entry{node, to, 0})) {
-        truncate_node(v, to_dir, target, target_size);
-        return -1;
-    }
-    source_entries.erase(source_entries.begin() + static_cast<std::ptrdiff_t>(index));
-    if (!write_entries(v, dir, source, source_entries)) {
-        if (there != nullptr) {
-            const std::uint8_t old[2] = {static_cast<std::uint8_t>(there->node),
-                                         static_cast<std::uint8_t>(there->node >> 8)};
-            write_bytes(v, to_dir, target, there->offset, old, 2);
-        } else {
+    // Puts the second directory back as it was.
+    auto undo = [&] {
+        if (there != nullptr)
+            set_entry_node(v, to_dir, target, there->offset, there->node);
+        else
             truncate_node(v, to_dir, target, target_size);
-        }
         return -1;
-    }
+    };
+    const bool added = there != nullptr ? set_entry_node(v, to_dir, target, there->offset, node)
+                                        : append_entry(v, to_dir, target, Entry{node, to, 0});
+    if (!added) return undo();
+    source_entries.erase(moving);
+    if (!write_entries(v, dir, source, source_entries)) return undo();
     if (there != nullptr) free_node(v, there->node);
     return 0;
 }
@@ -210,8 +197,7 @@ int mountpoint(Mount& m, std::uint32_t dir, std::uint32_t from, std::uint32_t to
     if (to > 0xFFFF || !directory_record(v, dir, record) || !read_entries(v, record, entries)) return -1;
     for (const Entry& e : entries) {
         if (e.node != from) continue;
-        const std::uint8_t bytes[2] = {static_cast<std::uint8_t>(to), static_cast<std::uint8_t>(to >> 8)};
-        return write_bytes(v, dir, record, e.offset, bytes, 2) == 2 ? 0 : -1;
+        return set_entry_node(v, dir, record, e.offset, to) ? 0 : -1;
     }
     return -1;
 }
@@ -245,15 +231,8 @@ bool entry_at(Volume& v, NodeRecord& dir, std::uint32_t offset, std::uint32_t en
     std::uint8_t bytes[2 * (3 + 255)];
     const std::size_t want = std::min<std::size_t>(sizeof bytes, end - offset);
     if (read_bytes(v, dir, offset, bytes, want) != static_cast<long>(want)) return false;
-    auto parse = [&](std::size_t at, Entry& e) {
-        if (at + 3 > want || bytes[at + 2] == 0 || at + 3 + bytes[at + 2] > want) return false;
-        e = Entry{static_cast<std::uint16_t>(bytes[at] | bytes[at + 1] << 8),
-                  std::string(reinterpret_cast<char*>(bytes + at + 3), bytes[at + 2]),
-                  static_cast<std::uint32_t>(offset + at)};
-        return true;
-    };
-    if (!parse(0, here)) return false;
-    has_next = parse(3 + here.name.size(), next);
+    if (!decode_entry(bytes, want, 0, offset, here)) return false;
+    has_next = decode_entry(bytes, want, 3 + here.name.size(), offset, next);
     return true;
 }
 

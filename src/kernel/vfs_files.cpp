@@ -61,11 +61,15 @@ int open_device(Descriptor fd, OpenFile& f, std::uint32_t flags) {
     return 0;
 }
 
-// A directory with no entry.
-bool empty_directory(int mount, std::uint32_t node) {
+// A directory not known to be empty (one that cannot be read counts): it
+// is neither removed nor replaced.
+bool full_directory(int mount, std::uint32_t node) {
+    const FsOps& ops = ops_of(mount);
+    NodeStatus status{};
+    if (!ops.status || ops.status(mounts[mount], node, status) != 0 || status.kind != kNodeDirectory) return false;
     std::int32_t cookie = 0;
     DirEntry entry{};
-    return ops_of(mount).readdir(mounts[mount], node, cookie, entry) == 0;
+    return ops.readdir(mounts[mount], node, cookie, entry) != 0;
 }
 
 } // namespace
@@ -196,8 +200,8 @@ int remove(const char* path) {
     const FsOps& ops = ops_of(dir.mount);
     std::uint32_t value = 0;
     if (ops.lookup(mounts[dir.mount], dir.node, name.c_str(), value) != 0) return fail(kErrNoNode);
-    // A mount point is unmounted, not removed.
-    if (value >= mounts[dir.mount].count) return fail(kErrExists);
+    // A mount point is unmounted, not removed; a directory's entries go first.
+    if (value >= mounts[dir.mount].count || full_directory(dir.mount, value)) return fail(kErrExists);
     return ops.remove ? ops.remove(mounts[dir.mount], dir.node, name.c_str()) : -1;
 }
 
@@ -233,7 +237,7 @@ int rename(const char* from, const char* to) {
         const bool directory_there = there.kind == kNodeDirectory;
         if (directory && !directory_there) return fail(kErrNotDirectory);
         if (!directory && directory_there) return fail(kErrExists);
-        if (directory_there && !empty_directory(from_dir.mount, existing)) return fail(kErrExists);
+        if (full_directory(from_dir.mount, existing)) return fail(kErrExists);
     }
     return ops.rename ? ops.rename(m, from_dir.node, from_name.c_str(), to_dir.node, to_name.c_str()) : -1;
 }

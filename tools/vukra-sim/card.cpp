@@ -1,5 +1,6 @@
 #include "card.h"
 
+#include "../common/card_image.h"
 #include "kernel/kernel_diagnostics.h"
 #include "kernel/kernel_errors.h"
 #include "kernel/kernel_start.h"
@@ -10,7 +11,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
-#include <stdlib.h> // mkdtemp
 
 namespace vukra::sim {
 
@@ -18,12 +18,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::uintmax_t kNewImageSize = 0x800004; // the card's 8 MiB and its end marker
-constexpr std::int32_t kDefaultCard = 0x800000;
-
 struct Card {
-    fs::path workspace;
-    fs::path previous;
+    tools::Workspace workspace;
     fs::path image;
     bool made_image = false;
     std::unique_ptr<platform::FileLockHolder> lock;
@@ -77,11 +73,6 @@ void observe(remotefs::ServerEvent event) {
     }
 }
 
-// The card's size in the image's bytes (less a trailing end marker).
-std::int32_t card_size(std::uintmax_t bytes) {
-    return static_cast<std::int32_t>(bytes % 512 == 4 ? bytes - 4 : bytes);
-}
-
 bool make_volume(std::int32_t size) {
     kernel::UfsMakeArgument make{256, 0xFFFFFFFF, 512, static_cast<std::uint32_t>(size)};
     return kernel::mkfs(kernel::kUfsx, "/dev/sdcard0", &make) == 0;
@@ -89,13 +80,9 @@ bool make_volume(std::int32_t size) {
 
 // A new image file of the default size; false when it cannot be made.
 bool make_image(const fs::path& image) {
-    std::FILE* fresh = std::fopen(image.c_str(), "wbx");
-    if (fresh == nullptr) return say("cannot make " + image.string());
-    std::fclose(fresh);
+    if (!tools::make_image(image)) return say("cannot make " + image.string());
     card.made_image = true;
-    std::error_code e;
-    fs::resize_file(image, kNewImageSize, e);
-    return !e || say("cannot make " + image.string());
+    return true;
 }
 
 bool usable_image(const fs::path& image) {
@@ -107,15 +94,8 @@ bool usable_image(const fs::path& image) {
     return true;
 }
 
-void remove_workspace() {
-    std::error_code e;
-    if (!card.previous.empty()) fs::current_path(card.previous, e);
-    if (!card.workspace.empty()) fs::remove_all(card.workspace, e);
-    card.workspace.clear();
-}
-
 bool fail_open() {
-    remove_workspace();
+    card.workspace.leave();
     card.lock.reset();
     std::error_code e;
     if (card.made_image) fs::remove(card.image, e);
@@ -144,25 +124,13 @@ bool card_open(const CardOptions& options) {
         }
     }
 
-    std::string pattern = (fs::temp_directory_path() / "vukra-sim-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) return say("cannot make a working directory") || fail_open();
-    card.workspace = pattern;
-    card.previous = fs::current_path();
-    if (!card.image.empty()) {
-        fs::create_symlink(card.image, card.workspace / "sdcard0.o", e);
-        if (e) return say("cannot link " + card.image.string()) || fail_open();
-    }
-    fs::current_path(card.workspace, e);
-    if (e) return say("cannot enter the working directory") || fail_open();
+    const std::string why = card.workspace.enter("vukra-sim", card.image);
+    if (!why.empty()) return say(why) || fail_open();
 
     kernel::kernel_start();
-    const std::int32_t size = card.image.empty() ? kDefaultCard : card_size(fs::file_size(card.image, e));
-    if (size != kDefaultCard) {
-        kernel::Descriptor device = kernel::open("/dev/sdcard0", kernel::kOpenRead | kernel::kOpenWrite);
-        std::int32_t wanted = size;
-        if (device >= 0) kernel::ioctl(device, 2, &wanted);
-        kernel::close(device);
-    }
+    const std::int32_t size =
+        card.image.empty() ? tools::kDefaultCardSize : tools::card_size(fs::file_size(card.image, e));
+    tools::size_card(size);
     if ((card.image.empty() || card.made_image) && !make_volume(size))
         return say("cannot make a volume on the card") || fail_open();
     mount_volume();
@@ -175,7 +143,7 @@ void card_close() {
     remotefs::set_server_observer(nullptr);
     remotefs::local_server_reset();
     unmount_volume();
-    remove_workspace();
+    card.workspace.leave();
     card.lock.reset();
 }
 

@@ -23,6 +23,10 @@ std::string parent_of(const std::string& plain) {
     return slash == 0 ? "/" : plain.substr(0, slash);
 }
 
+std::string child_of(const std::string& plain, const std::string& name) {
+    return (plain == "/" ? "" : plain) + "/" + name;
+}
+
 bool status_of(const std::string& plain, NodeStatus& s) { return kernel::stat(kernel_path(plain).c_str(), s) == 0; }
 
 // The root cannot be made, removed, moved or written over.
@@ -42,22 +46,26 @@ bool names_something(const std::string& plain, const std::string& user_path) {
     return true;
 }
 
-// A regular file of the volume, or a message telling what it is instead.
-bool need_file(const std::string& plain, NodeStatus& s) {
-    if (!status_of(plain, s)) return fail("no file " + plain) == 0;
+// A node of status s is a regular file, or a message tells what it is instead.
+bool regular_file(const std::string& plain, const NodeStatus& s) {
     if (s.kind == kNodeDirectory) return fail(plain + " is a directory") == 0;
     if (s.kind != kNodeFile) return fail(plain + " is not a regular file") == 0;
     return true;
 }
 
-// The directory a new name goes in must be there.
-bool need_parent(const std::string& plain) {
+bool need_file(const std::string& plain, NodeStatus& s) {
+    return status_of(plain, s) ? regular_file(plain, s) : fail("no file " + plain) == 0;
+}
+
+bool need_directory(const std::string& plain) {
     NodeStatus s{};
-    const std::string parent = parent_of(plain);
-    if (!status_of(parent, s)) return fail("no directory " + parent) == 0;
-    if (s.kind != kNodeDirectory) return fail(parent + " is not a directory") == 0;
+    if (!status_of(plain, s)) return fail("no directory " + plain) == 0;
+    if (s.kind != kNodeDirectory) return fail(plain + " is not a directory") == 0;
     return true;
 }
+
+// The directory a new name goes in must be there.
+bool need_parent(const std::string& plain) { return need_directory(parent_of(plain)); }
 
 std::string kind_letter(std::uint8_t kind) {
     switch (kind) {
@@ -138,12 +146,11 @@ std::string kernel_path(const std::string& plain) { return plain == "/" ? "/mem"
 
 int list(const std::string& path, bool long_form) {
     const std::string plain = volume_path(path);
-    NodeStatus s{};
-    if (!status_of(plain, s)) return fail("no directory " + plain);
-    if (s.kind != kNodeDirectory) return fail(plain + " is not a directory");
+    if (!need_directory(plain)) return 1;
     Descriptor fd = kernel::open(kernel_path(plain).c_str(), kOpenRead);
     if (fd < 0) return fail("cannot open " + plain);
     DirEntry entry{};
+    NodeStatus s{};
     int got;
     while ((got = kernel::readdir(fd, entry)) == 1) {
         if (!long_form) {
@@ -172,7 +179,7 @@ void tree_below(const std::string& path, int depth) {
         NodeStatus s{};
         const bool directory = kernel::node_status(e.node, s) == 0 && s.kind == kNodeDirectory;
         std::printf("%*s%s%s\n", 2 * depth, "", e.name, directory ? "/" : "");
-        if (directory) tree_below((path == "/" ? "/" : path + "/") + e.name, depth + 1);
+        if (directory) tree_below(child_of(path, e.name), depth + 1);
     }
 }
 
@@ -235,12 +242,7 @@ int put(const std::string& local, const std::string& path) {
     if (e) return fail("cannot read " + local);
 
     NodeStatus s{};
-    if (status_of(plain, s)) {
-        if (s.kind == kNodeDirectory) return fail(plain + " is a directory");
-        if (s.kind != kNodeFile) return fail(plain + " is not a regular file");
-    } else if (!need_parent(plain)) {
-        return 1;
-    }
+    if (status_of(plain, s) ? !regular_file(plain, s) : !need_parent(plain)) return 1;
     // What cannot fit is refused before anything is written. The old file
     // stays until the new one is complete, so the room must hold both.
     FsStatus room{};
@@ -259,7 +261,7 @@ int put(const std::string& local, const std::string& path) {
     std::string temporary;
     Descriptor fd = -1;
     for (int n = 0; fd < 0 && n < 100; ++n) {
-        temporary = (parent_of(plain) == "/" ? "" : parent_of(plain)) + "/.vukra-ufs-put-" + std::to_string(n);
+        temporary = child_of(parent_of(plain), ".vukra-ufs-put-" + std::to_string(n));
         fd = kernel::open(kernel_path(temporary).c_str(), kOpenWrite | kOpenCreate | kOpenExclusive);
     }
     if (fd < 0) return fail("cannot make a file in " + parent_of(plain) + " (the volume is full)");

@@ -1,6 +1,7 @@
 // vukra-ufs: prepares and inspects ufs device images on the host. It runs
 // the kernel in-process with IMAGE as the SD card and the volume on "/mem";
 // the user's paths are read within the volume and never leave it.
+#include "../common/card_image.h"
 #include "commands.h"
 
 #include "kernel/kernel_diagnostics.h"
@@ -14,7 +15,6 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
-#include <stdlib.h> // mkdtemp
 #include <string>
 #include <vector>
 
@@ -56,8 +56,6 @@ const char kUsage[] =
     "  -h, --help       shows this text\n"
     "  --version        shows the version\n";
 
-constexpr std::uintmax_t kNewImageSize = 0x800004; // the card's 8 MiB and its end marker
-
 struct Command {
     const char* name;
     std::size_t least, most; // arguments
@@ -72,42 +70,6 @@ const Command* find_command(const std::string& name) {
     for (const Command& c : kCommands)
         if (name == c.name) return &c;
     return nullptr;
-}
-
-// Runs the kernel in a scratch directory where "sdcard0.o" is the image.
-struct Workspace {
-    fs::path dir;
-    fs::path previous = fs::current_path();
-    bool ok = false;
-
-    explicit Workspace(const fs::path& image) {
-        std::string pattern = (fs::temp_directory_path() / "vukra-ufs-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) return;
-        dir = pattern;
-        std::error_code e;
-        fs::create_symlink(image, dir / "sdcard0.o", e);
-        if (e) return;
-        fs::current_path(dir, e);
-        ok = !e;
-    }
-    ~Workspace() {
-        std::error_code e;
-        fs::current_path(previous, e);
-        if (!dir.empty()) fs::remove_all(dir, e);
-    }
-};
-
-// The card's size in the image's bytes (less a trailing end marker).
-std::int32_t card_size(std::uintmax_t bytes) { return static_cast<std::int32_t>(bytes % 512 == 4 ? bytes - 4 : bytes); }
-
-// Sets the card's size to the image's, when it is not the card's own 8 MiB.
-void size_card_to(std::uintmax_t bytes) {
-    std::int32_t size = card_size(bytes);
-    if (size == 0x800000) return;
-    Descriptor card = kernel::open("/dev/sdcard0", kOpenRead | kOpenWrite);
-    if (card < 0) return;
-    kernel::ioctl(card, 2, &size);
-    kernel::close(card);
 }
 
 bool parse_number(const std::string& text, std::uint32_t& out) {
@@ -139,7 +101,7 @@ bool parse_make(const std::vector<std::string>& args, UfsMakeArgument& a) {
 // bytes (all that mkfs writes) are put back as they were.
 int make(const fs::path& image, UfsMakeArgument a) {
     const std::uintmax_t size = fs::file_size(image);
-    a.device_size = static_cast<std::uint32_t>(card_size(size));
+    a.device_size = static_cast<std::uint32_t>(tools::card_size(size));
     std::uint32_t b = a.block_size;
     if (b != 16 && b != 32 && b != 64 && b != 128 && b != 256 && b != 512 && b != 1024) b = 32;
     const std::int64_t room = static_cast<std::int64_t>(a.device_size) - a.nodes * 18ll - (a.nodes / 8 + 1);
@@ -237,15 +199,8 @@ int tool(std::vector<std::string> args) {
     bool made = false;
     std::error_code e;
     if (command == "mkfs" && !fs::exists(fs::symlink_status(image, e))) {
-        std::FILE* fresh = std::fopen(image.c_str(), "wbx");
-        if (fresh == nullptr) return fail("cannot make " + image.string());
-        std::fclose(fresh);
+        if (!tools::make_image(image)) return fail("cannot make " + image.string());
         made = true;
-        fs::resize_file(image, kNewImageSize, e);
-        if (e) {
-            fs::remove(image, e);
-            return fail("cannot make " + image.string());
-        }
     }
     // Whatever fails below leaves no new image behind.
     struct Unmake {
@@ -268,10 +223,10 @@ int tool(std::vector<std::string> args) {
     if (lock.result() != platform::FileLockResult::kHeld) return fail("cannot lock " + image.string());
 
     set_diagnostic_stream(verbose ? stderr : nullptr);
-    Workspace work(image);
-    if (!work.ok) return fail("cannot set up a workspace for " + image.string());
+    tools::Workspace work;
+    if (!work.enter("vukra-ufs", image).empty()) return fail("cannot set up a workspace for " + image.string());
     kernel_start();
-    size_card_to(fs::file_size(image));
+    tools::size_card(tools::card_size(fs::file_size(image)));
     unmake.status = run(image, command, rest, make_argument);
     return unmake.status;
 }

@@ -1,5 +1,6 @@
 // Locks and threads on pthreads.
 #include "platform/platform.h"
+#include "platform/posix/clock_after.h"
 
 #include <cerrno>
 #include <ctime>
@@ -37,18 +38,6 @@ void* run_thread(void* raw) {
     return nullptr;
 }
 
-timespec deadline_after(std::uint32_t milliseconds) {
-    timespec t{};
-    clock_gettime(CLOCK_REALTIME, &t);
-    t.tv_sec += milliseconds / 1000;
-    t.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000L;
-    if (t.tv_nsec >= 1000000000L) {
-        t.tv_sec += 1;
-        t.tv_nsec -= 1000000000L;
-    }
-    return t;
-}
-
 } // namespace
 
 void lock_init(RecursiveLock& lock) {
@@ -80,7 +69,7 @@ bool thread_start(Thread& thread, ThreadEntry entry, void* argument) {
 bool thread_join(Thread& thread, std::uint32_t timeout_ms) {
     auto* state = reinterpret_cast<ThreadState*>(thread.handle);
     if (state == nullptr) return true;
-    timespec deadline = deadline_after(timeout_ms);
+    timespec deadline = clock_after(CLOCK_REALTIME, timeout_ms);
     pthread_mutex_lock(&state->mutex);
     int rc = 0;
     while (!state->ended && rc != ETIMEDOUT) rc = pthread_cond_timedwait(&state->ended_cond, &state->mutex, &deadline);

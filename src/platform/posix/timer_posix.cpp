@@ -2,6 +2,7 @@
 // condition variable, and a timed wait on the monotonic clock in place of
 // a system timer.
 #include "platform/platform.h"
+#include "platform/posix/clock_after.h"
 
 #include <atomic>
 #include <cerrno>
@@ -43,18 +44,6 @@ namespace {
 
 thread_local Timer* current_timer = nullptr;
 
-timespec monotonic_after(std::uint32_t milliseconds) {
-    timespec t{};
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    t.tv_sec += milliseconds / 1000;
-    t.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000L;
-    if (t.tv_nsec >= 1000000000L) {
-        t.tv_sec += 1;
-        t.tv_nsec -= 1000000000L;
-    }
-    return t;
-}
-
 bool reached(const timespec& deadline) {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -84,7 +73,7 @@ bool post(Timer* timer, int message) {
 // Under the mutex.
 void set_armed(Timer* timer) {
     const std::uint32_t period = timer->period.load();
-    timer->deadline = monotonic_after(period);
+    timer->deadline = clock_after(CLOCK_MONOTONIC, period);
     timer->start_tick = clock_ms();
     timer->armed = 1;
 }
@@ -203,7 +192,7 @@ void timer_stop(Timer* timer) {
     }
     while (!post(timer, kQuit)) sleep_ms(10);
     timer->stopping = true;
-    const timespec deadline = monotonic_after(kStopWaitMs);
+    const timespec deadline = clock_after(CLOCK_MONOTONIC, kStopWaitMs);
     bool ended = false;
     {
         // Short steps on the monotonic clock, which a clock change does
