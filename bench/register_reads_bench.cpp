@@ -3,18 +3,16 @@
 // run. Each side reads a two-word register over and over for a while.
 #include "modbus_vukra.h"
 #include "platform/platform.h"
+#include "sim_child.h"
 
 #include <modbus.h>
 
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fcntl.h>
 #include <poll.h>
 #include <string>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -24,53 +22,29 @@ namespace {
 
 constexpr double kSeconds = 2.0;
 
-// Starts vukra-sim on the example table; its pty path comes on its first line.
-pid_t start_sim(std::string& port) {
-    int out[2];
-    if (pipe(out) != 0) return -1;
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(out[1], 1);
-        execl(VUKRA_SIM_PATH, VUKRA_SIM_PATH, "--table", VUKRA_EXAMPLES_DIR "/table.xml", nullptr);
-        _exit(127);
-    }
-    close(out[1]);
-    char c;
-    while (read(out[0], &c, 1) == 1 && c != '\n') port += c;
-    close(out[0]);
-    return pid;
-}
-
 double vukra_reads_per_second() {
     std::string port;
-    pid_t sim = start_sim(port);
-    // The library prints each frame on standard output; the count is what matters here.
-    int saved = dup(1);
-    int null = open("/dev/null", O_WRONLY);
-    std::fflush(stdout);
-    dup2(null, 1);
-    std::filesystem::copy_file(VUKRA_EXAMPLES_DIR "/table.xml", "table.xml",
-                               std::filesystem::copy_options::overwrite_existing);
-    modbus_vukra_session* s = modbus_vukra_op_session_open(port.c_str());
+    const pid_t sim = bench::start_sim({"--table", VUKRA_EXAMPLES_DIR "/table.xml"}, port);
     long reads = 0, failures = 0;
-    auto start = Clock::now();
     double elapsed = 0;
-    while (s != nullptr && elapsed < kSeconds) {
-        std::int32_t value;
-        if (modbus_vukra_op_protected_readreg(s, "energy", &value, 4) == 4)
-            ++reads;
-        else
-            ++failures;
-        elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    {
+        bench::MutedStdout muted;
+        std::filesystem::copy_file(VUKRA_EXAMPLES_DIR "/table.xml", "table.xml",
+                                   std::filesystem::copy_options::overwrite_existing);
+        modbus_vukra_session* s = modbus_vukra_op_session_open(port.c_str());
+        const auto start = Clock::now();
+        while (s != nullptr && elapsed < kSeconds) {
+            std::int32_t value;
+            if (modbus_vukra_op_protected_readreg(s, "energy", &value, 4) == 4)
+                ++reads;
+            else
+                ++failures;
+            elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+        }
+        modbus_vukra_op_session_close(s);
     }
-    modbus_vukra_op_session_close(s);
-    std::fflush(stdout);
-    dup2(saved, 1);
-    close(null);
-    close(saved);
     std::remove("table.xml");
-    kill(sim, SIGTERM);
-    waitpid(sim, nullptr, 0);
+    bench::stop_sim(sim);
     if (failures) std::printf("vukra: %ld failed reads\n", failures);
     return elapsed > 0 ? reads / elapsed : 0;
 }

@@ -15,11 +15,11 @@
 // Also: the round trip of one 1024-byte read against the sim unpaced,
 // without the relay.
 #include "modbus_vukra.h"
+#include "sim_child.h"
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -28,7 +28,6 @@
 #include <pty.h>
 #include <random>
 #include <string>
-#include <sys/wait.h>
 #include <termios.h>
 #include <thread>
 #include <unistd.h>
@@ -44,33 +43,10 @@ constexpr int kRoundTrips = 500;
 
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-// Starts vukra-sim on the example table with a temporary card; its pty
-// path comes on its first line.
+// vukra-sim on the example table with a temporary card, paced at kBaud or not.
 pid_t start_sim(std::string& port, bool paced) {
-    int out[2];
-    if (pipe(out) != 0) return -1;
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(out[1], 1);
-        int null = open("/dev/null", O_WRONLY);
-        dup2(null, 2);
-        const std::string baud = std::to_string(kBaud);
-        if (paced)
-            execl(VUKRA_SIM_PATH, VUKRA_SIM_PATH, "--table", "table.xml", "--baud", baud.c_str(), nullptr);
-        else
-            execl(VUKRA_SIM_PATH, VUKRA_SIM_PATH, "--table", "table.xml", nullptr);
-        _exit(127);
-    }
-    close(out[1]);
-    char c;
-    while (read(out[0], &c, 1) == 1 && c != '\n') port += c;
-    close(out[0]);
-    return pid;
-}
-
-void stop_sim(pid_t pid) {
-    kill(pid, SIGTERM);
-    waitpid(pid, nullptr, 0);
+    if (paced) return bench::start_sim({"--table", "table.xml", "--baud", std::to_string(kBaud)}, port);
+    return bench::start_sim({"--table", "table.xml"}, port);
 }
 
 // Carries bytes between the host's end of a pty pair of its own and the
@@ -220,7 +196,7 @@ bool paced_run(Leg& writing, Leg& reading) {
 
     modbus_vukra_op_session_close(s);
     relay_stop(relay);
-    stop_sim(sim);
+    bench::stop_sim(sim);
     return writing.ok && reading.ok;
 }
 
@@ -247,7 +223,7 @@ bool round_trips(std::vector<double>& micros, double& unpaced_write) {
         micros.push_back(seconds_since(start) * 1e6);
     }
     modbus_vukra_op_session_close(s);
-    stop_sim(sim);
+    bench::stop_sim(sim);
     return ok;
 }
 
@@ -257,22 +233,15 @@ int main() {
     char dir[] = "/tmp/vukra-remotefs-XXXXXX";
     if (mkdtemp(dir) == nullptr || chdir(dir) != 0) return 1;
     std::filesystem::copy_file(VUKRA_EXAMPLES_DIR "/table.xml", "table.xml");
-    // The library prints its lines on standard output; the figures are what matters here.
-    std::fflush(stdout);
-    const int saved = dup(1);
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, 1);
-
     Leg writing, reading;
-    const bool paced = paced_run(writing, reading);
     std::vector<double> micros;
     double unpaced_write = 0;
-    const bool unpaced = round_trips(micros, unpaced_write);
-
-    std::fflush(stdout);
-    dup2(saved, 1);
-    close(null);
-    close(saved);
+    bool paced, unpaced;
+    {
+        bench::MutedStdout muted;
+        paced = paced_run(writing, reading);
+        unpaced = round_trips(micros, unpaced_write);
+    }
     std::filesystem::current_path("/tmp");
     std::filesystem::remove_all(dir);
 

@@ -39,7 +39,8 @@ TEST(TableThreads, ConversionsRunWhileSessionsReloadTheTable) {
     });
     for (int i = 0; i < 20; ++i) {
         modbus_vukra_session* s = modbus_vukra_op_session_open(pty.slave_path.c_str());
-        ASSERT_NE(s, nullptr);
+        EXPECT_NE(s, nullptr);
+        if (s == nullptr) break; // the host thread is joined all the same
         EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
     }
     done = true;

@@ -277,10 +277,6 @@ void generate_c_sources() {
     write_table_files();
 }
 
-} // namespace vukra::codegen
-
-namespace vukra::codegen {
-
 const std::vector<std::string>& unwritten_files() { return unwritten; }
 
 } // namespace vukra::codegen

@@ -6,13 +6,8 @@ set -u
 script=$(realpath "$1")
 vukra=$(realpath "$2")
 table=$(realpath "$3")
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+. "$(dirname "$(realpath "$0")")/../support/checks.sh"
 cd "$work"
-passed=0
-failed=0
-ok() { passed=$((passed + 1)); }
-ko() { failed=$((failed + 1)); echo "FAILED: $*"; }
 
 . "$script"
 [ "$(complete -p vukra 2>/dev/null)" = "complete -F _vukra vukra" ] && ok || ko "complete -p vukra: $(complete -p vukra 2>&1)"
@@ -49,5 +44,4 @@ mkdir other && cp "$table" other/mine.xml && rm table.xml
 offers "vukra --table other/mine.xml reg read e" "energy"
 offers "vukra --table other/m" "other/mine.xml"
 
-echo "$passed passed, $failed failed"
-[ $failed -eq 0 ]
+finish

@@ -16,22 +16,7 @@ man_pages=$5
 major=${version%%.*}
 here=$source/tests/install
 . "$source/scripts/pty_program.sh"
-work=$(mktemp -d)
-trap 'stop_pty_programs; rm -rf "$work"' EXIT
-passed=0
-failed=0
-ok() { passed=$((passed + 1)); }
-ko() { failed=$((failed + 1)); echo "FAILED: $*"; }
-check() { # check WHAT COMMAND...: the command succeeds
-  local what=$1
-  shift
-  if "$@" >"$work/o" 2>&1; then ok; else ko "$what: $(tail -n 20 "$work/o")"; fi
-}
-finish() {
-  echo "$passed passed, $failed failed"
-  [ $failed -eq 0 ]
-  exit
-}
+. "$(dirname "$(realpath "$0")")/../support/checks.sh"
 
 # Everything the install holds, and nothing else: no core library, no
 # internal header.

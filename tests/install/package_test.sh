@@ -8,23 +8,18 @@ build=$(realpath "$1")
 version=$2
 man_pages=$3
 major=${version%%.*}
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-passed=0
-failed=0
-ok() { passed=$((passed + 1)); }
-ko() { failed=$((failed + 1)); echo "FAILED: $*"; }
+. "$(dirname "$(realpath "$0")")/../support/checks.sh"
 
 if ! (cd "$work" && cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/out") >"$work/log" 2>&1; then
-  echo "FAILED: cpack: $(tail -n 30 "$work/log")"
-  exit 1
+  ko "cpack: $(tail -n 30 "$work/log")"
+  finish
 fi
 deb() { ls "$work"/out/"$1"_"$version"_*.deb 2>/dev/null | head -n 1; }
 lib=$(deb libmodbus-vukra$major)
 dev=$(deb libmodbus-vukra-dev)
 tools=$(deb vukra-tools)
 for p in "$lib" "$dev" "$tools"; do [ -f "$p" ] && ok || ko "a package is missing: $(ls "$work/out")"; done
-[ -f "$lib" ] && [ -f "$dev" ] && [ -f "$tools" ] || { echo "$passed passed, $failed failed"; exit 1; }
+[ -f "$lib" ] && [ -f "$dev" ] && [ -f "$tools" ] || finish
 
 # contents PACKAGE: its files and links, as paths from the root.
 contents() { dpkg-deb -c "$1" | awk '$1 !~ /^d/ {print $6}' | sed 's|^\./|/|' | sort; }
@@ -62,5 +57,4 @@ root_flags=$(PKG_CONFIG_PATH=$work/root/usr/lib/pkgconfig pkg-config --cflags --
 printf '#include <modbus_vukra.h>\nint main(void) { return modbus_vukra_op_session_error(0) == 4095 ? 0 : 1; }\n' >"$work/p.c"
 if cc "$work/p.c" $root_flags -o "$work/p" && LD_LIBRARY_PATH=$work/root/usr/lib "$work/p"; then ok; else ko "a program on the unpacked packages"; fi
 
-echo "$passed passed, $failed failed"
-[ $failed -eq 0 ]
+finish

@@ -7,16 +7,11 @@
 set -u
 win_build=$(realpath "$1")
 source=$(realpath "$2")
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-passed=0
-failed=0
-ok() { passed=$((passed + 1)); }
-ko() { failed=$((failed + 1)); echo "FAILED: $*"; }
+. "$(dirname "$(realpath "$0")")/../support/checks.sh"
 
 if ! zip=$("$source/scripts/dist.sh" "$work/out" "$win_build" 2>"$work/err"); then
-  echo "FAILED: dist.sh: $(cat "$work/err")"
-  exit 1
+  ko "dist.sh: $(cat "$work/err")"
+  finish
 fi
 python3 -m zipfile -e "$zip" "$work/x"
 top=$(ls "$work/x")
@@ -61,5 +56,4 @@ for name in $names; do
   grep -q "static extern [A-Za-z]* $name(" "$root/windows.md" && ok || ko "windows.md declares $name for C#"
 done
 
-echo "$passed passed, $failed failed"
-[ $failed -eq 0 ]
+finish

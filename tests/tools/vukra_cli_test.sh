@@ -8,22 +8,9 @@ tools=$(realpath "$1")
 examples=$(realpath "$2")
 . "$(realpath "$3")/pty_program.sh"
 vukra=$tools/vukra sim=$tools/vukra-sim gen=$tools/vukra-gen
-work=$(mktemp -d)
-trap 'stop_pty_programs; rm -rf "$work"' EXIT
+. "$(dirname "$(realpath "$0")")/../support/checks.sh"
 cd "$work"
-passed=0
-failed=0
-ok() { passed=$((passed + 1)); }
-ko() { failed=$((failed + 1)); echo "FAILED: $*"; }
 
-# refused WHAT COMMAND...: non-zero status, one line on stderr, nothing on stdout.
-refused() {
-  local what=$1
-  shift
-  "$@" >"$work/o" 2>"$work/e" </dev/null
-  local rc=$?
-  if [ $rc -ne 0 ] && [ "$(wc -l <"$work/e")" -eq 1 ] && [ ! -s "$work/o" ]; then ok; else ko "$what (status $rc, stderr: $(cat "$work/e"))"; fi
-}
 # says WHAT PATTERN COMMAND...: non-zero status and PATTERN on stderr.
 says() {
   local what=$1 pattern=$2
@@ -61,24 +48,24 @@ start_pty_program big.out "$sim" --table big.xml 2>/dev/null || exit 1
 big=$PTY_PATH
 
 # Bad arguments: a one-line reason and a failure status, for every command.
-refused "vukra without a command" "$vukra"
-refused "vukra with an unknown option" "$vukra" --bogus reg list
-refused "vukra reg without a verb" "$vukra" reg
-refused "vukra reg with an unknown verb" "$vukra" reg frob
-refused "reg read without names" "$vukra" -p "$port" reg read
-refused "reg write without a value" "$vukra" -p "$port" reg write offset_trim
-refused "reg read without a port" "$vukra" reg read setpoint
-refused "-p without its value" "$vukra" reg read setpoint -p
-refused "reg list of two tables" "$vukra" reg list process status
-refused "reg list of a missing table file" "$vukra" --table none.xml reg list
-refused "vukra-sim --baud abc" "$sim" --table table.xml --baud abc
-refused "vukra-sim --baud -5" "$sim" --table table.xml --baud -5
-refused "vukra-sim --corrupt abc" "$sim" --table table.xml --corrupt abc
-refused "vukra-sim --corrupt 2" "$sim" --table table.xml --corrupt 2
-refused "vukra-sim without a table" "$sim"
-refused "vukra-gen without a table" "$gen"
-refused "vukra-gen --html-live without --host" "$gen" table.xml --html-live x.html
-refused "vukra-gen with an unknown option" "$gen" table.xml --frob
+fails "vukra without a command" "" "$vukra"
+fails "vukra with an unknown option" "" "$vukra" --bogus reg list
+fails "vukra reg without a verb" "" "$vukra" reg
+fails "vukra reg with an unknown verb" "" "$vukra" reg frob
+fails "reg read without names" "" "$vukra" -p "$port" reg read
+fails "reg write without a value" "" "$vukra" -p "$port" reg write offset_trim
+fails "reg read without a port" "" "$vukra" reg read setpoint
+fails "-p without its value" "" "$vukra" reg read setpoint -p
+fails "reg list of two tables" "" "$vukra" reg list process status
+fails "reg list of a missing table file" "" "$vukra" --table none.xml reg list
+fails "vukra-sim --baud abc" "" "$sim" --table table.xml --baud abc
+fails "vukra-sim --baud -5" "" "$sim" --table table.xml --baud -5
+fails "vukra-sim --corrupt abc" "" "$sim" --table table.xml --corrupt abc
+fails "vukra-sim --corrupt 2" "" "$sim" --table table.xml --corrupt 2
+fails "vukra-sim without a table" "" "$sim"
+fails "vukra-gen without a table" "" "$gen"
+fails "vukra-gen --html-live without --host" "" "$gen" table.xml --html-live x.html
+fails "vukra-gen with an unknown option" "" "$gen" table.xml --frob
 
 # Standard output holds only the data; the library's lines go to stderr, or nowhere with -q.
 gives "reg read -q" "offset_trim = -12" "$vukra" -q -p "$port" reg read offset_trim
@@ -91,13 +78,13 @@ says "vukra on a malformed table" "bad.xml: Xml error, different names type_list
 if [ ! -s "$work/o" ]; then ok; else ko "the Xml error stays off stdout"; fi
 says "vukra-sim on a malformed table" "Xml error, different names" "$sim" --table bad.xml
 says "vukra-gen on a malformed table" "Xml error, different names" "$gen" bad.xml --c
-refused "reg list of an unknown table" "$vukra" reg list nosuch
+fails "reg list of an unknown table" "" "$vukra" reg list nosuch
 : >empty.xml
 mkdir dir.xml
-refused "vukra on an empty table file" "$vukra" --table empty.xml reg list
-refused "vukra reg read on a directory as table" "$vukra" --table dir.xml -p "$port" reg read setpoint
-refused "vukra-sim on an empty table file" "$sim" --table empty.xml
-refused "vukra-sim on a directory as table" "$sim" --table dir.xml
+fails "vukra on an empty table file" "" "$vukra" --table empty.xml reg list
+fails "vukra reg read on a directory as table" "" "$vukra" --table dir.xml -p "$port" reg read setpoint
+fails "vukra-sim on an empty table file" "" "$sim" --table empty.xml
+fails "vukra-sim on a directory as table" "" "$sim" --table dir.xml
 sed "/<table_list>/q" table.xml >short.xml
 "$vukra" --table short.xml reg list >/dev/null 2>"$work/e"
 if grep -q "holds no register" "$work/e"; then ok; else ko "a table that ends early is warned of"; fi
@@ -158,5 +145,4 @@ fi
 says "a page that cannot be written" "could not write" "$gen" t.xml --html-map /nonexistent/map.html
 chmod u+w out
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+finish

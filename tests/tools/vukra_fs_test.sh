@@ -10,32 +10,8 @@ tools=$(realpath "$1")
 examples=$(realpath "$2")
 . "$(realpath "$3")/pty_program.sh"
 vukra=$tools/vukra sim=$tools/vukra-sim ufs=$tools/vukra-ufs
-work=$(mktemp -d)
-trap 'stop_pty_programs; rm -rf "$work"' EXIT
+. "$(dirname "$(realpath "$0")")/../support/checks.sh"
 cd "$work"
-passed=0
-failed=0
-ok() { passed=$((passed + 1)); }
-ko() { failed=$((failed + 1)); echo "FAILED: $*"; }
-check() { # check WHAT COMMAND...: the command succeeds
-  local what=$1
-  shift
-  if "$@" >/dev/null 2>&1; then ok; else ko "$what"; fi
-}
-# fails WHAT PATTERN COMMAND...: non-zero status, one line on stderr holding PATTERN, nothing on stdout.
-fails() {
-  local what=$1 pattern=$2
-  shift 2
-  "$@" >"$work/o" 2>"$work/e" </dev/null
-  local rc=$?
-  # The library's own line as its session's timer thread ends goes to
-  # standard error with the rest of its lines; the reason is the one other.
-  if [ $rc -ne 0 ] && [ "$(grep -cv '^timer thread exit' "$work/e")" -eq 1 ] && grep -q -- "$pattern" "$work/e" && [ ! -s "$work/o" ]; then
-    ok
-  else
-    ko "$what (status $rc, stdout: $(head -c 200 "$work/o"), stderr: $(cat "$work/e"))"
-  fi
-}
 # Stops the sim started last and waits until it has written its card back.
 stop_sim() {
   kill "$PTY_PID" 2>/dev/null
@@ -165,5 +141,4 @@ stop_sim
 check "a failed get left the local file as it was" cmp other.bin kept.bin
 ls -A | grep -q vukra-get && ko "a failed get left its temporary file" || ok
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+finish

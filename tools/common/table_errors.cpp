@@ -1,5 +1,6 @@
 #include "table_errors.h"
 
+#include "null_device.h"
 #include "table/register_table.h"
 #include "table/xml_fatal.h"
 
@@ -37,7 +38,7 @@ int load_table(const char* file) {
     set_table_being_read(file);
     std::fflush(stdout);
     int data = dup(STDOUT_FILENO);
-    int nowhere = open("/dev/null", O_WRONLY);
+    int nowhere = open(kNullDevice, O_WRONLY);
     if (data >= 0 && nowhere >= 0) dup2(nowhere, STDOUT_FILENO);
     if (nowhere >= 0) close(nowhere);
     int loaded = table::load(file);

@@ -1,5 +1,6 @@
 // vukra-gen: writes the device side's C sources and the HTML pages of a
 // register table.
+#include "../common/command_line.h"
 #include "../common/table_errors.h"
 #include "codegen/c_sources.h"
 #include "codegen/table_check.h"
@@ -12,7 +13,6 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -27,11 +27,6 @@ struct Options {
     bool all = false;
     std::string map, live, host, port, register_name;
 };
-
-[[noreturn]] void usage_error(const std::string& why) {
-    std::fprintf(stderr, "vukra-gen: %s (see vukra-gen --help)\n", why.c_str());
-    std::exit(2);
-}
 
 Options parse(int argc, char** argv) {
     Options o;
@@ -55,15 +50,7 @@ Options parse(int argc, char** argv) {
     app.add_flag("--all", o.all, "--c, and the map as modbus_map.html in the output directory (with --host also the live page as modbus_live.html)");
     live->needs(host);
     app.set_version_flag("--version", "vukra-gen " VUKRA_VERSION);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        if (e.get_exit_code() == 0) std::exit(app.exit(e));
-        std::string why = e.what();
-        for (char& ch : why)
-            if (ch == '\n') ch = ' ';
-        usage_error(why);
-    }
+    tools::parse_command_line(app, argc, argv);
     return o;
 }
 

@@ -39,6 +39,13 @@ std::FILE* data_stream(const Options& options) {
     return out;
 }
 
+void run_with_port(CLI::App* command, Options& options, std::function<int()> body) {
+    const std::string name = command->get_parent()->get_name() + " " + command->get_name();
+    command->callback([&options, name, body] {
+        options.status = options.port.empty() ? fail(name + " needs the device's port: -p PORT") : body();
+    });
+}
+
 modbus_vukra_session* open_session(const Options& options) {
     tools::set_table_being_read(options.table.c_str());
     modbus_vukra_session* s = session::open(options.port.c_str(), 0, options.table.c_str());

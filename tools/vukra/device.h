@@ -10,6 +10,7 @@
 #include "modbus_vukra.h"
 
 #include <cstdio>
+#include <functional>
 #include <string>
 
 namespace vukra::cli {
@@ -24,6 +25,11 @@ bool load_table(const Options& options);
 // From now on the library's lines go to standard error (or nowhere with
 // quiet); returns the stream for the data, the former standard output.
 std::FILE* data_stream(const Options& options);
+
+// Makes body the command's callback, its status left in options.status.
+// Without a port, body does not run: the status is a failure after
+// "GROUP COMMAND needs the device's port: -p PORT".
+void run_with_port(CLI::App* command, Options& options, std::function<int()> body);
 
 // A session on options.port, or null after saying why.
 modbus_vukra_session* open_session(const Options& options);

@@ -7,6 +7,7 @@
 #include "cli.h"
 #include "device.h"
 #include "remote_fs.h"
+#include "remotefs/transport.h"
 
 #include <cerrno>
 #include <cstring>
@@ -25,15 +26,22 @@ int finish(std::FILE* out, int status) {
     return status;
 }
 
+// What every command does around its work: the data stream, a mounted
+// session and the user's path taken from the root; the body's status then
+// stands unless the data could not be written.
+template <class Body>
+int on_device(const Options& o, const std::string& user_path, Body body) {
+    std::FILE* out = data_stream(o);
+    Remote r(o);
+    if (!r.ok()) return 1;
+    return finish(out, body(r, out, remote_path(user_path)));
+}
+
 void print_long(std::FILE* out, const modbus_vukra_attributes& a, const std::string& name) {
     std::fprintf(out, "%c %10u %s\n", kind_letter(a.words[kAttrKind]), a.words[kAttrSize], name.c_str());
 }
 
-int list(const Options& o, const std::string& user_path, bool long_form) {
-    std::FILE* out = data_stream(o);
-    Remote r(o);
-    if (!r.ok()) return 1;
-    const std::string path = remote_path(user_path);
+int list(const Remote& r, std::FILE* out, const std::string& path, bool long_form) {
     modbus_vukra_attributes a;
     if (!look_up(r, path, a)) return device_fail(r, "list", path);
     if (!is_directory(a)) {
@@ -41,7 +49,7 @@ int list(const Options& o, const std::string& user_path, bool long_form) {
             print_long(out, a, path);
         else
             std::fprintf(out, "%s\n", path.c_str());
-        return finish(out, 0);
+        return 0;
     }
     std::vector<std::string> names;
     if (!list_names(r, path, names)) return device_fail(r, "list", path);
@@ -56,7 +64,7 @@ int list(const Options& o, const std::string& user_path, bool long_form) {
             status = device_fail(r, "look up", joined(path, name));
         }
     }
-    return finish(out, status);
+    return status;
 }
 
 // Looks path up as something whose bytes can be read: not a directory.
@@ -83,14 +91,12 @@ int report(const Remote& r, Moved how, const std::string& what, const std::strin
 }
 
 int cat(const Options& o, const std::string& user_path) {
-    std::FILE* out = data_stream(o);
-    Remote r(o);
-    if (!r.ok()) return 1;
-    const std::string path = remote_path(user_path);
-    modbus_vukra_attributes a;
-    int status = 0;
-    if (!readable(r, path, a, status)) return status;
-    return finish(out, report(r, read_to(r, o, path, a.words[kAttrSize], out), "read", path, "standard output"));
+    return on_device(o, user_path, [&o](const Remote& r, std::FILE* out, const std::string& path) {
+        modbus_vukra_attributes a;
+        int status = 0;
+        if (!readable(r, path, a, status)) return status;
+        return report(r, read_to(r, o, path, a.words[kAttrSize], out), "read", path, "standard output");
+    });
 }
 
 // Where get writes: LOCAL itself, or where the symbolic link LOCAL leads.
@@ -108,20 +114,13 @@ fs::path local_target(const std::string& local) {
     return target;
 }
 
-int get(const Options& o, const std::string& user_path, const std::string& local) {
-    std::FILE* out = data_stream(o);
-    fs::path target;
-    if (local != "-" && (target = local_target(local)).empty()) return 1;
-    Remote r(o);
-    if (!r.ok()) return 1;
-    const std::string path = remote_path(user_path);
+// The device file path into a temporary file beside target, renamed over
+// it once complete.
+int get_file(const Remote& r, const Options& o, const std::string& path, const std::string& local,
+             const fs::path& target) {
     modbus_vukra_attributes a;
     int status = 0;
     if (!readable(r, path, a, status)) return status;
-    if (local == "-")
-        return finish(out, report(r, read_to(r, o, path, a.words[kAttrSize], out), "read", path, "standard output"));
-
-    // A temporary file beside the target, renamed over it once complete.
     fs::path temporary;
     std::FILE* file = nullptr;
     const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
@@ -144,6 +143,15 @@ int get(const Options& o, const std::string& user_path, const std::string& local
     return status;
 }
 
+int get(const Options& o, const std::string& user_path, const std::string& local) {
+    if (local == "-") return cat(o, user_path);
+    const fs::path target = local_target(local);
+    if (target.empty()) return 1;
+    return on_device(o, user_path, [&](const Remote& r, std::FILE*, const std::string& path) {
+        return get_file(r, o, path, local, target);
+    });
+}
+
 // A name in dir that names nothing yet, for put's temporary file; empty
 // when none could be found (the lookup's status then tells why).
 std::string free_name(const Remote& r, const std::string& dir, const std::string& base) {
@@ -153,32 +161,22 @@ std::string free_name(const Remote& r, const std::string& dir, const std::string
         modbus_vukra_attributes a;
         if (!look_up(r, candidate, a)) {
             // Only "no such file" frees the name; a silent device does not.
-            if (modbus_vukra_op_session_error(r.session) == 513) return "";
+            if (modbus_vukra_op_session_error(r.session) == remotefs::kNoReply) return "";
             return candidate;
         }
     }
     return "";
 }
 
-int put(const Options& o, const std::string& local, const std::string& user_path) {
-    std::FILE* out = data_stream(o);
-    std::error_code e;
-    if (!fs::exists(local, e)) return fail("no file " + local);
-    if (!fs::is_regular_file(local, e)) return fail(local + " is not a regular file");
-    const std::uint64_t size = fs::file_size(local, e);
-    if (e) return fail("cannot read " + local + ": " + e.message());
-    std::unique_ptr<std::FILE, int (*)(std::FILE*)> in(std::fopen(local.c_str(), "rb"), std::fclose);
-    if (!in) return fail("cannot read " + local + ": " + std::strerror(errno));
-    const std::string path = remote_path(user_path);
-    if (path == "/") return fail("cannot put " + local + " as /: name a file");
-
-    Remote r(o);
-    if (!r.ok()) return 1;
+// Writes in (size bytes) to a temporary file beside path, renamed over it
+// once complete.
+int put_file(const Remote& r, const Options& o, const std::string& path, const std::string& local,
+             std::uint64_t size, std::FILE* in) {
     modbus_vukra_attributes a;
     if (look_up(r, path, a)) {
         if (is_directory(a)) return fail("cannot write " + path + ": it is a directory");
         if (!(a.words[kAttrKind] & kKindFile)) return fail("cannot write " + path + ": it is not a regular file");
-    } else if (modbus_vukra_op_session_error(r.session) == 513) {
+    } else if (modbus_vukra_op_session_error(r.session) == remotefs::kNoReply) {
         return device_fail(r, "look up", path);
     }
     const std::string temporary = free_name(r, parent_of(path), name_of(path));
@@ -186,7 +184,7 @@ int put(const Options& o, const std::string& local, const std::string& user_path
     if (modbus_vukra_op_protected_create(r.session, temporary.c_str()) != 0)
         return device_fail(r, "write", path);
 
-    int status = report(r, write_from(r, o, path, size, in.get()), "write", path, "reading " + local);
+    int status = report(r, write_from(r, o, path, size, in), "write", path, "reading " + local);
     if (status == 0 && modbus_vukra_op_protected_rename(r.session, temporary.c_str(), path.c_str()) != 0)
         status = device_fail(r, "rename " + temporary + " to", path);
     if (status != 0) {
@@ -197,53 +195,55 @@ int put(const Options& o, const std::string& local, const std::string& user_path
     if (a.words[kAttrSize] != size)
         return fail(path + " holds " + std::to_string(a.words[kAttrSize]) + " bytes on the device, not " +
                     std::to_string(size));
-    return finish(out, 0);
+    return 0;
+}
+
+int put(const Options& o, const std::string& local, const std::string& user_path) {
+    std::error_code e;
+    if (!fs::exists(local, e)) return fail("no file " + local);
+    if (!fs::is_regular_file(local, e)) return fail(local + " is not a regular file");
+    const std::uint64_t size = fs::file_size(local, e);
+    if (e) return fail("cannot read " + local + ": " + e.message());
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> in(std::fopen(local.c_str(), "rb"), std::fclose);
+    if (!in) return fail("cannot read " + local + ": " + std::strerror(errno));
+    if (remote_path(user_path) == "/") return fail("cannot put " + local + " as /: name a file");
+    return on_device(o, user_path, [&](const Remote& r, std::FILE*, const std::string& path) {
+        return put_file(r, o, path, local, size, in.get());
+    });
 }
 
 // remove, rmdir, mkdir: one request on one path.
 int one_path(const Options& o, const std::string& user_path, const std::string& what,
              std::int32_t (*operation)(modbus_vukra_session*, const char*)) {
-    std::FILE* out = data_stream(o);
-    Remote r(o);
-    if (!r.ok()) return 1;
-    const std::string path = remote_path(user_path);
-    if (operation(r.session, path.c_str()) != 0) return device_fail(r, what, path);
-    return finish(out, 0);
+    return on_device(o, user_path, [&](const Remote& r, std::FILE*, const std::string& path) {
+        return operation(r.session, path.c_str()) != 0 ? device_fail(r, what, path) : 0;
+    });
 }
 
 int move(const Options& o, const std::string& from_user, const std::string& to_user) {
-    std::FILE* out = data_stream(o);
-    Remote r(o);
-    if (!r.ok()) return 1;
-    const std::string from = remote_path(from_user), to = remote_path(to_user);
-    if (modbus_vukra_op_protected_rename(r.session, from.c_str(), to.c_str()) != 0)
-        return device_fail(r, "move " + from + " to", to);
-    return finish(out, 0);
+    return on_device(o, from_user, [&](const Remote& r, std::FILE*, const std::string& from) {
+        const std::string to = remote_path(to_user);
+        if (modbus_vukra_op_protected_rename(r.session, from.c_str(), to.c_str()) != 0)
+            return device_fail(r, "move " + from + " to", to);
+        return 0;
+    });
 }
 
-int usage(const Options& o, const std::string& user_path) {
-    std::FILE* out = data_stream(o);
-    Remote r(o);
-    if (!r.ok()) return 1;
-    const std::string path = remote_path(user_path);
+int usage(const Remote& r, std::FILE* out, const std::string& path) {
     modbus_vukra_usage u{};
     if (modbus_vukra_op_protected_fsstat(r.session, path.c_str(), &u) != 0)
         return device_fail(r, "read the usage of", path);
     std::fprintf(out, "block size  %u\nblocks      %u\nfree blocks %u\nfree nodes  %u\n", u.words[kUsageBlockSize],
                  u.words[kUsageBlocks], u.words[kUsageFreeBlocks], u.words[kUsageFreeNodes]);
-    return finish(out, 0);
+    return 0;
 }
 
-int status_of(const Options& o, const std::string& user_path) {
-    std::FILE* out = data_stream(o);
-    Remote r(o);
-    if (!r.ok()) return 1;
-    const std::string path = remote_path(user_path);
+int status_of(const Remote& r, std::FILE* out, const std::string& path) {
     modbus_vukra_attributes a;
     if (!look_up(r, path, a)) return device_fail(r, "look up", path);
     std::fprintf(out, "node %u\nkind %u (%s)\nsize %u\ntime %u\n", a.words[kAttrNode], a.words[kAttrKind],
                  kind_words(a.words[kAttrKind]).c_str(), a.words[kAttrSize], a.words[kAttrTime]);
-    return finish(out, 0);
+    return 0;
 }
 
 // The directory's entries, indented by depth, a directory's name ending
@@ -274,15 +274,11 @@ int tree_below(const Remote& r, std::FILE* out, const std::string& path, int dep
     return status;
 }
 
-int tree(const Options& o, const std::string& user_path) {
-    std::FILE* out = data_stream(o);
-    Remote r(o);
-    if (!r.ok()) return 1;
-    const std::string path = remote_path(user_path);
+int tree(const Remote& r, std::FILE* out, const std::string& path) {
     modbus_vukra_attributes a;
     if (!look_up(r, path, a)) return device_fail(r, "list", path);
     std::fprintf(out, "%s\n", path.c_str());
-    return finish(out, is_directory(a) ? tree_below(r, out, path, 1) : 0);
+    return is_directory(a) ? tree_below(r, out, path, 1) : 0;
 }
 
 } // namespace
@@ -304,23 +300,18 @@ void add_fs_commands(CLI::App& app, Options& options) {
     };
     auto words = std::make_shared<Words>();
 
-    // Each command needs the port; run() checks it and keeps the status.
-    auto run = [&options](CLI::App* command, std::function<int()> body) {
-        const std::string name = command->get_name();
-        command->callback([&options, name, body] {
-            if (options.port.empty()) {
-                options.status = fail("fs " + name + " needs the device's port: -p PORT");
-                return;
-            }
-            options.status = body();
-        });
-    };
+    // Each command needs the port.
+    auto run = [&options](CLI::App* command, std::function<int()> body) { run_with_port(command, options, body); };
     const Options& o = options;
 
     CLI::App* ls = group->add_subcommand("ls", "list a directory, one name a line (-l: kind, size, name)");
     ls->add_flag("-l", words->long_form, "kind (d directory, - file, b c devices), size in bytes, name");
     ls->add_option("PATH", words->path, "a directory or file on the device")->required();
-    run(ls, [&o, words] { return list(o, words->path, words->long_form); });
+    run(ls, [&o, words] {
+        return on_device(o, words->path, [words](const Remote& r, std::FILE* out, const std::string& path) {
+            return list(r, out, path, words->long_form);
+        });
+    });
 
     CLI::App* cat_cmd = group->add_subcommand("cat", "a file's bytes to standard output");
     cat_cmd->add_option("PATH", words->path, "a file on the device")->required();
@@ -356,15 +347,15 @@ void add_fs_commands(CLI::App& app, Options& options) {
 
     CLI::App* df = group->add_subcommand("df", "the usage of the filesystem holding PATH (default /)");
     df->add_option("PATH", words->path, "a path on the device");
-    run(df, [&o, words] { return usage(o, words->path.empty() ? "/" : words->path); });
+    run(df, [&o, words] { return on_device(o, words->path, usage); });
 
     CLI::App* stat = group->add_subcommand("stat", "the four attribute words of PATH: node, kind, size, time");
     stat->add_option("PATH", words->path, "a path on the device")->required();
-    run(stat, [&o, words] { return status_of(o, words->path); });
+    run(stat, [&o, words] { return on_device(o, words->path, status_of); });
 
     CLI::App* tree_cmd = group->add_subcommand("tree", "PATH (default /) and everything below it");
     tree_cmd->add_option("PATH", words->path, "a directory on the device");
-    run(tree_cmd, [&o, words] { return tree(o, words->path.empty() ? "/" : words->path); });
+    run(tree_cmd, [&o, words] { return on_device(o, words->path, tree); });
 }
 
 } // namespace vukra::cli

@@ -1,7 +1,7 @@
 // vukra: the host's command line to a vukra device.
+#include "../common/command_line.h"
 #include "../common/table_errors.h"
 #include "cli.h"
-#include "device.h"
 
 #include <string>
 
@@ -24,15 +24,6 @@ int main(int argc, char** argv) {
     vukra::cli::add_fs_commands(app, options);
 
     app.set_version_flag("--version", "vukra " VUKRA_VERSION);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        if (e.get_exit_code() == 0) return app.exit(e);
-        std::string why = e.what();
-        for (char& c : why)
-            if (c == '\n') c = ' ';
-        vukra::cli::fail(why + " (see vukra --help)");
-        return 2;
-    }
+    vukra::tools::parse_command_line(app, argc, argv);
     return options.status;
 }

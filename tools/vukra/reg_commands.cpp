@@ -143,25 +143,13 @@ void add_reg_commands(CLI::App& app, Options& options) {
 
     CLI::App* read_cmd = reg->add_subcommand("read", "read registers and show their values, one \"NAME = VALUE\" a line");
     read_cmd->add_option("NAME", words->names, "register names")->required();
-    read_cmd->callback([&options, words] {
-        if (options.port.empty()) {
-            options.status = fail("reg read needs the device's port: -p PORT");
-            return;
-        }
-        options.status = read(options, words->names);
-    });
+    run_with_port(read_cmd, options, [&options, words] { return read(options, words->names); });
 
     CLI::App* write_cmd = reg->add_subcommand(
         "write", "write a register: decimal, or 0x hexadecimal for integers; a buffer's elements separated by blanks");
     write_cmd->add_option("NAME", words->name, "register name")->required();
     write_cmd->add_option("VALUE", words->value, "the value (a buffer's elements as one or several words)")->required();
-    write_cmd->callback([&options, words] {
-        if (options.port.empty()) {
-            options.status = fail("reg write needs the device's port: -p PORT");
-            return;
-        }
-        options.status = write(options, words->name, words->value);
-    });
+    run_with_port(write_cmd, options, [&options, words] { return write(options, words->name, words->value); });
 
     CLI::App* list_cmd = reg->add_subcommand("list", "list the tables and their registers, or the registers of TABLE");
     list_cmd->add_option("TABLE", words->table, "a table name");

@@ -1,0 +1,29 @@
+// How every tool reads its command line: --help and --version print and end
+// the program with status 0; anything the parser refuses ends it with
+// status 2 and one line on standard error, "TOOL: <why> (see TOOL --help)".
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace vukra::tools {
+
+inline void parse_command_line(CLI::App& app, int argc, char** argv) {
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() == 0) std::exit(app.exit(e));
+        std::string why = e.what();
+        for (char& c : why)
+            if (c == '\n') c = ' ';
+        const std::string& tool = app.get_name();
+        std::fflush(stdout);
+        std::fprintf(stderr, "%s: %s (see %s --help)\n", tool.c_str(), why.c_str(), tool.c_str());
+        std::exit(2);
+    }
+}
+
+} // namespace vukra::tools
