@@ -12,7 +12,13 @@ start_pty_program() {
   "$@" >"$out" &
   PTY_PID=$!
   PTY_PIDS+=("$PTY_PID")
-  for _ in $(seq 100); do [ -s "$out" ] && break; sleep 0.05; done
+  # A loaded machine or a sanitizer build may take seconds to start it (the
+  # sim may first make a card image); a program that ends is not waited for.
+  for _ in $(seq 600); do
+    [ -s "$out" ] && break
+    kill -0 "$PTY_PID" 2>/dev/null || break
+    sleep 0.05
+  done
   PTY_PATH=$(head -n 1 "$out")
   if [ ! -e "$PTY_PATH" ]; then
     echo "no pseudo-terminal from $1" >&2

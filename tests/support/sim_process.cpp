@@ -25,10 +25,11 @@ SimProcess::SimProcess(const std::vector<std::string>& arguments) {
         _exit(127);
     }
     close(out[1]);
-    // The first line of its output is the pty's path.
+    // The first line of its output is the pty's path; a loaded machine or a
+    // sanitizer build may take seconds to get there (an end of output stops it).
     char c;
     pollfd p{out[0], POLLIN, 0};
-    while (poll(&p, 1, 5000) > 0 && read(out[0], &c, 1) == 1 && c != '\n') port_ += c;
+    while (poll(&p, 1, 30000) > 0 && read(out[0], &c, 1) == 1 && c != '\n') port_ += c;
     close(out[0]);
     if (port_.empty()) throw std::runtime_error("vukra-sim gave no port");
 }

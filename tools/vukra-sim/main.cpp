@@ -2,6 +2,7 @@
 // Modbus ASCII requests in SLIP packets are answered from the registers of
 // a table, remote-filesystem requests (SLIP packets starting with 1) from
 // the device's filesystem, a kernel of its own with an SD card image.
+#include "../common/command_line.h"
 #include "../common/null_device.h"
 #include "../common/table_errors.h"
 #include "card.h"
@@ -91,15 +92,7 @@ Options parse(int argc, char** argv) {
     app.add_flag("-v,--verbose", o.card.verbose, "show the device kernel's messages on standard error");
     app.add_option("--seed", seed, "seed of the random choices (default: from the clock)");
     app.set_version_flag("--version", "vukra-sim " VUKRA_VERSION);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& e) {
-        if (e.get_exit_code() == 0) std::exit(app.exit(e));
-        std::string why = e.what();
-        for (char& c : why)
-            if (c == '\n') c = ' ';
-        usage_error(why);
-    }
+    tools::parse_command_line(app, argc, argv);
     std::string why;
     if (!baud.empty() && !(why = decimal_in(baud, 1, 100000000, o.baud)).empty()) usage_error("--baud: " + why);
     if (!corrupt.empty() && !(why = probability(corrupt, o.corrupt)).empty()) usage_error("--corrupt: " + why);
