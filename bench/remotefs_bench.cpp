@@ -44,9 +44,9 @@ constexpr int kRoundTrips = 500;
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 // vukra-sim on the example table with a temporary card, paced at kBaud or not.
-pid_t start_sim(std::string& port, bool paced) {
-    if (paced) return bench::start_sim({"--table", "table.xml", "--baud", std::to_string(kBaud)}, port);
-    return bench::start_sim({"--table", "table.xml"}, port);
+std::unique_ptr<vukra::test::SimProcess> start_sim(bool paced) {
+    if (paced) return bench::start_sim({"--table", "table.xml", "--baud", std::to_string(kBaud)});
+    return bench::start_sim({"--table", "table.xml"});
 }
 
 // Carries bytes between the host's end of a pty pair of its own and the
@@ -160,10 +160,9 @@ void print_leg(const char* what, const Leg& leg) {
 
 // Writes then reads the file through the paced sim and the relay.
 bool paced_run(Leg& writing, Leg& reading) {
-    std::string port;
-    const pid_t sim = start_sim(port, true);
+    const auto sim = start_sim(true);
     Relay relay;
-    if (sim < 0 || !relay_start(relay, port)) return false;
+    if (sim == nullptr || !relay_start(relay, sim->port())) return false;
     modbus_vukra_session* s = modbus_vukra_op_session_open(relay.host_path.c_str());
     bool ok = s != nullptr && modbus_vukra_op_protected_mount(s) == 0;
 
@@ -196,7 +195,6 @@ bool paced_run(Leg& writing, Leg& reading) {
 
     modbus_vukra_op_session_close(s);
     relay_stop(relay);
-    bench::stop_sim(sim);
     return writing.ok && reading.ok;
 }
 
@@ -204,10 +202,9 @@ bool paced_run(Leg& writing, Leg& reading) {
 // microseconds; before them, the time of writing the 256 KiB file unpaced
 // (what the sim and the library cost without the line).
 bool round_trips(std::vector<double>& micros, double& unpaced_write) {
-    std::string port;
-    const pid_t sim = start_sim(port, false);
-    if (sim < 0) return false;
-    modbus_vukra_session* s = modbus_vukra_op_session_open(port.c_str());
+    const auto sim = start_sim(false);
+    if (sim == nullptr) return false;
+    modbus_vukra_session* s = modbus_vukra_op_session_open(sim->port().c_str());
     bool ok = s != nullptr && modbus_vukra_op_protected_mount(s) == 0 &&
               modbus_vukra_op_protected_create(s, "/mem/rtt.bin") == 0;
     std::vector<unsigned char> block(1024, 0x5A);
@@ -223,7 +220,6 @@ bool round_trips(std::vector<double>& micros, double& unpaced_write) {
         micros.push_back(seconds_since(start) * 1e6);
     }
     modbus_vukra_op_session_close(s);
-    bench::stop_sim(sim);
     return ok;
 }
 

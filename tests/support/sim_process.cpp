@@ -1,6 +1,7 @@
 #include "support/sim_process.h"
 
 #include <csignal>
+#include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/wait.h>
@@ -8,7 +9,7 @@
 
 namespace vukra::test {
 
-SimProcess::SimProcess(const std::vector<std::string>& arguments) {
+SimProcess::SimProcess(const std::vector<std::string>& arguments, bool quiet) {
     int out[2];
     if (pipe(out) != 0) throw std::runtime_error("pipe failed");
     std::vector<std::string> args{VUKRA_SIM_PATH};
@@ -16,6 +17,7 @@ SimProcess::SimProcess(const std::vector<std::string>& arguments) {
     pid_ = fork();
     if (pid_ == 0) {
         dup2(out[1], 1);
+        if (quiet) dup2(open("/dev/null", O_WRONLY), 2);
         close(out[0]);
         close(out[1]);
         std::vector<char*> argv;

@@ -9,8 +9,9 @@ namespace vukra::test {
 
 class SimProcess {
 public:
-    // Starts vukra-sim with these arguments and waits for its pty path.
-    explicit SimProcess(const std::vector<std::string>& arguments);
+    // Starts vukra-sim with these arguments and waits for its pty path;
+    // its standard error goes nowhere when quiet.
+    explicit SimProcess(const std::vector<std::string>& arguments, bool quiet = false);
     ~SimProcess();
     SimProcess(const SimProcess&) = delete;
     SimProcess& operator=(const SimProcess&) = delete;
