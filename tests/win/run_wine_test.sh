@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Runs the cross-built Windows tests under wine: COM5 of the wine prefix
-# leads to vukra-sim on a pseudo-terminal, COM6 to the reversing SLIP peer.
-# wine_session_test loads the DLL with LoadLibrary; wine_import_test is
-# linked with its import library.
+# leads to vukra-sim on a pseudo-terminal, COM6 to the reversing SLIP peer,
+# COM7 to vukra-sim with a card image and replies paced at 115200 baud (so
+# that a transfer can be followed and cancelled). wine_host_app loads the
+# DLL with LoadLibrary and uses every export; wine_import_test is linked
+# with its import library; wine_session_test drives the SLIP layer.
 #   run_wine_test.sh WIN_BUILD_DIR VUKRA_SIM SLIP_PEER EXAMPLE_TABLE
 set -eu
 win_build=$(cd "$1" && pwd)
@@ -30,12 +32,15 @@ start_line() {
 
 start_line com5 "$sim" --table "$table"
 start_line com6 "$peer"
+start_line com7 "$sim" --table "$table" --image "$work/card.img" --baud 115200
 
-cp "$win_build/src/modbus_vukra.dll" "$win_build/src/wine_session_test.exe" "$win_build/src/wine_import_test.exe" "$work/"
+cp "$win_build/src/modbus_vukra.dll" "$win_build/src/wine_session_test.exe" "$win_build/src/wine_import_test.exe" \
+  "$win_build/src/wine_host_app.exe" "$work/"
 cp "$table" "$work/table.xml"
 cd "$work"
 status=0
-wine ./wine_session_test.exe COM5 COM6 || status=$?
+wine ./wine_host_app.exe COM7 || status=$?
+wine ./wine_session_test.exe COM6 || status=$?
 wine ./wine_import_test.exe COM5 || status=$?
 wineserver -w || true
 exit $status

@@ -1,0 +1,145 @@
+// The card copied into the library's local card (getfs), followed from a
+// second thread through session_info and once cancelled from it; files
+// changed under "/mem" in the mirror and the card sent back (putfs), which
+// a fresh getfs then shows on the device.
+#include "host_app.h"
+
+#include <cstdio>
+#include <vector>
+
+namespace host {
+
+namespace {
+
+// A second host thread beside a transfer: it records every change of
+// direction, phase and progress, and with cancel set stops the transfer
+// (cancelfs) once it is in its data phase.
+struct Watch {
+    modbus_vukra_session* s = nullptr;
+    bool cancel = false;
+    std::atomic<bool> stop{false};
+    std::int32_t cancel_result = 1;
+    std::vector<Info> seen;
+};
+
+DWORD WINAPI watch_transfer(void* argument) {
+    Watch& w = *static_cast<Watch*>(argument);
+    while (!w.stop) {
+        const Info i = info_of(w.s);
+        const bool changed = w.seen.empty() || w.seen.back().phase() != i.phase() ||
+                             w.seen.back().progress() != i.progress() || w.seen.back().direction() != i.direction();
+        if (changed) w.seen.push_back(i);
+        if (w.cancel && i.direction() == 1 && i.phase() == 2) {
+            w.cancel_result = VK(cancelfs)(w.s);
+            break;
+        }
+        Sleep(1);
+    }
+    return 0;
+}
+
+// Runs getfs or putfs with the watcher beside it; the transfer's result.
+std::int32_t watched_transfer(modbus_vukra_session* s, bool put, Watch& w) {
+    w.s = s;
+    HANDLE thread = CreateThread(nullptr, 0, watch_transfer, &w, 0, nullptr);
+    if (thread == nullptr) return -2;
+    const DWORD start = GetTickCount();
+    const std::int32_t result = put ? VK(protected_putfs)(s) : VK(protected_getfs)(s);
+    std::printf("# %s took %lu ms\n", put ? "putfs" : "getfs", GetTickCount() - start);
+    w.stop = true;
+    WaitForSingleObject(thread, INFINITE);
+    CloseHandle(thread);
+    w.seen.push_back(info_of(s)); // how it ended
+    return result;
+}
+
+// Whether the watcher saw direction's transfer reach its data phase with
+// the phases in order and its progress never falling within a phase, and
+// end done at 100. A get, paced by the device's replies, is also seen in
+// its header phase and its progress growing within a phase; a put, whose
+// requests carry the data, may pass its header phase between two looks.
+bool phases_in_order(const Watch& w, std::int32_t direction, bool paced, std::string& shown) {
+    bool in_order = true, grew = false, header = false, data = false;
+    char count[32];
+    std::snprintf(count, sizeof count, " %zu samples", w.seen.size());
+    shown += count;
+    const Info* previous = nullptr;
+    for (const Info& i : w.seen) {
+        char step[32];
+        std::snprintf(step, sizeof step, " %d/%d", i.phase(), i.progress());
+        shown += step;
+        if (i.direction() != direction) continue;
+        header = header || i.phase() == 1;
+        data = data || i.phase() == 2;
+        if (previous != nullptr) {
+            if (i.phase() < previous->phase()) in_order = false;
+            if (i.phase() == previous->phase() && i.progress() < previous->progress()) in_order = false;
+            if (i.phase() == previous->phase() && i.progress() > previous->progress()) grew = true;
+        }
+        if (i.phase() < 4 && i.progress() == 100 && i.phase() != 1) in_order = false;
+        previous = &i;
+    }
+    const bool done = previous != nullptr && previous->phase() == 4 && previous->progress() == 100;
+    return in_order && data && done && (!paced || (header && grew));
+}
+
+bool file_exists(modbus_vukra_session* s, const char* path) { return VK(protected_lookup)(s, path, nullptr) == 0; }
+
+const std::string kMirrorText = "written in the mirror under /mem\r\n";
+
+} // namespace
+
+void mirror(modbus_vukra_session* s) {
+    {
+        Watch w;
+        const std::int32_t result = watched_transfer(s, false, w);
+        check(result == 0, "getfs (error word " + std::to_string(VK(session_error)(s)) + ")");
+        std::string shown;
+        const bool seen = phases_in_order(w, 1, true, shown);
+        check(seen, "a second thread saw getfs's phases and its progress grow:" + shown);
+    }
+    const Info done = info_of(s);
+    check(done.direction() == 1 && done.phase() == 4 && done.progress() == 100, "session_info: get, done, 100");
+    check(GetFileAttributesA("sdcard0.o") != INVALID_FILE_ATTRIBUTES, "the local card sdcard0.o is in the working folder");
+    check(file_text(s, "/mem/work/data.txt") == kDeviceText && file_text(s, "/mem/big.bin") == kDeviceBig,
+          "the mirror holds what was written on the device");
+    check(create_with(s, "/mem/mirror-only.txt", kMirrorText) && file_text(s, "/mem/mirror-only.txt") == kMirrorText,
+          "a file made in the mirror");
+
+    {
+        Watch w;
+        w.cancel = true;
+        const std::int32_t result = watched_transfer(s, false, w);
+        check(w.cancel_result == 0, "cancelfs from the second thread during the data phase");
+        check(result == -1 && VK(session_error)(s) == -11, "the cancelled getfs: -1, error word -11");
+        const Info i = info_of(s);
+        check(i.phase() == 2 && i.progress() < 100, "session_info: stopped in the data phase, below 100");
+    }
+    check(file_text(s, "/mem/work/data.txt") == kDeviceText && !file_exists(s, "/mem/mirror-only.txt"),
+          "after the cancel, /mem is the device's again");
+
+    check(VK(protected_getfs)(s) == 0, "getfs after the cancel");
+    check(create_with(s, "/mem/work/new.txt", kMirrorText), "create and write /mem/work/new.txt in the mirror");
+    check(VK(protected_rename)(s, "/mem/work/data.txt", "/mem/renamed.txt") == 0, "rename in the mirror");
+    check(VK(protected_remove)(s, "/mem/work/a-long-name-that-fills-the-listing-pages-quickly-1") == 0, "remove in the mirror");
+    check(VK(protected_mkdir)(s, "/mem/made") == 0, "mkdir in the mirror");
+    {
+        Watch w;
+        const std::int32_t result = watched_transfer(s, true, w);
+        check(result == 0, "putfs (error word " + std::to_string(VK(session_error)(s)) + ")");
+        std::string shown;
+        const bool seen = phases_in_order(w, 2, false, shown);
+        check(seen, "a second thread saw putfs's phases:" + shown);
+    }
+
+    // A file only the old mirror has: the fresh copy from the device drops it.
+    check(create_with(s, "/mem/local-only.txt", kMirrorText), "a file made in the mirror after the put");
+    check(VK(protected_getfs)(s) == 0, "a fresh getfs");
+    check(!file_exists(s, "/mem/local-only.txt"), "the fresh copy came from the device");
+    check(file_text(s, "/mem/work/new.txt") == kMirrorText && file_text(s, "/mem/renamed.txt") == kDeviceText &&
+              !file_exists(s, "/mem/work/data.txt") &&
+              !file_exists(s, "/mem/work/a-long-name-that-fills-the-listing-pages-quickly-1") && file_exists(s, "/mem/made"),
+          "the device has the mirror's changes: new, renamed, removed and made");
+}
+
+} // namespace host
