@@ -172,7 +172,10 @@ void copies(Shared& x) {
         ++x.gets_cancelled;
         return;
     }
-    x.copying = Copy::kPut;
+    {
+        std::lock_guard<std::mutex> lock(x.gate);
+        x.copying = Copy::kPut;
+    }
     if (x.check(modbus_vukra_op_protected_putfs(x.s) == 0, "putfs")) ++x.puts_done;
     x.copying = Copy::kNone;
 }
@@ -202,7 +205,10 @@ void host_thread(Shared& x, int thread) {
         follow(x);
         if (round % 3 == thread % 3) files(x, thread, round);
         if (thread == 0 && round % 8 == 7) copies(x);
-        if (thread == 3) x.check(modbus_vukra_op_cancelfs(x.s) == 0, "cancelfs"); // nothing runs: no effect
+        if (thread == 3) { // with no copy running, or one about to start: it must not stop the next one
+            std::lock_guard<std::mutex> lock(x.gate);
+            if (x.copying.load() == Copy::kNone) x.check(modbus_vukra_op_cancelfs(x.s) == 0, "cancelfs");
+        }
     }
     std::lock_guard<std::mutex> lock(x.report_lock);
     ++x.finished;
