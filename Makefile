@@ -54,7 +54,7 @@ test-tsan: deps
 # summary lines are shown, and its own status is the recipe's.
 fuzz = $(FUZZ)/tests/fuzz/$(1) -max_total_time=$(2) -max_len=$(3) -print_final_stats=1 $(abspath $(FUZZ))/$(4) 2>&1 \
   | grep -E 'Done|stat::number_of_executed_units|ERROR|SUMMARY' ; test $${PIPESTATUS[0]} -eq 0
-FUZZ_SECONDS ?= 48
+FUZZ_SECONDS ?= 42
 FUZZ_EACH ?= 300
 fuzz_share = $$(( $(FUZZ_SECONDS) / 6 > 0 ? $(FUZZ_SECONDS) / 6 : 1 ))
 
