@@ -1,6 +1,7 @@
 # make        build the library and the tools
 # make test   every test: native, under the sanitizers, and the Windows build under wine
 # make demo   run the main job against the built-in device emulator
+# make fuzz   every fuzzer for FUZZ_EACH seconds (300 by default)
 # make bench  run the benchmarks
 # make package  Debian packages of the library, its development files and the tools (build/release/packages)
 # make dist   the Windows zip: DLL, import libraries, header, tools, docs/windows.md (build/dist)
@@ -12,12 +13,11 @@ NATIVE    := $(BUILD)/release
 ASAN      := $(BUILD)/asan
 TSAN      := $(BUILD)/tsan
 FUZZ      := $(BUILD)/fuzz
-FUZZ_SECONDS ?= 30
 WIN64     := $(BUILD)/win-x86_64
 WIN32     := $(BUILD)/win-i686
 CMAKE_GEN := -G Ninja -DMODBUS_VUKRA_WERROR=ON
 
-.PHONY: all deps native win test test-native test-asan test-tsan test-fuzz demo bench package dist clean
+.PHONY: all deps native win test test-native test-asan test-tsan test-fuzz fuzz fuzz-build demo bench package dist clean
 
 all: native
 
@@ -47,21 +47,39 @@ test-tsan: deps
 	@cmake --build $(TSAN) -j $(JOBS)
 	cd $(TSAN) && ctest -j $(JOBS) --output-on-failure
 
-# The fuzzers, built with clang, for a bounded time on every run: the image
-# fuzzer takes half of FUZZ_SECONDS, the reply decoder and the local server
-# a quarter each.
+# The fuzzers, built with clang, for a bounded time on every run: the six
+# share FUZZ_SECONDS equally (the image fuzzer takes what the division
+# leaves over); `make fuzz` runs each for FUZZ_EACH seconds instead.
 # One fuzzer: its name, seconds, longest input and corpus folder; only its
 # summary lines are shown, and its own status is the recipe's.
 fuzz = $(FUZZ)/tests/fuzz/$(1) -max_total_time=$(2) -max_len=$(3) -print_final_stats=1 $(abspath $(FUZZ))/$(4) 2>&1 \
   | grep -E 'Done|stat::number_of_executed_units|ERROR|SUMMARY' ; test $${PIPESTATUS[0]} -eq 0
+FUZZ_SECONDS ?= 42
+FUZZ_EACH ?= 300
+fuzz_share = $$(( $(FUZZ_SECONDS) / 6 > 0 ? $(FUZZ_SECONDS) / 6 : 1 ))
 
-test-fuzz: deps
+# The fuzz build and its corpus folders, seeded by scripts/fuzz_seeds.sh.
+fuzz-build: deps
 	@CC=clang CXX=clang++ cmake -S . -B $(FUZZ) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMODBUS_VUKRA_FUZZ=ON -DMODBUS_VUKRA_SANITIZE=address,undefined >/dev/null
 	@cmake --build $(FUZZ) -j $(JOBS)
 	@mkdir -p $(FUZZ)/corpus $(FUZZ)/corpus-replies $(FUZZ)/corpus-server
-	$(call fuzz,ufs_image_fuzzer,$$(( $(FUZZ_SECONDS) / 2 )),4096,corpus)
-	$(call fuzz,remotefs_reply_fuzzer,$$(( $(FUZZ_SECONDS) / 4 )),2048,corpus-replies)
-	$(call fuzz,local_server_fuzzer,$$(( $(FUZZ_SECONDS) - $(FUZZ_SECONDS) / 2 - $(FUZZ_SECONDS) / 4 )),2048,corpus-server)
+	@scripts/fuzz_seeds.sh $(FUZZ)
+
+# All six, $(1) seconds each but the image fuzzer's $(2).
+define fuzz_all
+	@$(call fuzz,ufs_image_fuzzer,$(2),4096,corpus)
+	@$(call fuzz,remotefs_reply_fuzzer,$(1),2048,corpus-replies)
+	@$(call fuzz,local_server_fuzzer,$(1),2048,corpus-server)
+	@$(call fuzz,slip_fuzzer,$(1),8192,corpus-slip)
+	@$(call fuzz,ascii_frame_fuzzer,$(1),1200,corpus-frames)
+	@$(call fuzz,xml_reader_fuzzer,$(1),4096,corpus-xml)
+endef
+
+test-fuzz: fuzz-build
+	$(call fuzz_all,$(fuzz_share),$$(( $(FUZZ_SECONDS) - 5 * $(fuzz_share) > 0 ? $(FUZZ_SECONDS) - 5 * $(fuzz_share) : 1 )))
+
+fuzz: fuzz-build
+	$(call fuzz_all,$(FUZZ_EACH),$(FUZZ_EACH))
 
 # The native run comes last so that its summary closes the output.
 test: test-asan test-tsan test-fuzz test-native

@@ -1,0 +1,276 @@
+// One mounted Session on vukra-sim shared for a few seconds by four host
+// threads and the Session's timer thread. Each host thread owns a register
+// and a file: it writes and reads back its register, writes, reads back,
+// lists and removes its file, asks for the usage of the volume and follows
+// session_info. The first thread also copies the card to the mirror and
+// back; the last one cancels some of those copies while they run.
+//
+// The current handle belongs to the Session, not to a thread, so a host
+// that runs sequences of file calls (create, write, lookup, read) from
+// several threads keeps them apart itself: here a host-side mutex holds
+// each sequence, and the copies, which move the handle too. Single calls
+// (register transfers, fsstat, session_info, cancelfs) run freely.
+//
+// Run under ThreadSanitizer and AddressSanitizer as well: a race or a
+// leak in the library shows there.
+#include "support/session_fixture.h"
+#include "support/sim_process.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace vukra;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr auto kRunFor = std::chrono::seconds(4);
+// Past this, a thread that has not come back is taken for a deadlock (a
+// single call waits 4 s at most for the device).
+constexpr auto kJoinWithin = std::chrono::seconds(60);
+
+struct Owned {
+    const char* reg;
+    std::int32_t bytes;
+};
+// Read-write registers of the example table, one per thread.
+constexpr Owned kOwned[4] = {{"setpoint", 4}, {"offset_trim", 2}, {"energy", 4}, {"gain", 4}};
+
+std::atomic<int> notifications{0};
+std::atomic<int> bad_notifications{0};
+
+void on_status(modbus_vukra_session* s) {
+    std::int32_t info[MODBUS_VUKRA_INFO_WORDS];
+    if (modbus_vukra_op_session_info(s, info) != 0) ++bad_notifications;
+    ++notifications;
+}
+
+enum class Copy { kNone, kGet, kPut };
+
+struct Shared {
+    modbus_vukra_session* s;
+    Clock::time_point until;
+    std::mutex handle;            // the host's: one sequence on the current handle at a time
+    std::mutex gate;              // orders a cancel against the end of a get
+    std::atomic<Copy> copying{Copy::kNone};
+    std::atomic<int> gets_done{0}, gets_cancelled{0}, puts_done{0};
+    std::atomic<int> calls{0};
+    std::atomic<int> finished{0};
+    std::mutex report_lock;
+    std::condition_variable all_finished;
+    std::vector<std::string> faults;
+
+    void fault(const std::string& what) {
+        std::lock_guard<std::mutex> lock(report_lock);
+        if (faults.size() < 20)
+            faults.push_back(what + " (error word " + std::to_string(modbus_vukra_op_session_error(s)) + ")");
+    }
+    bool check(bool ok, const std::string& what) {
+        ++calls;
+        if (!ok) fault(what);
+        return ok;
+    }
+};
+
+std::string content_of(int thread, int round) {
+    std::string text(static_cast<std::size_t>(1 + (round * 397 + thread * 131) % 2500), '\0');
+    for (std::size_t i = 0; i < text.size(); ++i) text[i] = static_cast<char>('a' + (i * 7 + round + thread) % 26);
+    return text;
+}
+
+void registers(Shared& x, int thread, int round) {
+    const Owned& own = kOwned[thread];
+    const std::uint32_t value = static_cast<std::uint32_t>(thread) << 28 | static_cast<std::uint32_t>(round);
+    std::uint8_t written[4], read[4] = {};
+    std::memcpy(written, &value, sizeof written);
+    x.check(modbus_vukra_op_protected_writereg(x.s, own.reg, written, own.bytes) == own.bytes,
+            std::string("writereg ") + own.reg);
+    if (x.check(modbus_vukra_op_protected_readreg(x.s, own.reg, read, own.bytes) == own.bytes,
+                std::string("readreg ") + own.reg))
+        x.check(std::memcmp(read, written, static_cast<std::size_t>(own.bytes)) == 0,
+                std::string(own.reg) + " reads back another value than its thread wrote");
+    // A neighbour's register: only its size is known here.
+    const Owned& other = kOwned[(thread + 1) % 4];
+    x.check(modbus_vukra_op_protected_readreg(x.s, other.reg, read, other.bytes) == other.bytes,
+            std::string("readreg ") + other.reg);
+}
+
+void follow(Shared& x) {
+    std::int32_t info[MODBUS_VUKRA_INFO_WORDS];
+    if (!x.check(modbus_vukra_op_session_info(x.s, info) == 0, "session_info")) return;
+    const std::int32_t direction = info[MODBUS_VUKRA_INFO_DIRECTION], phase = info[MODBUS_VUKRA_INFO_PHASE],
+                       progress = info[MODBUS_VUKRA_INFO_PROGRESS];
+    x.check(direction >= 0 && direction <= 2 && phase >= 0 && phase <= 4 && progress >= 0 && progress <= 100,
+            "session_info: direction " + std::to_string(direction) + " phase " + std::to_string(phase) +
+                " progress " + std::to_string(progress));
+}
+
+// The thread's file made, read back, listed and removed, as one sequence.
+void files(Shared& x, int thread, int round) {
+    const std::string name = "stress" + std::to_string(thread);
+    const std::string path = "/mem/" + name;
+    const std::string text = content_of(thread, round);
+    {
+        std::lock_guard<std::mutex> sequence(x.handle);
+        if (!x.check(modbus_vukra_op_protected_create(x.s, path.c_str()) == 0, "create " + path)) return;
+        for (std::size_t done = 0; done < text.size();) {
+            const auto n = static_cast<std::int32_t>(std::min<std::size_t>(text.size() - done, 1024));
+            if (!x.check(modbus_vukra_op_protected_write(x.s, text.data() + done, n) == n, "write " + path)) return;
+            done += static_cast<std::size_t>(n);
+        }
+        if (!x.check(modbus_vukra_op_protected_lookup(x.s, path.c_str(), nullptr) == 0, "lookup " + path)) return;
+        x.check(test::read_all(x.s) == text, path + " reads back other bytes than were written");
+
+        if (x.check(modbus_vukra_op_protected_lookup(x.s, "/mem", nullptr) == 0, "lookup /mem")) {
+            std::set<std::string> listed;
+            std::int32_t eof = 0;
+            for (int page = 0; eof == 0 && page < 50; ++page) {
+                modbus_vukra_dir_entry* first = nullptr;
+                eof = modbus_vukra_op_protected_readdir(x.s, &first);
+                for (const std::string& entry : test::take_names(first)) listed.insert(entry);
+                if (!x.check(eof >= 0, "readdir /mem")) break;
+            }
+            x.check(listed.count(name) == 1, "readdir /mem does not list " + name);
+        }
+        x.check(modbus_vukra_op_protected_remove(x.s, path.c_str()) == 0, "remove " + path);
+    }
+    modbus_vukra_usage usage{};
+    x.check(modbus_vukra_op_protected_fsstat(x.s, "/mem", &usage) == 0 && usage.words[0] == 512, "fsstat /mem");
+}
+
+// The card to the mirror and, when that worked, back. A get ends either
+// whole (0) or cancelled (-1, error word -11); a put is never cancelled
+// here: a cancelled one leaves the device's card half written.
+void copies(Shared& x) {
+    std::lock_guard<std::mutex> sequence(x.handle);
+    x.copying = Copy::kGet;
+    const std::int32_t got = modbus_vukra_op_protected_getfs(x.s);
+    const std::int32_t error = modbus_vukra_op_session_error(x.s);
+    {
+        std::lock_guard<std::mutex> lock(x.gate);
+        x.copying = Copy::kNone;
+    }
+    std::int32_t info[MODBUS_VUKRA_INFO_WORDS];
+    modbus_vukra_op_session_info(x.s, info);
+    if (got == 0) {
+        ++x.gets_done;
+        x.check(info[MODBUS_VUKRA_INFO_PHASE] == 4 && info[MODBUS_VUKRA_INFO_PROGRESS] == 100, "getfs done, not phase 4");
+    } else {
+        // The timer's status request may have replaced the error word since.
+        x.check(error == -11 || (error == 0 && info[MODBUS_VUKRA_INFO_PHASE] < 4), "getfs failed, not cancelled");
+        ++x.gets_cancelled;
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(x.gate);
+        x.copying = Copy::kPut;
+    }
+    if (x.check(modbus_vukra_op_protected_putfs(x.s) == 0, "putfs")) ++x.puts_done;
+    x.copying = Copy::kNone;
+}
+
+// Cancels every other get it sees running, and follows it meanwhile.
+void watch_copy(Shared& x, int& seen) {
+    while (x.copying.load() == Copy::kGet && Clock::now() < x.until + kJoinWithin) {
+        follow(x);
+        {
+            std::lock_guard<std::mutex> lock(x.gate);
+            if (x.copying.load() == Copy::kGet && seen % 2 == 0)
+                x.check(modbus_vukra_op_cancelfs(x.s) == 0, "cancelfs");
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(300));
+    }
+    ++seen;
+}
+
+void host_thread(Shared& x, int thread) {
+    int seen = 0;
+    for (int round = 0; Clock::now() < x.until; ++round) {
+        if (thread == 3 && x.copying.load() == Copy::kGet) {
+            watch_copy(x, seen);
+            continue;
+        }
+        registers(x, thread, round);
+        follow(x);
+        if (round % 3 == thread % 3) files(x, thread, round);
+        if (thread == 0 && round % 8 == 7) copies(x);
+        if (thread == 3) { // with no copy running, or one about to start: it must not stop the next one
+            std::lock_guard<std::mutex> lock(x.gate);
+            if (x.copying.load() == Copy::kNone) x.check(modbus_vukra_op_cancelfs(x.s) == 0, "cancelfs");
+        }
+    }
+    std::lock_guard<std::mutex> lock(x.report_lock);
+    ++x.finished;
+    x.all_finished.notify_all();
+}
+
+struct Stress : test::SessionFixture {
+    // A small card of 256 KiB with one file on it.
+    void make_card() {
+        test::write_file(card, std::string(256 * 1024, '\0'));
+        const std::string ufs = std::string(VUKRA_UFS_PATH) + " " + card;
+        test::write_file("hello.txt", "hello\n");
+        ASSERT_EQ(std::system((ufs + " mkfs >/dev/null && " + ufs + " put hello.txt /hello >/dev/null").c_str()), 0);
+    }
+    // The threads against vukra-sim serving the card, until it has ended.
+    void run_on_device();
+};
+
+TEST_F(Stress, FourHostThreadsAndTheTimerShareOneSession) {
+    make_card();
+    if (HasFatalFailure()) return;
+    run_on_device();
+    // The device's card is a sound volume after all the copies back.
+    EXPECT_EQ(std::system((std::string(VUKRA_UFS_PATH) + " " + card + " check >/dev/null 2>&1").c_str()), 0);
+}
+
+void Stress::run_on_device() {
+    test::SimProcess sim({"--table", "table.xml", "--image", card}, true);
+    Shared x;
+    x.s = open_mounted(sim.port());
+    ASSERT_NE(x.s, nullptr);
+    ASSERT_EQ(modbus_vukra_op_session_callback(x.s, on_status), 0);
+
+    testing::internal::CaptureStdout(); // each register transfer prints its frames
+    x.until = Clock::now() + kRunFor;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) threads.emplace_back(host_thread, std::ref(x), i);
+    {
+        std::unique_lock<std::mutex> lock(x.report_lock);
+        if (!x.all_finished.wait_until(lock, x.until + kJoinWithin, [&] { return x.finished == 4; })) {
+            std::fprintf(stderr, "host threads still running %d s after the end: a deadlock\n",
+                         static_cast<int>(kJoinWithin.count()));
+            std::abort(); // they cannot be joined, and the session cannot be closed under them
+        }
+    }
+    for (std::thread& t : threads) t.join();
+    // The timer notifies once a second once mounted, but only between the
+    // host's calls: wait for one if the host kept it away so far.
+    for (int i = 0; i < 200 && notifications.load() == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    testing::internal::GetCapturedStdout();
+
+    for (const std::string& f : x.faults) ADD_FAILURE() << f;
+    EXPECT_TRUE(x.faults.empty());
+    EXPECT_GT(x.calls.load(), 200);
+    EXPECT_GT(x.gets_done.load(), 0) << "a get not cancelled";
+    EXPECT_EQ(x.puts_done.load(), x.gets_done.load()) << "every get that worked was put back";
+    EXPECT_GT(notifications.load(), 0) << "the timer's status request and the host callback";
+    EXPECT_EQ(bad_notifications.load(), 0);
+    std::printf("%d calls, %d gets done, %d cancelled, %d notifications\n", x.calls.load(), x.gets_done.load(),
+                x.gets_cancelled.load(), notifications.load());
+
+    close(x.s);
+}
+
+} // namespace
