@@ -246,6 +246,22 @@ TEST_F(ImageTransfer, DeviceThatVanishesFailsWithinTheTimeOut) {
     close(s);
 }
 
+TEST_F(ImageTransfer, EachSessionsGetLetsGoOfTheMemBefore) {
+    // The kernel outlives Sessions, and "/mem" stays mounted after one
+    // closes: the next Session's get must unmount it, or the mounts pile
+    // up until the kernel has no slot left.
+    make_card();
+    for (int i = 0; i < kernel::kMountSlots + 1; ++i) {
+        SCOPED_TRACE(i);
+        test::FakeCardDevice device(test::read_file(card));
+        modbus_vukra_session* s = open_mounted(device.port());
+        ASSERT_NE(s, nullptr);
+        EXPECT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
+        close(s);
+    }
+    EXPECT_TRUE(mem_mounted_locally());
+}
+
 // ---- crafted images from a fake device ------------------------------------
 
 std::string header15(std::uint16_t block_size, std::uint32_t map_size, std::uint32_t groups, std::uint32_t metadata) {

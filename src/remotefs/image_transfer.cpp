@@ -319,7 +319,10 @@ std::int32_t transfer(session::Session& s, TransferDirection direction) {
         platform::LockGuard state(s.state_lock);
         s.cancel = 0;
     }
-    if (direction == kGet && s.mirror_enabled != 0) unmount_mirror();
+    // The local card is about to be overwritten: "/mem" goes first, whether
+    // this Session mounted it or one closed before it in this process (the
+    // kernel outlives Sessions).
+    if (direction == kGet) unmount_mirror();
 
     modbus_vukra_attributes attributes{};
     if (remotefs::lookup(s, kCardPath, &attributes) != 0) return -1;
