@@ -1,6 +1,7 @@
 // getfs and putfs: the device's card copied into the library's local card
 // and back, against vukra-sim with a card image and against a fake device
-// that serves crafted images; cancel, a vanishing device, and the timer
+// that serves crafted images; cancel, a vanishing device, a device card
+// smaller than the image, a damaged volume under "/mem", and the timer
 // running beside host threads.
 #include "kernel/vfs.h"
 #include "modbus_vukra.h"
