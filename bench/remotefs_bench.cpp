@@ -1,36 +1,26 @@
 // Files through the remote filesystem against the line they cross.
 //
-// A 256 KiB file is written and read back through vukra-sim paced at
+// A 256 KiB file is written and read back through vukra-sim and a line at
 // 400000 baud, set against the time that the bytes which crossed the line
-// take at that speed, measured in the same run. vukra-sim paces only its
-// replies, and hands each reply's last slice (up to 2 ms of bytes) to the
-// line as the slice starts rather than when a line would have carried it.
-// So the session talks to the sim through a relay in this program that is
-// the line: it carries the bytes of both directions at 400000 baud, no
-// byte sooner than the line would have, and counts them: request and reply
-// packets whole, 12-byte header, items, SLIP ends and escapes, and the
-// status requests the session's timer sends meanwhile. The line's time is
-// those bytes at 10 bits a byte (8N1).
+// take at that speed, measured in the same run: the session talks to the
+// sim through a relay in this program that is the line (paced_line.h).
+// The sim does not pace its replies itself: a reply paced twice (the sim's
+// 2 ms slices carried again by the relay, which must wait for each) loses
+// both sleeps' lateness on every slice, time that neither the line nor the
+// host spends.
 //
-// Also: the round trip of one 1024-byte read against the sim unpaced,
-// without the relay.
+// Also: the round trip of one 1024-byte read straight to the sim.
 #include "modbus_vukra.h"
+#include "paced_line.h"
 #include "sim_child.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
-#include <poll.h>
-#include <pty.h>
 #include <random>
 #include <string>
-#include <termios.h>
-#include <thread>
-#include <unistd.h>
 #include <vector>
 
 using Clock = std::chrono::steady_clock;
@@ -43,103 +33,8 @@ constexpr int kRoundTrips = 500;
 
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-// vukra-sim on the example table with a temporary card, paced at kBaud or not.
-std::unique_ptr<vukra::test::SimProcess> start_sim(bool paced) {
-    if (paced) return bench::start_sim({"--table", "table.xml", "--baud", std::to_string(kBaud)});
-    return bench::start_sim({"--table", "table.xml"});
-}
-
-// Carries bytes between the host's end of a pty pair of its own and the
-// sim's pty, the host's at kBaud, and counts them.
-struct Relay {
-    int host = -1; // master of the host's pty
-    int host_slave = -1;
-    std::string host_path;
-    int device = -1; // the sim's pty, opened by name
-    std::atomic<bool> stop{false};
-    std::atomic<unsigned long> to_device{0}, to_host{0};
-    std::thread thread;
-};
-
-void raw(int fd) {
-    termios t{};
-    tcgetattr(fd, &t);
-    cfmakeraw(&t);
-    tcsetattr(fd, TCSANOW, &t);
-}
-
-bool write_all(int fd, const unsigned char* p, std::size_t n) {
-    while (n > 0) {
-        const ssize_t w = write(fd, p, n);
-        if (w < 0) {
-            if (errno == EINTR || errno == EAGAIN) continue;
-            return false;
-        }
-        p += w;
-        n -= static_cast<std::size_t>(w);
-    }
-    return true;
-}
-
-// Writes n bytes to fd no sooner than a line at kBaud would have carried
-// them, in slices of about 2 ms; line_free is when the line in that
-// direction is next free.
-void carry(int fd, const unsigned char* bytes, std::size_t n, Clock::time_point& line_free) {
-    const double bytes_per_second = kBaud / 10.0;
-    const std::size_t slice = static_cast<std::size_t>(bytes_per_second / 500);
-    line_free = std::max(line_free, Clock::now());
-    for (std::size_t at = 0; at < n;) {
-        const std::size_t take = std::min(slice, n - at);
-        line_free += std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(take / bytes_per_second));
-        std::this_thread::sleep_until(line_free);
-        write_all(fd, bytes + at, take);
-        at += take;
-    }
-}
-
-void relay_run(Relay& r) {
-    Clock::time_point to_device_free = Clock::now(), to_host_free = Clock::now();
-    unsigned char buffer[4096];
-    while (!r.stop) {
-        pollfd p[2] = {{r.host, POLLIN, 0}, {r.device, POLLIN, 0}};
-        if (poll(p, 2, 50) <= 0) continue;
-        if (p[1].revents & POLLIN) {
-            const ssize_t n = read(r.device, buffer, sizeof buffer);
-            if (n > 0) {
-                r.to_host += static_cast<unsigned long>(n);
-                carry(r.host, buffer, static_cast<std::size_t>(n), to_host_free);
-            }
-        }
-        if (p[0].revents & POLLIN) {
-            const ssize_t n = read(r.host, buffer, sizeof buffer);
-            if (n > 0) {
-                r.to_device += static_cast<unsigned long>(n);
-                carry(r.device, buffer, static_cast<std::size_t>(n), to_device_free);
-            }
-        }
-    }
-}
-
-bool relay_start(Relay& r, const std::string& device_path) {
-    char name[256];
-    if (openpty(&r.host, &r.host_slave, name, nullptr, nullptr) != 0) return false;
-    raw(r.host);
-    raw(r.host_slave);
-    r.host_path = name;
-    r.device = open(device_path.c_str(), O_RDWR | O_NOCTTY);
-    if (r.device < 0) return false;
-    raw(r.device);
-    r.thread = std::thread(relay_run, std::ref(r));
-    return true;
-}
-
-void relay_stop(Relay& r) {
-    r.stop = true;
-    if (r.thread.joinable()) r.thread.join();
-    close(r.device);
-    close(r.host_slave);
-    close(r.host);
-}
+// vukra-sim on the example table with a temporary card.
+std::unique_ptr<vukra::test::SimProcess> start_sim() { return bench::start_sim({"--table", "table.xml"}); }
 
 struct Leg {
     double seconds = 0;
@@ -158,11 +53,11 @@ void print_leg(const char* what, const Leg& leg) {
                 leg.ok ? "" : " (FAILED)");
 }
 
-// Writes then reads the file through the paced sim and the relay.
+// Writes then reads the file through the relay that is the line.
 bool paced_run(Leg& writing, Leg& reading) {
-    const auto sim = start_sim(true);
-    Relay relay;
-    if (sim == nullptr || !relay_start(relay, sim->port())) return false;
+    const auto sim = start_sim();
+    bench::PacedLine relay(kBaud);
+    if (sim == nullptr || !relay.start(sim->port())) return false;
     modbus_vukra_session* s = modbus_vukra_op_session_open(relay.host_path.c_str());
     bool ok = s != nullptr && modbus_vukra_op_protected_mount(s) == 0;
 
@@ -194,15 +89,15 @@ bool paced_run(Leg& writing, Leg& reading) {
     reading = {seconds_since(start), relay.to_device - device0, relay.to_host - host0, ok && data == back};
 
     modbus_vukra_op_session_close(s);
-    relay_stop(relay);
+    relay.finish();
     return writing.ok && reading.ok;
 }
 
-// Round trips of one 1024-byte read against the unpaced sim, in
-// microseconds; before them, the time of writing the 256 KiB file unpaced
+// Round trips of one 1024-byte read straight to the sim, in
+// microseconds; before them, the time of writing the 256 KiB file there
 // (what the sim and the library cost without the line).
 bool round_trips(std::vector<double>& micros, double& unpaced_write) {
-    const auto sim = start_sim(false);
+    const auto sim = start_sim();
     if (sim == nullptr) return false;
     modbus_vukra_session* s = modbus_vukra_op_session_open(sim->port().c_str());
     bool ok = s != nullptr && modbus_vukra_op_protected_mount(s) == 0 &&
@@ -251,11 +146,11 @@ int main() {
         std::sort(micros.begin(), micros.end());
         double sum = 0;
         for (double m : micros) sum += m;
-        std::printf("one 1024-byte read against the unpaced sim, %zu round trips: median %.0f us, mean %.0f us, "
+        std::printf("one 1024-byte read straight to the sim, %zu round trips: median %.0f us, mean %.0f us, "
                     "best %.0f us\n",
                     micros.size(), micros[micros.size() / 2], sum / micros.size(), micros.front());
     }
-    std::printf("the 256 KiB file written to the unpaced sim: %.3f s\n", unpaced_write);
+    std::printf("the 256 KiB file written straight to the sim: %.3f s\n", unpaced_write);
     if (!unpaced) std::printf("  the unpaced run FAILED\n");
     return paced && unpaced ? 0 : 1;
 }

@@ -1,10 +1,12 @@
 // getfs and putfs: the device's card copied into the library's local card
 // and back, against vukra-sim with a card image and against a fake device
-// that serves crafted images; cancel, a vanishing device, and the timer
+// that serves crafted images; cancel, a vanishing device, a device card
+// smaller than the image, a damaged volume under "/mem", and the timer
 // running beside host threads.
 #include "kernel/vfs.h"
 #include "modbus_vukra.h"
 #include "remotefs/image_transfer.h"
+#include "remotefs/local_server.h"
 #include "session/session.h"
 #include "support/fake_card_device.h"
 #include "support/session_fixture.h"
@@ -12,11 +14,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <random>
 #include <thread>
 #include <vector>
@@ -142,16 +146,20 @@ TEST_F(ImageTransfer, GetCopiesTheUsedGroupsAndZerosTheOthers) {
     const std::string local = test::read_file("sdcard0.o");
     const Layout l = layout_of(device);
     ASSERT_EQ(l.block_size, 512u);
-    ASSERT_GE(local.size(), device.size());
+    // The last group reaches past the card's end: its copy stops there.
+    const std::size_t card_end = 0x800000;
+    ASSERT_GT(l.data_start() + static_cast<std::size_t>(l.groups) * l.chunk(), card_end);
+    ASSERT_EQ(local.size(), card_end + 4) << "the local card file grew past its end marker";
     EXPECT_EQ(local.compare(0, l.data_start(), device, 0, l.data_start()), 0) << "header, map and metadata";
     int used = 0;
     for (std::uint32_t i = 0; i < l.groups; ++i) {
         const std::size_t at = l.data_start() + static_cast<std::size_t>(i) * l.chunk();
+        const std::size_t length = std::min<std::size_t>(l.chunk(), card_end - at);
         if (device[l.map_start + i] != 0) {
             ++used;
-            EXPECT_EQ(local.compare(at, l.chunk(), device, at, l.chunk()), 0) << "group " << i;
+            EXPECT_EQ(local.compare(at, length, device, at, length), 0) << "group " << i;
         } else {
-            EXPECT_EQ(local.substr(at, l.chunk()), std::string(l.chunk(), '\0')) << "unused group " << i;
+            EXPECT_EQ(local.substr(at, length), std::string(length, '\0')) << "unused group " << i;
         }
     }
     EXPECT_GE(used, 5) << "the big file's groups at least";
@@ -239,6 +247,22 @@ TEST_F(ImageTransfer, DeviceThatVanishesFailsWithinTheTimeOut) {
     close(s);
 }
 
+TEST_F(ImageTransfer, EachSessionsGetLetsGoOfTheMemBefore) {
+    // The kernel outlives Sessions, and "/mem" stays mounted after one
+    // closes: the next Session's get must unmount it, or the mounts pile
+    // up until the kernel has no slot left.
+    make_card();
+    for (int i = 0; i < kernel::kMountSlots + 1; ++i) {
+        SCOPED_TRACE(i);
+        test::FakeCardDevice device(test::read_file(card));
+        modbus_vukra_session* s = open_mounted(device.port());
+        ASSERT_NE(s, nullptr);
+        EXPECT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
+        close(s);
+    }
+    EXPECT_TRUE(mem_mounted_locally());
+}
+
 // ---- crafted images from a fake device ------------------------------------
 
 std::string header15(std::uint16_t block_size, std::uint32_t map_size, std::uint32_t groups, std::uint32_t metadata) {
@@ -319,6 +343,123 @@ TEST_F(ImageTransfer, ImageWithNoGroupInUseMovesOnlyHeaderMetadataAndSignature) 
     EXPECT_EQ(after.compare(0, l.data_start(), empty_map, 0, l.data_start()), 0);
     const std::size_t end = l.data_start() + static_cast<std::size_t>(l.groups) * l.chunk();
     EXPECT_EQ(after.find_first_not_of('\0', l.data_start()) >= end, true) << "every group zeroed";
+}
+
+// ---- a card that is not what the image claims -----------------------------
+
+// Bytes of the local card, written through its host file, from which the
+// kernel reads the card directly.
+void patch_local_card(std::size_t at, const std::string& bytes) {
+    std::fstream f("sdcard0.o", std::ios::binary | std::ios::in | std::ios::out);
+    f.seekp(static_cast<std::streamoff>(at));
+    f.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+// "/mem" let go, so that the local card can be changed below it.
+void unmount_mem() {
+    remotefs::local_server_close();
+    kernel::umount("/mem");
+}
+
+TEST_F(ImageTransfer, PutStaysWithinTheDevicesSmallerCard) {
+    constexpr std::size_t kCard = 1 << 20; // the local card keeps its 8 MiB
+    test::write_file(card, std::string(kCard, '\0'));
+    ASSERT_EQ(run(ufs(card + " mkfs")), 0);
+    test::SimProcess sim({"--table", "table.xml", "--image", card});
+    modbus_vukra_session* s = open_mounted(sim.port());
+    ASSERT_NE(s, nullptr);
+    ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
+    unmount_mem();
+    const std::string device = test::read_file(card);
+    const Layout l = layout_of(device);
+    const std::uint32_t last = l.groups - 1;
+    const std::size_t last_at = l.data_start() + static_cast<std::size_t>(last) * l.chunk();
+    ASSERT_LT(last_at, kCard);
+    ASSERT_GT(last_at + l.chunk(), kCard) << "the last group reaches past the card's end";
+    ASSERT_GT(l.map_size, l.groups) << "room in the map for one group more";
+    const std::string head = device.substr(0, l.map_start + l.map_size);
+
+    // A used group starting past the device's card: refused before
+    // anything is written, though it lies within the local card.
+    std::string claims_more = head;
+    put_le32(claims_more, l.map_start - 16, l.groups + 1);
+    claims_more[l.map_start + l.groups] = 1;
+    patch_local_card(0, claims_more);
+    EXPECT_EQ(modbus_vukra_op_protected_putfs(s), -1);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), remotefs::kImageRefused);
+    EXPECT_TRUE(test::read_file(card) == device) << "the device's card as it was";
+
+    // The last group in use: its copy ends at the device card's end.
+    std::string last_used = head;
+    last_used[l.map_start + last] = 1;
+    patch_local_card(0, last_used);
+    const std::string group = random_bytes(l.chunk(), 3);
+    patch_local_card(last_at, group);
+    ASSERT_EQ(modbus_vukra_op_protected_putfs(s), 0) << modbus_vukra_op_session_error(s);
+    const std::string after = test::read_file(card);
+    EXPECT_EQ(after.size(), kCard) << "nothing written past the card";
+    EXPECT_EQ(after.compare(last_at, std::string::npos, group, 0, kCard - last_at), 0) << "the group up to the end";
+    close(s);
+}
+
+// A volume whose header passes the transfer's checks but whose map or
+// metadata are garbage: the mount, listings and reads under "/mem" fail
+// or give what they find, within bounds, and the session goes on.
+TEST_F(ImageTransfer, DamagedVolumeUnderMemGivesErrorsNotCrashes) {
+    make_card(30000);
+    ASSERT_EQ(run(ufs(card + " mkdir /d")), 0);
+    ASSERT_EQ(run(ufs(card + " put hello.txt /d/inner")), 0);
+    const std::string good = test::read_file(card);
+    const Layout l = layout_of(good);
+    const std::size_t metadata_at = l.map_start + l.map_size;
+    struct Damage {
+        const char* what;
+        std::size_t at, size;
+        unsigned seed; // 0: bytes of 0xFF
+    };
+    const Damage damages[] = {
+        {"metadata in random bytes", metadata_at, l.metadata_size, 5},
+        {"metadata in 0xFF", metadata_at, l.metadata_size, 0},
+        {"the metadata's second half in random bytes", metadata_at + l.metadata_size / 2, l.metadata_size / 2, 6},
+        {"map in random bytes", l.map_start, l.map_size, 7},
+    };
+    int mounted = 0;
+    for (const Damage& d : damages) {
+        SCOPED_TRACE(d.what);
+        std::string image = good;
+        image.replace(d.at, d.size, d.seed == 0 ? std::string(d.size, '\xFF') : random_bytes(d.size, d.seed));
+        test::FakeCardDevice device(image);
+        modbus_vukra_session* s = open_mounted(device.port());
+        ASSERT_NE(s, nullptr);
+        if (getfs(s) == 0) {
+            ++mounted;
+            for (const char* listed : {"/mem", "/mem/d"}) {
+                if (modbus_vukra_op_protected_lookup(s, listed, nullptr) != 0) continue;
+                for (int page = 0; page < 64; ++page) {
+                    modbus_vukra_dir_entry* first = nullptr;
+                    const std::int32_t eof = modbus_vukra_op_protected_readdir(s, &first);
+                    const std::vector<std::string> names = test::take_names(first);
+                    EXPECT_LE(names.size(), 256u);
+                    if (eof != 0) break;
+                }
+            }
+            for (const char* file : {"/mem/hello", "/mem/big", "/mem/d/inner"}) {
+                if (modbus_vukra_op_protected_lookup(s, file, nullptr) != 0) continue;
+                char buffer[1024];
+                for (int piece = 0; piece < 64; ++piece) {
+                    const std::int32_t n = modbus_vukra_op_protected_read(s, buffer, sizeof buffer);
+                    EXPECT_LE(n, 1024);
+                    if (n <= 0) break;
+                }
+            }
+        } else {
+            EXPECT_EQ(s->mirror_enabled, 0) << "a failed get leaves no mirror";
+        }
+        EXPECT_EQ(modbus_vukra_op_protected_null(s), 0) << "the session still works";
+        close(s);
+        unmount_mem();
+    }
+    EXPECT_GT(mounted, 0) << "some damage reached the mounted volume";
 }
 
 // ---- the timer beside four host threads -----------------------------------

@@ -46,8 +46,10 @@ struct Failed {
 
 class Transfer {
 public:
-    Transfer(session::Session& s, Side source, Side destination, TransferDirection direction)
-        : s_(s), source_(source), destination_(destination), direction_(direction) {}
+    // device_card: the device's card size as its lookup tells it, 0 when
+    // it does not.
+    Transfer(session::Session& s, Side source, Side destination, TransferDirection direction, std::uint32_t device_card)
+        : s_(s), source_(source), destination_(destination), direction_(direction), device_card_(device_card) {}
 
     // Throws Failed.
     void run();
@@ -74,13 +76,15 @@ private:
     Side source_;
     Side destination_;
     TransferDirection direction_;
+    std::uint32_t device_card_;
 
     std::uint32_t block_size_ = 0;
     std::uint32_t map_size_ = 0;
     std::uint32_t group_count_ = 0;
     std::uint32_t metadata_size_ = 0;
     std::uint32_t map_start_ = 0;
-    std::uint64_t card_size_ = 0;
+    std::uint64_t card_size_ = 0; // where the local card (and a put's destination) ends
+    std::uint64_t copy_end_ = 0;  // where the smaller of the two cards ends, as far as known
     std::unique_ptr<std::uint8_t[]> map_;
 };
 
@@ -189,11 +193,17 @@ void Transfer::header() {
     metadata_size_ = load_le32(header_fields + 12);
     map_start_ = static_cast<std::uint32_t>(kSignatureSize + field_bytes);
 
-    // A damaged header must not send the copy anywhere: the map covers
-    // every group, the map and metadata lie within the local card, and so
-    // does the start of every group (the last one may reach past the
-    // card's end: its map byte counts the blocks as groups of 8).
+    // A damaged header must not send the copy anywhere, nor a put an image
+    // the device's card cannot hold: the map covers every group, the map
+    // and metadata lie within the local card (and, on a put, within the
+    // device's when its lookup tells its size), and so does the start of
+    // every group (the last one may reach past the card's end: its map byte
+    // counts the blocks as groups of 8; its copy ends there). A get from a
+    // card smaller than its volume claims is not refused here: it fails
+    // only at a used group past the device card's end.
     card_size_ = local_card_size(direction_ == kGet ? destination_.fd : source_.fd);
+    if (direction_ == kPut && device_card_ > 0) card_size_ = std::min<std::uint64_t>(card_size_, device_card_);
+    copy_end_ = device_card_ > 0 ? std::min<std::uint64_t>(card_size_, device_card_) : card_size_;
     const std::uint64_t chunk = static_cast<std::uint64_t>(block_size_) * kBlocksPerGroup;
     const std::uint64_t data_start = static_cast<std::uint64_t>(map_start_) + map_size_ + metadata_size_;
     if (group_count_ > map_size_ || data_start > card_size_) throw Failed{kImageRefused};
@@ -239,26 +249,28 @@ void Transfer::data() {
     auto staging = std::make_unique<std::uint8_t[]>(kMaxBlockSize * kBlocksPerGroup);
     for (std::uint32_t i = 0; i < group_count_; ++i) {
         const std::uint32_t offset = data_start + i * chunk;
+        // A card's end within the last group ends its copy: nothing is read
+        // or written past either card's end. A used group that starts past
+        // the device's card (a get from a card smaller than its volume
+        // claims) has no bytes to come.
         if (map_[i] != 0) {
+            if (offset >= copy_end_) throw Failed{kTransferStalled};
+            const std::uint32_t length = static_cast<std::uint32_t>(std::min<std::uint64_t>(chunk, copy_end_ - offset));
             seek(source_, offset);
             seek(destination_, offset);
-            for (std::uint32_t moved = 0; moved < chunk;) {
-                const std::size_t got = read_some(source_, staging.get() + moved, chunk - moved);
-                if (got == 0) {
-                    // The card's end within the last group ends it; before
-                    // the end, bytes that do not come fail the transfer.
-                    if (static_cast<std::uint64_t>(offset) + moved >= card_size_) break;
-                    throw Failed{kTransferStalled};
-                }
+            for (std::uint32_t moved = 0; moved < length;) {
+                const std::size_t got = read_some(source_, staging.get() + moved, length - moved);
+                if (got == 0) throw Failed{kTransferStalled};
                 write_all(destination_, staging.get() + moved, got);
                 moved += static_cast<std::uint32_t>(got);
             }
         } else if (direction_ == kGet) {
             // An unused group reads as zeros on the local card, without
             // asking the device.
+            const std::uint32_t length = static_cast<std::uint32_t>(std::min<std::uint64_t>(chunk, card_size_ - offset));
             seek(destination_, offset);
-            std::memset(staging.get(), 0, chunk);
-            write_all(destination_, staging.get(), chunk);
+            std::memset(staging.get(), 0, length);
+            write_all(destination_, staging.get(), length);
         }
         // 100 belongs to the finished transfer: the last group shows 99.
         const std::int32_t progress =
@@ -307,7 +319,10 @@ std::int32_t transfer(session::Session& s, TransferDirection direction) {
         platform::LockGuard state(s.state_lock);
         s.cancel = 0;
     }
-    if (direction == kGet && s.mirror_enabled != 0) unmount_mirror();
+    // The local card is about to be overwritten: "/mem" goes first, whether
+    // this Session mounted it or one closed before it in this process (the
+    // kernel outlives Sessions).
+    if (direction == kGet) unmount_mirror();
 
     modbus_vukra_attributes attributes{};
     if (remotefs::lookup(s, kCardPath, &attributes) != 0) return -1;
@@ -322,7 +337,8 @@ std::int32_t transfer(session::Session& s, TransferDirection direction) {
     }
     const Side remote{&s, -1};
     const Side local{nullptr, fd};
-    Transfer run(s, direction == kGet ? remote : local, direction == kGet ? local : remote, direction);
+    Transfer run(s, direction == kGet ? remote : local, direction == kGet ? local : remote, direction,
+                 attributes.words[2]);
     std::int32_t result = 0;
     try {
         run.run();
