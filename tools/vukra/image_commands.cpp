@@ -76,6 +76,9 @@ int transfer(Options& o, bool get) {
     if (!get && !o.mirrored)
         return fail("putfs needs the local copy a getfs makes in the same run: vukra -p PORT fs getfs + ... + fs putfs");
     data_stream(o); // the listing of /mem after a get is one of the library's lines
+    // Caught from before the mount: a Ctrl-C that comes before the transfer
+    // starts cancels it as it begins.
+    const InterruptCaught caught;
     const Remote r(o);
     if (!r.ok()) return 1;
 
@@ -84,7 +87,6 @@ int transfer(Options& o, bool get) {
     f.label = label;
     f.direction = get ? 1 : 2;
     f.shown = !o.quiet && isatty(STDERR_FILENO) == 1;
-    interrupt_catch();
     platform::Thread thread;
     const bool following = platform::thread_start(thread, follow, &f);
     const auto start = std::chrono::steady_clock::now();
@@ -93,7 +95,6 @@ int transfer(Options& o, bool get) {
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     f.done = true;
     if (following) platform::thread_join(thread, 5000);
-    interrupt_release();
     if (f.drew) std::fputc('\n', stderr);
 
     if (result != 0) {

@@ -12,4 +12,12 @@ void interrupt_release();
 // Whether Ctrl-C came since the program started.
 bool interrupted();
 
+// Catches Ctrl-C while it lives.
+struct InterruptCaught {
+    InterruptCaught() { interrupt_catch(); }
+    ~InterruptCaught() { interrupt_release(); }
+    InterruptCaught(const InterruptCaught&) = delete;
+    InterruptCaught& operator=(const InterruptCaught&) = delete;
+};
+
 } // namespace vukra::cli

@@ -28,16 +28,15 @@ void on_notification(modbus_vukra_session* s) {
 
 int watch(Options& o) {
     std::FILE* out = data_stream(o);
+    const InterruptCaught caught;
     // Not a Remote: the timer's requests must not wait for this command.
     modbus_vukra_session* s = mounted_session(o);
     if (s == nullptr) return 1;
-    interrupt_catch();
     watch_out = out;
     modbus_vukra_op_session_callback(s, on_notification);
     while (!interrupted()) platform::sleep_ms(50);
     modbus_vukra_op_session_callback(s, nullptr);
     watch_out = nullptr;
-    interrupt_release();
     return std::fflush(out) == 0 ? 0 : fail("cannot write standard output");
 }
 
