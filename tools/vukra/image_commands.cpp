@@ -29,7 +29,6 @@ struct Follower {
     // Written by the follower, read once it ended.
     std::int32_t bytes_per_second = 0;
     bool drew = false;
-    bool cancel_asked = false;
 };
 
 const char* phase_name(std::int32_t phase) {
@@ -44,10 +43,7 @@ const char* phase_name(std::int32_t phase) {
 void follow(void* argument) {
     Follower& f = *static_cast<Follower*>(argument);
     while (!f.done.load()) {
-        if (interrupted()) {
-            modbus_vukra_op_cancelfs(f.session);
-            f.cancel_asked = true;
-        }
+        if (interrupted()) modbus_vukra_op_cancelfs(f.session);
         std::int32_t info[MODBUS_VUKRA_INFO_WORDS] = {};
         if (modbus_vukra_op_session_info(f.session, info) == 0) {
             if (info[MODBUS_VUKRA_INFO_BITS_PER_SECOND] > 0)
