@@ -2,7 +2,9 @@
 # The demonstration of `make demo`, on a finished native build: vukra-sim
 # plays the device of examples/table.xml on a pseudo-terminal, and the vukra
 # command line reads and writes registers of every type through the
-# library, showing each frame that goes over the line.
+# library, showing each frame that goes over the line; then a second
+# vukra-sim serves an SD card image, which vukra copies, changes under /mem
+# and writes back in one session.
 set -eu
 build=$(cd "$1" && pwd)
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -61,5 +63,24 @@ step "What the command line refuses before anything is sent"
 "$vukra" -p "$port" reg write offset_trim 12abc || true
 "$vukra" -p "$port" reg write cycle_count 5 || true
 "$vukra" -p "$port" reg read no_such_register || true
+
+step "The card on a device: copied whole, changed under /mem, written back"
+# A second emulated device, serving the card prepared above as its SD card.
+start_pty_program card-sim.out "$build/tools/vukra-sim" --table table.xml --image card.o 2>card-sim.err
+card_port=$PTY_PATH card_sim=$PTY_PID
+echo "-- vukra fs ls /mem"
+"$vukra" -q -p "$card_port" fs ls /mem
+printf 'written under /mem by the demo\n' >notes.txt
+# One session for the four commands: after getfs, /mem paths are the local
+# copy until putfs. The library's lines on stderr: the port, the copy's
+# listing of /mem, the timer thread's end; on a terminal a progress line.
+echo "-- vukra fs getfs + fs put notes.txt /mem/etc/notes.txt + fs cat /mem/etc/notes.txt + fs putfs"
+"$vukra" -p "$card_port" fs getfs + fs put notes.txt /mem/etc/notes.txt + fs cat /mem/etc/notes.txt + fs putfs
+echo "-- vukra watch (the device's status each second; Ctrl-C after 2.5 s)"
+timeout -s INT 2.5 "$vukra" -q -p "$card_port" watch || true
+kill "$card_sim" && wait "$card_sim" || true # the emulator writes the card back as it ends
+echo "-- the emulator has ended and written its card back: vukra-ufs card.o tree, cat /etc/notes.txt"
+"$ufs" card.o tree
+"$ufs" card.o cat /etc/notes.txt
 echo
 echo "demo done"

@@ -27,8 +27,10 @@ offers() {
   [ "$got" = "$expected" ] && ok || ko "'$typed' offers '$got', not '$expected'"
 }
 
-offers "vukra " "fs reg"
-offers "vukra fs " "cat df get ls mkdir mv put rm rmdir stat tree"
+offers "vukra " "fs reg watch"
+offers "vukra fs " "cat df get getfs ls mkdir mv put putfs rm rmdir stat tree"
+offers "vukra -p /dev/ttyUSB0 fs getfs + " "fs reg watch"
+offers "vukra fs ls /mem + fs g" "get getfs"
 offers "vukra fs r" "rm rmdir"
 offers "vukra -p /dev/ttyUSB0 fs m" "mkdir mv"
 offers "vukra reg " "list read write"

@@ -1,6 +1,7 @@
 # bash completion for vukra: command groups and their verbs, the options,
 # serial ports after -p, tables after --table, register names from the
 # table in use after reg read and reg write, local files for fs get and put.
+# After a "+" (which joins commands into one run) a new command begins.
 
 _vukra_registers() {
     local table=$1
@@ -29,13 +30,14 @@ _vukra() {
     esac
 
     # The words before the cursor: the group, its verb and their arguments,
-    # with the options and their values left out.
+    # with the options and their values left out, from the last "+" on.
     local table=table.xml words=() i w
     for ((i = 1; i < COMP_CWORD; i++)); do
         w=${COMP_WORDS[i]}
         case $w in
         -p | --port) ((i++)) ;;
         --table) ((i++)); table=${COMP_WORDS[i]} ;;
+        +) words=() ;;
         -*) ;;
         *) words+=("$w") ;;
         esac
@@ -49,13 +51,13 @@ _vukra() {
     local group=${words[0]-} verb=${words[1]-} nargs=$((${#words[@]} - 2))
     case ${#words[@]} in
     0)
-        COMPREPLY=($(compgen -W "reg fs" -- "$cur"))
+        COMPREPLY=($(compgen -W "reg fs watch" -- "$cur"))
         return 0
         ;;
     1)
         case $group in
         reg) COMPREPLY=($(compgen -W "read write list" -- "$cur")) ;;
-        fs) COMPREPLY=($(compgen -W "ls cat get put rm mkdir rmdir mv df stat tree" -- "$cur")) ;;
+        fs) COMPREPLY=($(compgen -W "ls cat get put rm mkdir rmdir mv df stat tree getfs putfs" -- "$cur")) ;;
         esac
         return 0
         ;;

@@ -1,34 +1,67 @@
 // The vukra command line: the options every command shares, and one
 // function per group of subcommands, each in its own file, that adds the
-// group to the application. A command's callback runs the command and
-// leaves the process's exit status in Options::status.
+// group to the application. Parsing only chooses a command: its callback
+// leaves what to run in Options::chosen, and the chain (chain.cpp) runs the
+// commands of one invocation in order, on one session.
 //
-//   main.cpp          the application, the shared options, the groups
-//   reg_commands.cpp  vukra reg read|write|list
-//   fs_commands.cpp   vukra fs ls|cat|get|put|rm|mkdir|rmdir|mv|df|stat|tree
-//   remote_fs.cpp     what the fs commands share: the mounted session, statuses, transfers
-//   progress.cpp      the progress line of long transfers
-//   device.cpp        what the groups share: messages, the table, the session
+//   main.cpp            the application, the shared options, the groups
+//   chain.cpp           commands joined by "+": split, parsed, run on one session
+//   reg_commands.cpp    vukra reg read|write|list
+//   fs_commands.cpp     vukra fs ls|cat|get|put|rm|mkdir|rmdir|mv|df|stat|tree
+//   image_commands.cpp  vukra fs getfs|putfs (the whole card and the /mem mirror)
+//   watch_command.cpp   vukra watch
+//   remote_fs.cpp       what the fs commands share: the mounted session, statuses, transfers
+//   progress.cpp        the progress line of long transfers
+//   interrupt.cpp       Ctrl-C caught while a transfer or watch runs (POSIX and Win32)
+//   device.cpp          what the groups share: messages, the table, the session
 #pragma once
+
+#include "modbus_vukra.h"
 
 #include <CLI/CLI.hpp>
 
+#include <cstdio>
+#include <functional>
 #include <string>
 
 namespace vukra::cli {
+
+// A command chosen on the command line, ready to run: its body returns the
+// exit status it chose.
+struct Command {
+    std::string name;          // "fs ls", for messages
+    bool needs_device = true;  // false: runs without a port (reg list)
+    std::function<int()> body;
+};
 
 struct Options {
     std::string port;                 // -p, --port: the device's serial port
     std::string table = "table.xml";  // --table: the register table
     bool quiet = false;               // -q: only the data, not the library's lines
-    int status = 0;                   // the exit status the command that ran chose
+
+    Command chosen; // what the last parse chose
+
+    // What the commands of one invocation share, made by the first command
+    // that needs it and closed once the last command has run.
+    modbus_vukra_session* session = nullptr;
+    bool session_failed = false; // the open was refused: not tried again
+    bool mounted = false;        // the device's filesystem is mounted
+    bool mirrored = false;       // a getfs succeeded: "/mem" is the local mirror
+    std::FILE* data = nullptr;   // standard output as it was, once the library's lines moved
 };
 
 // vukra reg read NAME... | reg write NAME VALUE... | reg list [TABLE]
 void add_reg_commands(CLI::App& app, Options& options);
 
 // vukra fs ls [-l] PATH | cat PATH | get REMOTE LOCAL | put LOCAL REMOTE |
-// rm PATH | mkdir PATH | rmdir PATH | mv OLD NEW | df [PATH] | stat PATH | tree [PATH]
+// rm PATH | mkdir PATH | rmdir PATH | mv OLD NEW | df [PATH] | stat PATH |
+// tree [PATH] | getfs | putfs
 void add_fs_commands(CLI::App& app, Options& options);
+
+// vukra fs getfs | fs putfs, added to the fs group.
+void add_image_commands(CLI::App& fs_group, Options& options);
+
+// vukra watch
+void add_watch_command(CLI::App& app, Options& options);
 
 } // namespace vukra::cli

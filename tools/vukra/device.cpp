@@ -26,27 +26,52 @@ bool load_table(const Options& options) {
     return true;
 }
 
-std::FILE* data_stream(const Options& options) {
+std::FILE* data_stream(Options& options) {
+    if (options.data != nullptr) return options.data;
     std::fflush(stdout);
     int data = dup(STDOUT_FILENO);
     std::FILE* out = data >= 0 ? fdopen(data, "w") : nullptr;
-    if (out == nullptr) return stdout;
+    if (out == nullptr) return options.data = stdout;
     int lines = options.quiet ? open(tools::kNullDevice, O_WRONLY) : dup(STDERR_FILENO);
     if (lines >= 0) {
         dup2(lines, STDOUT_FILENO);
         close(lines);
     }
-    return out;
+    return options.data = out;
 }
 
-void run_with_port(CLI::App* command, Options& options, std::function<int()> body) {
-    const std::string name = command->get_parent()->get_name() + " " + command->get_name();
-    command->callback([&options, name, body] {
-        options.status = options.port.empty() ? fail(name + " needs the device's port: -p PORT") : body();
-    });
+LibraryLinesAsData::LibraryLinesAsData(const Options& options) {
+    if (options.data == nullptr || options.data == stdout) return;
+    std::fflush(options.data);
+    std::fflush(stdout);
+    saved_ = dup(STDOUT_FILENO);
+    if (saved_ >= 0) dup2(fileno(options.data), STDOUT_FILENO);
 }
 
-modbus_vukra_session* open_session(const Options& options) {
+LibraryLinesAsData::~LibraryLinesAsData() {
+    if (saved_ < 0) return;
+    std::fflush(stdout);
+    dup2(saved_, STDOUT_FILENO);
+    close(saved_);
+}
+
+void choose(CLI::App* command, Options& options, std::function<int()> body, bool needs_device) {
+    const CLI::App* parent = command->get_parent();
+    const std::string name =
+        parent != nullptr && parent->get_parent() != nullptr ? parent->get_name() + " " + command->get_name()
+                                                              : command->get_name();
+    command->callback([&options, name, body, needs_device] { options.chosen = Command{name, needs_device, body}; });
+}
+
+modbus_vukra_session* device_session(Options& options) {
+    if (options.session != nullptr || options.session_failed) return options.session;
+    options.session_failed = true;
+    std::FILE* probe = std::fopen(options.table.c_str(), "r");
+    if (probe == nullptr) {
+        fail("cannot open the register table " + options.table + ", which every session loads (--table FILE)");
+        return nullptr;
+    }
+    std::fclose(probe);
     tools::set_table_being_read(options.table.c_str());
     modbus_vukra_session* s = session::open(options.port.c_str(), 0, options.table.c_str());
     if (s == nullptr) {
@@ -58,7 +83,14 @@ modbus_vukra_session* open_session(const Options& options) {
         fail("cannot open the port " + options.port);
         return nullptr;
     }
-    return s;
+    options.session_failed = false;
+    return options.session = s;
+}
+
+void close_session(Options& options) {
+    if (options.session != nullptr) modbus_vukra_op_session_close(options.session);
+    options.session = nullptr;
+    options.mounted = options.mirrored = false;
 }
 
 std::string transaction_failure() {

@@ -2,8 +2,8 @@
 //
 // Standard output carries only the data a command gives. The library prints
 // its own lines (frames on the line, times, the system's messages) on
-// standard output; while a device command runs they go to standard error,
-// or nowhere with -q.
+// standard output; once a device command runs they go to standard error,
+// or nowhere with -q, for the rest of the invocation.
 #pragma once
 
 #include "cli.h"
@@ -22,17 +22,35 @@ int fail(const std::string& why);
 // no register.
 bool load_table(const Options& options);
 
-// From now on the library's lines go to standard error (or nowhere with
-// quiet); returns the stream for the data, the former standard output.
-std::FILE* data_stream(const Options& options);
+// From the first call on the library's lines go to standard error (or
+// nowhere with quiet); returns the stream for the data, the former
+// standard output (the same stream on every call).
+std::FILE* data_stream(Options& options);
 
-// Makes body the command's callback, its status left in options.status.
-// Without a port, body does not run: the status is a failure after
-// "GROUP COMMAND needs the device's port: -p PORT".
-void run_with_port(CLI::App* command, Options& options, std::function<int()> body);
+// While it lives, the library's lines go to the data stream again: for a
+// command whose data are the library's own lines (reg list).
+class LibraryLinesAsData {
+public:
+    explicit LibraryLinesAsData(const Options& options);
+    ~LibraryLinesAsData();
+    LibraryLinesAsData(const LibraryLinesAsData&) = delete;
+    LibraryLinesAsData& operator=(const LibraryLinesAsData&) = delete;
 
-// A session on options.port, or null after saying why.
-modbus_vukra_session* open_session(const Options& options);
+private:
+    int saved_ = -1;
+};
+
+// Makes body the command's callback: parsing the command leaves it in
+// options.chosen, named "GROUP COMMAND". A command that needs the device
+// is refused before anything runs when no port was given.
+void choose(CLI::App* command, Options& options, std::function<int()> body, bool needs_device = true);
+
+// The invocation's session on options.port, opened by the first caller;
+// null after saying why (and on every later call, without a word).
+modbus_vukra_session* device_session(Options& options);
+
+// Closes the invocation's session, if one was opened.
+void close_session(Options& options);
 
 // Why the calling thread's last register transaction failed, for a person.
 std::string transaction_failure();

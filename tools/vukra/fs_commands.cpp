@@ -1,6 +1,6 @@
 // vukra fs ls|cat|get|put|rm|mkdir|rmdir|mv|df|stat|tree: the device's
-// filesystem. Each command opens a session on the port, mounts, does its
-// work and closes. Nothing a failed command touched is left changed: get
+// filesystem. Each command works on the invocation's session, mounted by
+// the first command that needs it (commands joined by "+" share it). Nothing a failed command touched is left changed: get
 // writes a temporary file beside the local one and renames it at the end;
 // put writes a temporary file on the device and renames it over the
 // remote one at the end.
@@ -30,7 +30,7 @@ int finish(std::FILE* out, int status) {
 // session and the user's path taken from the root; the body's status then
 // stands unless the data could not be written.
 template <class Body>
-int on_device(const Options& o, const std::string& user_path, Body body) {
+int on_device(Options& o, const std::string& user_path, Body body) {
     std::FILE* out = data_stream(o);
     Remote r(o);
     if (!r.ok()) return 1;
@@ -90,7 +90,7 @@ int report(const Remote& r, Moved how, const std::string& what, const std::strin
     return 1;
 }
 
-int cat(const Options& o, const std::string& user_path) {
+int cat(Options& o, const std::string& user_path) {
     return on_device(o, user_path, [&o](const Remote& r, std::FILE* out, const std::string& path) {
         modbus_vukra_attributes a;
         int status = 0;
@@ -143,7 +143,7 @@ int get_file(const Remote& r, const Options& o, const std::string& path, const s
     return status;
 }
 
-int get(const Options& o, const std::string& user_path, const std::string& local) {
+int get(Options& o, const std::string& user_path, const std::string& local) {
     if (local == "-") return cat(o, user_path);
     const fs::path target = local_target(local);
     if (target.empty()) return 1;
@@ -198,7 +198,7 @@ int put_file(const Remote& r, const Options& o, const std::string& path, const s
     return 0;
 }
 
-int put(const Options& o, const std::string& local, const std::string& user_path) {
+int put(Options& o, const std::string& local, const std::string& user_path) {
     std::error_code e;
     if (!fs::exists(local, e)) return fail("no file " + local);
     if (!fs::is_regular_file(local, e)) return fail(local + " is not a regular file");
@@ -213,14 +213,14 @@ int put(const Options& o, const std::string& local, const std::string& user_path
 }
 
 // remove, rmdir, mkdir: one request on one path.
-int one_path(const Options& o, const std::string& user_path, const std::string& what,
+int one_path(Options& o, const std::string& user_path, const std::string& what,
              std::int32_t (*operation)(modbus_vukra_session*, const char*)) {
     return on_device(o, user_path, [&](const Remote& r, std::FILE*, const std::string& path) {
         return operation(r.session, path.c_str()) != 0 ? device_fail(r, what, path) : 0;
     });
 }
 
-int move(const Options& o, const std::string& from_user, const std::string& to_user) {
+int move(Options& o, const std::string& from_user, const std::string& to_user) {
     return on_device(o, from_user, [&](const Remote& r, std::FILE*, const std::string& from) {
         const std::string to = remote_path(to_user);
         if (modbus_vukra_op_protected_rename(r.session, from.c_str(), to.c_str()) != 0)
@@ -288,10 +288,10 @@ void add_fs_commands(CLI::App& app, Options& options) {
     // A missing command is told here with the list of commands (an unknown
     // word is refused by the parser, by name).
     group->require_subcommand(0, 1);
-    group->callback([&options, group] {
+    group->callback([group] {
         if (group->get_subcommands().empty())
-            options.status =
-                fail("fs needs a command: ls, cat, get, put, rm, mkdir, rmdir, mv, df, stat or tree (see vukra fs --help)");
+            throw CLI::ValidationError("fs needs a command: ls, cat, get, put, rm, mkdir, rmdir, mv, df, stat, tree, "
+                                       "getfs or putfs");
     });
 
     struct Words {
@@ -301,8 +301,8 @@ void add_fs_commands(CLI::App& app, Options& options) {
     auto words = std::make_shared<Words>();
 
     // Each command needs the port.
-    auto run = [&options](CLI::App* command, std::function<int()> body) { run_with_port(command, options, body); };
-    const Options& o = options;
+    auto run = [&options](CLI::App* command, std::function<int()> body) { choose(command, options, body); };
+    Options& o = options;
 
     CLI::App* ls = group->add_subcommand("ls", "list a directory, one name a line (-l: kind, size, name)");
     ls->add_flag("-l", words->long_form, "kind (d directory, - file, b c devices), size in bytes, name");
@@ -356,6 +356,8 @@ void add_fs_commands(CLI::App& app, Options& options) {
     CLI::App* tree_cmd = group->add_subcommand("tree", "PATH (default /) and everything below it");
     tree_cmd->add_option("PATH", words->path, "a directory on the device");
     run(tree_cmd, [&o, words] { return on_device(o, words->path, tree); });
+
+    add_image_commands(*group, options);
 }
 
 } // namespace vukra::cli

@@ -50,7 +50,7 @@ std::string shown(const Target& t, const std::uint8_t* value) {
     return text;
 }
 
-int read(const Options& o, const std::vector<std::string>& names) {
+int read(Options& o, const std::vector<std::string>& names) {
     std::FILE* out = data_stream(o);
     if (!load_table(o)) return 1;
     std::vector<Target> targets;
@@ -59,11 +59,11 @@ int read(const Options& o, const std::vector<std::string>& names) {
         std::string why = check(targets.back(), false);
         if (!why.empty()) return fail(why);
     }
-    modbus_vukra_session* s = open_session(o);
+    modbus_vukra_session* s = device_session(o);
     if (s == nullptr) return 1;
     int status = 0;
     for (Target& t : targets) {
-        check(t, false); // the open loaded the table again
+        check(t, false); // an open loads the table again
         std::uint8_t value[session::kTransferSize] = {};
         const std::int32_t count = 2 * t.type.words;
         if (modbus_vukra_op_protected_readreg(s, t.name.c_str(), value, count) != count) {
@@ -78,12 +78,11 @@ int read(const Options& o, const std::vector<std::string>& names) {
         }
         std::fprintf(out, "%s = %s\n", t.name.c_str(), text.c_str());
     }
-    modbus_vukra_op_session_close(s);
     if (std::fflush(out) != 0) status = fail("cannot write the values");
     return status;
 }
 
-int write(const Options& o, const std::string& name, const std::vector<std::string>& words) {
+int write(Options& o, const std::string& name, const std::vector<std::string>& words) {
     std::FILE* out = data_stream(o);
     if (!load_table(o)) return 1;
     std::string text;
@@ -95,7 +94,7 @@ int write(const Options& o, const std::string& name, const std::vector<std::stri
     if (!table::parse_value(t.type, text.c_str(), value, sizeof value))
         return fail("\"" + text + "\" is not a value of " + name + "'s type " + (t.type.name ? t.type.name : "?") +
                     " (decimal, or hexadecimal with 0x for integers; buffer elements separated by blanks)");
-    modbus_vukra_session* s = open_session(o);
+    modbus_vukra_session* s = device_session(o);
     if (s == nullptr) return 1;
     check(t, true);
     const std::int32_t count = 2 * t.type.words;
@@ -104,7 +103,6 @@ int write(const Options& o, const std::string& name, const std::vector<std::stri
         status = fail("cannot write " + name + ": " + transaction_failure());
     else
         std::fprintf(out, "%s = %s\n", name.c_str(), shown(t, value).c_str());
-    modbus_vukra_op_session_close(s);
     if (std::fflush(out) != 0) status = fail("cannot write the values");
     return status;
 }
@@ -112,6 +110,7 @@ int write(const Options& o, const std::string& name, const std::vector<std::stri
 // The listing is the library's own, on standard output: it is the data here.
 int list(const Options& o, const std::string& table_name) {
     if (!load_table(o)) return 1;
+    const LibraryLinesAsData on_data(o); // after an earlier command of the chain moved them
     if (!table_name.empty()) {
         // The library prints its heading before it looks for the table: an
         // unknown name is refused first, with nothing on standard output.
@@ -143,17 +142,17 @@ void add_reg_commands(CLI::App& app, Options& options) {
 
     CLI::App* read_cmd = reg->add_subcommand("read", "read registers and show their values, one \"NAME = VALUE\" a line");
     read_cmd->add_option("NAME", words->names, "register names")->required();
-    run_with_port(read_cmd, options, [&options, words] { return read(options, words->names); });
+    choose(read_cmd, options, [&options, words] { return read(options, words->names); });
 
     CLI::App* write_cmd = reg->add_subcommand(
         "write", "write a register: decimal, or 0x hexadecimal for integers; a buffer's elements separated by blanks");
     write_cmd->add_option("NAME", words->name, "register name")->required();
     write_cmd->add_option("VALUE", words->value, "the value (a buffer's elements as one or several words)")->required();
-    run_with_port(write_cmd, options, [&options, words] { return write(options, words->name, words->value); });
+    choose(write_cmd, options, [&options, words] { return write(options, words->name, words->value); });
 
     CLI::App* list_cmd = reg->add_subcommand("list", "list the tables and their registers, or the registers of TABLE");
     list_cmd->add_option("TABLE", words->table, "a table name");
-    list_cmd->callback([&options, words] { options.status = list(options, words->table); });
+    choose(list_cmd, options, [&options, words] { return list(options, words->table); }, false);
 }
 
 } // namespace vukra::cli

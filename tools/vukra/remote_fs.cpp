@@ -2,6 +2,7 @@
 
 #include "device.h"
 #include "progress.h"
+#include "session/session.h"
 
 #include <cstdlib>
 #include <vector>
@@ -12,12 +13,17 @@ namespace {
 
 // The statuses a vukra device answers, as a person reads them: the
 // kernel's errors (negative) and the server's own refusals. 513 is the
-// library's: no reply within the port's time-out.
+// library's: no reply within the port's time-out; -11 to -14 are the
+// library's too, the endings of a whole-card transfer.
 struct StatusName {
     std::int32_t status;
     const char* meaning;
 };
 constexpr StatusName kStatusNames[] = {
+    {-11, "cancelled"},
+    {-12, "not a card image the library takes"},
+    {-13, "the source gave no bytes where bytes were due"},
+    {-14, "the local card could not be opened, read, written or mounted"},
     {-20, "exists, or not empty"},
     {-22, "invalid move"},
     {-29, "refused by the device or filesystem"},
@@ -39,24 +45,23 @@ constexpr StatusName kStatusNames[] = {
 
 } // namespace
 
-Remote::Remote(const Options& options) {
-    std::FILE* probe = std::fopen(options.table.c_str(), "r");
-    if (probe == nullptr) {
-        fail("cannot open the register table " + options.table + ", which every session loads (--table FILE)");
-        return;
+modbus_vukra_session* mounted_session(Options& options) {
+    modbus_vukra_session* s = device_session(options);
+    if (s == nullptr || options.mounted) return s;
+    if (modbus_vukra_op_protected_mount(s) != 0) {
+        fail("cannot mount the device's filesystem on " + options.port + ": " + device_status(s));
+        return nullptr;
     }
-    std::fclose(probe);
-    session = open_session(options);
-    if (session == nullptr) return;
-    if (modbus_vukra_op_protected_mount(session) != 0) {
-        fail("cannot mount the device's filesystem on " + options.port + ": " + device_status(session));
-        modbus_vukra_op_session_close(session);
-        session = nullptr;
-    }
+    options.mounted = true;
+    return s;
+}
+
+Remote::Remote(Options& options) : session(mounted_session(options)) {
+    if (session != nullptr) platform::lock_enter(session->operations_lock);
 }
 
 Remote::~Remote() {
-    if (session != nullptr) modbus_vukra_op_session_close(session);
+    if (session != nullptr) platform::lock_leave(session->operations_lock);
 }
 
 std::string remote_path(const std::string& user_path) {
@@ -84,10 +89,9 @@ std::string joined(const std::string& dir, const std::string& name) {
     return dir == "/" ? "/" + name : dir + "/" + name;
 }
 
-std::string device_status(modbus_vukra_session* s) {
-    const std::int32_t status = modbus_vukra_op_session_error(s);
-    if (status == 0) return "the device's reply could not be read";
+std::string status_words(std::int32_t status) {
     std::string text = "status " + std::to_string(status);
+    if (status == 0) return text + " (ok)";
     for (const StatusName& n : kStatusNames)
         if (n.status == status) return text + " (" + n.meaning + ")";
     // read and readdir replies carry the status's low byte only: a
@@ -96,6 +100,12 @@ std::string device_status(modbus_vukra_session* s) {
         for (const StatusName& n : kStatusNames)
             if (n.status == status - 256) return text + " (" + std::to_string(n.status) + ", " + n.meaning + ")";
     return text;
+}
+
+std::string device_status(modbus_vukra_session* s) {
+    const std::int32_t status = modbus_vukra_op_session_error(s);
+    if (status == 0) return "the device's reply could not be read";
+    return status_words(status);
 }
 
 int device_fail(const Remote& r, const std::string& what, const std::string& path) {

@@ -30,12 +30,23 @@ enum AttributeWord { kAttrNode = 0, kAttrKind = 1, kAttrSize = 2, kAttrTime = 3 
 // The four usage words by their meaning.
 enum UsageWord { kUsageBlockSize = 0, kUsageBlocks = 1, kUsageFreeBlocks = 2, kUsageFreeNodes = 3 };
 
-// A session on the device's port with its filesystem mounted; closed when
-// it goes. ok() is false (after a message on stderr) when either failed.
+// The invocation's session with the device's filesystem mounted (the
+// mount is made once); null after saying why.
+modbus_vukra_session* mounted_session(Options& options);
+
+// The mounted session a command works on; ok() is false (after a message
+// on stderr) when the open or the mount failed. The session stays open for
+// the commands that follow.
+//
+// While it lives it holds the session's operations lock, the lock every
+// protected call takes as well (again, on the same thread): the timer's
+// once-a-second status request, which overwrites the error word, then
+// runs only between commands, and a failure's status is still there when
+// the command puts it into words.
 struct Remote {
     modbus_vukra_session* session = nullptr;
 
-    explicit Remote(const Options& options);
+    explicit Remote(Options& options);
     ~Remote();
     Remote(const Remote&) = delete;
     Remote& operator=(const Remote&) = delete;
@@ -53,6 +64,8 @@ std::string joined(const std::string& dir, const std::string& name);
 // The session's error word in words: "status N (meaning)", or what went
 // wrong when no status came.
 std::string device_status(modbus_vukra_session* s);
+// A status in words: "status N (meaning)", "status 0 (ok)".
+std::string status_words(std::int32_t status);
 // fail() with "cannot WHAT PATH: <device_status>".
 int device_fail(const Remote& r, const std::string& what, const std::string& path);
 

@@ -1,0 +1,123 @@
+// vukra fs getfs|putfs: the device's whole card into the library's local
+// card, which from then on serves every "/mem" path of the session, and
+// back. The transfer runs on the main thread and holds the session's
+// operations lock throughout; a follower thread reads the transfer's state
+// (which takes only the state lock) to draw the progress line, and turns
+// a Ctrl-C into cancelfs, asked again at each look until the transfer ends
+// (a transfer clears the cancel word when it starts).
+#include "cli.h"
+#include "device.h"
+#include "interrupt.h"
+#include "remote_fs.h"
+
+#include "platform/platform.h"
+
+#include <atomic>
+#include <chrono>
+#include <unistd.h>
+
+namespace vukra::cli {
+
+namespace {
+
+struct Follower {
+    modbus_vukra_session* session = nullptr;
+    const char* label = "";
+    std::int32_t direction = 0; // 1 get, 2 put: the state of an earlier transfer is not drawn
+    bool shown = false;         // a progress line on a terminal
+    std::atomic<bool> done{false};
+    // Written by the follower, read once it ended.
+    std::int32_t bytes_per_second = 0;
+    bool drew = false;
+};
+
+const char* phase_name(std::int32_t phase) {
+    switch (phase) {
+    case 1: return "header and metadata";
+    case 2: return "data";
+    case 3: return "signature";
+    default: return "done";
+    }
+}
+
+void follow(void* argument) {
+    Follower& f = *static_cast<Follower*>(argument);
+    while (!f.done.load()) {
+        if (interrupted()) modbus_vukra_op_cancelfs(f.session);
+        std::int32_t info[MODBUS_VUKRA_INFO_WORDS] = {};
+        if (modbus_vukra_op_session_info(f.session, info) == 0) {
+            if (info[MODBUS_VUKRA_INFO_BITS_PER_SECOND] > 0)
+                f.bytes_per_second = info[MODBUS_VUKRA_INFO_BITS_PER_SECOND] / 8;
+            const std::int32_t phase = info[MODBUS_VUKRA_INFO_PHASE];
+            if (f.shown && info[MODBUS_VUKRA_INFO_DIRECTION] == f.direction && phase >= 1 && phase <= 3) {
+                std::fprintf(stderr, "\r%s: %-19s %3d%%, %d bytes/s ", f.label, phase_name(phase),
+                             info[MODBUS_VUKRA_INFO_PROGRESS], f.bytes_per_second);
+                std::fflush(stderr);
+                f.drew = true;
+            }
+        }
+        platform::sleep_ms(100);
+    }
+}
+
+// What a failed transfer leaves behind, for the message.
+const char* left_behind(bool get, std::int32_t error) {
+    if (error == -12) return get ? "neither card was changed" : "the device's card was not changed";
+    return get ? "the local card is partly written and /mem stays on the device"
+               : "the device's card is partly rewritten: put it again before the device uses it";
+}
+
+int transfer(Options& o, bool get) {
+    const char* label = get ? "getfs" : "putfs";
+    if (!get && !o.mirrored)
+        return fail("putfs needs the local copy a getfs makes in the same run: vukra -p PORT fs getfs + ... + fs putfs");
+    data_stream(o); // the listing of /mem after a get is one of the library's lines
+    // Caught from before the mount: a Ctrl-C that comes before the transfer
+    // starts cancels it as it begins.
+    const InterruptCaught caught;
+    const Remote r(o);
+    if (!r.ok()) return 1;
+
+    Follower f;
+    f.session = r.session;
+    f.label = label;
+    f.direction = get ? 1 : 2;
+    f.shown = !o.quiet && isatty(STDERR_FILENO) == 1;
+    platform::Thread thread;
+    const bool following = platform::thread_start(thread, follow, &f);
+    const auto start = std::chrono::steady_clock::now();
+    const std::int32_t result =
+        get ? modbus_vukra_op_protected_getfs(r.session) : modbus_vukra_op_protected_putfs(r.session);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    f.done = true;
+    if (following) platform::thread_join(thread, 5000);
+    if (f.drew) std::fputc('\n', stderr);
+
+    if (result != 0) {
+        const std::int32_t error = modbus_vukra_op_session_error(r.session);
+        if (get) o.mirrored = false; // a failed get turns the mirror off
+        if (error == -11)
+            return fail(std::string(label) + " cancelled at Ctrl-C (status -11): " + left_behind(get, error));
+        return fail(std::string(label) + " failed: " + device_status(r.session) + "; " + left_behind(get, error));
+    }
+    if (get) o.mirrored = true;
+    if (!o.quiet) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "%s: done in %.1f s, %d bytes/s on the line%s\n", label, seconds, f.bytes_per_second,
+                     get ? "; /mem is now the local copy" : "");
+    }
+    return 0;
+}
+
+} // namespace
+
+void add_image_commands(CLI::App& fs_group, Options& options) {
+    CLI::App* getfs = fs_group.add_subcommand(
+        "getfs", "copy the device's card into the library's local card; /mem paths then go to that copy");
+    choose(getfs, options, [&options] { return transfer(options, true); });
+    CLI::App* putfs = fs_group.add_subcommand(
+        "putfs", "copy the local card back to the device (after a getfs in the same run)");
+    choose(putfs, options, [&options] { return transfer(options, false); });
+}
+
+} // namespace vukra::cli
