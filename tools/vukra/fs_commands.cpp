@@ -52,7 +52,7 @@ int list(const Remote& r, std::FILE* out, const std::string& path, bool long_for
         return 0;
     }
     std::vector<std::string> names;
-    if (!list_names(r, path, names)) return device_fail(r, "list", path);
+    if (const int failed = list_names(r, path, names)) return failed;
     int status = 0;
     for (const std::string& name : names) {
         if (!long_form) {
@@ -251,7 +251,7 @@ int status_of(const Remote& r, std::FILE* out, const std::string& path) {
 // before its entries are looked up, since a lookup changes what is current.
 int tree_below(const Remote& r, std::FILE* out, const std::string& path, int depth) {
     std::vector<std::string> names;
-    if (!list_names(r, path, names)) return device_fail(r, "list", path);
+    if (const int failed = list_names(r, path, names)) return failed;
     int status = 0;
     for (const std::string& name : names) {
         if (name == "." || name == "..") continue;

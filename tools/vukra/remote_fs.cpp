@@ -5,6 +5,7 @@
 #include "session/session.h"
 
 #include <cstdlib>
+#include <unordered_set>
 #include <vector>
 
 namespace vukra::cli {
@@ -140,9 +141,14 @@ bool look_up(const Remote& r, const std::string& path, modbus_vukra_attributes& 
     return modbus_vukra_op_protected_lookup(r.session, path.c_str(), &out) == 0;
 }
 
-bool list_names(const Remote& r, const std::string& path, std::vector<std::string>& names) {
+int list_names(const Remote& r, const std::string& path, std::vector<std::string>& names) {
     modbus_vukra_attributes a;
-    if (!look_up(r, path, a)) return false;
+    if (!look_up(r, path, a)) return device_fail(r, "list", path);
+    // The device decides where a listing ends. One that never says so (a
+    // page that brings nothing, a cookie seen before, more names than any
+    // card holds) is refused rather than asked for forever.
+    constexpr std::size_t kMostNames = std::size_t{1} << 20;
+    std::unordered_set<std::int32_t> cookies{modbus_vukra_op_protected_telldir(r.session)};
     for (;;) {
         modbus_vukra_dir_entry* first = nullptr;
         const std::int32_t end = modbus_vukra_op_protected_readdir(r.session, &first);
@@ -153,10 +159,11 @@ bool list_names(const Remote& r, const std::string& path, std::vector<std::strin
             std::free(first);
             first = next;
         }
-        if (end < 0) return false;
-        if (end == 1) return true;
-        // A page that brings nothing and is not the end would be asked for forever.
-        if (names.size() == before) return false;
+        if (end < 0) return device_fail(r, "list", path);
+        if (end == 1) return 0;
+        const bool moved = cookies.insert(modbus_vukra_op_protected_telldir(r.session)).second;
+        if (names.size() == before || !moved || names.size() > kMostNames)
+            return fail("cannot list " + path + ": the device's listing does not end");
     }
 }
 

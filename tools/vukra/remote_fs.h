@@ -79,10 +79,11 @@ bool is_directory(const modbus_vukra_attributes& a);
 bool look_up(const Remote& r, const std::string& path, modbus_vukra_attributes& out);
 
 // Every name in the directory path, in the device's order, page after page
-// until the end, each listing entry freed. False when the lookup or a page
-// failed (the status stays in the error word), or a page that was not the
-// last brought no entry; names holds what came.
-bool list_names(const Remote& r, const std::string& path, std::vector<std::string>& names);
+// until the end, each listing entry freed. 0, or the status of fail() with
+// the reason when the lookup or a page failed or the listing does not end
+// (a page that is not the last brings no entry or a cookie seen before);
+// names holds what came.
+int list_names(const Remote& r, const std::string& path, std::vector<std::string>& names);
 
 // How a whole-file transfer ended.
 enum class Moved {
