@@ -64,8 +64,13 @@ constexpr std::uint8_t kWrongRegisterReply[] = {1, 3, 2, 0x0B, 0xAD};
 // A code that is not this one's and is an operation's (13 is fsstat).
 std::uint8_t other_code(std::uint8_t code) { return code == remotefs::kOpMount ? remotefs::kOpFsstat : remotefs::kOpMount; }
 
-void send_faulty(const FaultOptions& options, const std::uint8_t* bytes, std::size_t length, SendBytes send) {
-    if (options.cut >= 0) length = std::min(length, static_cast<std::size_t>(options.cut));
+void send_faulty(const FaultOptions& options, FaultCount& count, const std::uint8_t* bytes, std::size_t length,
+                 SendBytes send) {
+    if (options.cut_each)
+        length = count.faulty % length;
+    else if (options.cut >= 0)
+        length = std::min(length, static_cast<std::size_t>(options.cut));
+    ++count.faulty;
     if (options.late_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(options.late_ms));
     send(bytes, length);
     if (options.twice) send(bytes, length);
@@ -96,7 +101,12 @@ void add_fault_options(CLI::App& app, FaultOptions& o, FaultTexts& t) {
                    "the faults below hit the requests after the first N (default 0), counted as\n"
                    "--drop-after counts them");
     app.add_option("--fault-for", t.fault_for, "the faults below hit M requests only (default: all that follow)");
-    app.add_option("--cut", t.cut, "send only the first N bytes of each faulty reply's packet (a reply cut short)");
+    app.add_option("--count-only", t.count_only,
+                   "count only file requests of the operation CODE (0 to 15, e.g. 5 read, 6 write); only\n"
+                   "they go unanswered or take the faults, the others are answered normally");
+    app.add_option("--cut", t.cut,
+                   "send only the first N bytes of each faulty reply's packet (a reply cut short); \"each\":\n"
+                   "the first faulty reply after 0 bytes, the next after 1, and so on");
     app.add_flag("--twice", o.twice, "send each faulty reply twice");
     app.add_option("--late", t.late, "send each faulty reply MS milliseconds late (after the host's time-out)");
     app.add_option("--wrong", t.wrong,
@@ -122,7 +132,13 @@ std::string read_fault_options(const FaultTexts& t, FaultOptions& o) {
     if (!t.fault_for.empty() && !(why = count_in("--fault-for", t.fault_for, 1, 0xFFFFFFFFull, o.fault_for)).empty())
         return why;
     std::uint32_t value = 0;
-    if (!t.cut.empty()) {
+    if (!t.count_only.empty()) {
+        if (!(why = count_in("--count-only", t.count_only, 0, 15, value)).empty()) return why;
+        o.count_only = static_cast<int>(value);
+    }
+    if (t.cut == "each") {
+        o.cut_each = true;
+    } else if (!t.cut.empty()) {
         if (!(why = count_in("--cut", t.cut, 0, 2048, value)).empty()) return why;
         o.cut = value;
     }
@@ -140,9 +156,10 @@ std::string read_fault_options(const FaultTexts& t, FaultOptions& o) {
     return "";
 }
 
-Turn next_turn(const FaultOptions& o, FaultCount& count, bool status_request) {
+Turn next_turn(const FaultOptions& o, FaultCount& count, int code) {
     if (o.silent) return Turn{false, false};
-    if (status_request) {
+    if (o.count_only >= 0 && code != o.count_only) return Turn{true, false};
+    if (o.count_only < 0 && code == remotefs::kOpNull) {
         // Silent from the last answered request before the silence until
         // the silence's requests have gone unanswered.
         const bool silent = o.dropping && count.counted >= o.drop_after &&
@@ -154,7 +171,7 @@ Turn next_turn(const FaultOptions& o, FaultCount& count, bool status_request) {
     return Turn{true, in_window(n, o.fault_after, o.fault_for)};
 }
 
-void deliver_register_reply(const FaultOptions& o, const Turn& turn, const std::uint8_t* reply_text,
+void deliver_register_reply(const FaultOptions& o, FaultCount& count, const Turn& turn, const std::uint8_t* reply_text,
                             std::size_t length, SendBytes send) {
     if (!turn.faulty) return send(reply_text, length);
     std::uint8_t text[link::kFrameCapacity];
@@ -169,7 +186,7 @@ void deliver_register_reply(const FaultOptions& o, const Turn& turn, const std::
     case WrongReply::kFile: {
         std::uint8_t frame[remotefs::kFrameHeaderSize + 8];
         length = status_only_reply(remotefs::kOpMount, frame);
-        return send_faulty(o, frame, length, send);
+        return send_faulty(o, count, frame, length, send);
     }
     case WrongReply::kFunction:
         if (bytes.size() >= 2) bytes[1] = static_cast<std::uint8_t>(bytes[1] + 1);
@@ -180,10 +197,10 @@ void deliver_register_reply(const FaultOptions& o, const Turn& turn, const std::
         length = frame_text(bytes, text);
         break;
     }
-    send_faulty(o, text, length, send);
+    send_faulty(o, count, text, length, send);
 }
 
-void deliver_file_reply(const FaultOptions& o, const Turn& turn, const std::uint8_t* request,
+void deliver_file_reply(const FaultOptions& o, FaultCount& count, const Turn& turn, const std::uint8_t* request,
                         std::size_t request_length, std::uint8_t* reply, std::size_t length, SendBytes send) {
     if (!turn.faulty) return send(reply, length);
     const std::uint8_t code = request[1];
@@ -193,12 +210,12 @@ void deliver_file_reply(const FaultOptions& o, const Turn& turn, const std::uint
     case WrongReply::kNone: break;
     case WrongReply::kRegister:
         length = frame_text({std::begin(kWrongRegisterReply), std::end(kWrongRegisterReply)}, text);
-        return send_faulty(o, text, length, send);
+        return send_faulty(o, count, text, length, send);
     case WrongReply::kFile: length = status_only_reply(other_code(code), reply); break;
     case WrongReply::kFunction: reply[1] = other_code(code); break;
     case WrongReply::kAddress: reply[0] = 2; break;
     }
-    send_faulty(o, reply, length, send);
+    send_faulty(o, count, reply, length, send);
 }
 
 } // namespace vukra::sim

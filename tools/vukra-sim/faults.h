@@ -7,7 +7,9 @@
 // request and a file request alike, except the status request (file
 // operation 0, the null the host sends once a second while mounted), so
 // that the count does not depend on the host's timer. A status request is
-// answered normally, unless the device is silent at that moment.
+// answered normally, unless the device is silent at that moment. With
+// --count-only CODE only file requests of that operation count, and only
+// they take the faults; the others are answered normally.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -36,7 +38,9 @@ struct FaultOptions {
     // fault_for of them (0: all of them).
     std::uint32_t fault_after = 0;
     std::uint32_t fault_for = 0;
+    int count_only = -1;        // an operation code: only its requests count
     long cut = -1;              // send only the first N bytes of a reply's packet
+    bool cut_each = false;      // cut the k-th faulty reply after k - 1 bytes
     bool twice = false;         // send a reply twice
     std::uint32_t late_ms = 0;  // wait this long before sending a reply
     WrongReply wrong = WrongReply::kNone;
@@ -45,7 +49,7 @@ struct FaultOptions {
 
 // The option texts as CLI11 leaves them, checked by read_fault_options.
 struct FaultTexts {
-    std::string drop_after, drop_for, fault_after, fault_for, cut, late, wrong;
+    std::string drop_after, drop_for, fault_after, fault_for, count_only, cut, late, wrong;
 };
 
 void add_fault_options(CLI::App& app, FaultOptions& options, FaultTexts& texts);
@@ -60,23 +64,24 @@ struct Turn {
 
 struct FaultCount {
     std::uint32_t counted = 0;
+    std::uint32_t faulty = 0; // faulty replies sent so far
 };
 
-// Counts the request (unless it is a status request) and says what
-// happens to it.
-Turn next_turn(const FaultOptions& options, FaultCount& count, bool status_request);
+// Counts the request (code: the file operation, -1 for a Modbus request)
+// and says what happens to it.
+Turn next_turn(const FaultOptions& options, FaultCount& count, int code);
 
 using SendBytes = void (*)(const std::uint8_t* bytes, std::size_t length);
 
 // Sends the reply to a Modbus request (reply_text, length characters from
 // ':' to LF), with the faults of a faulty turn: replaced, cut, late, twice.
-void deliver_register_reply(const FaultOptions& options, const Turn& turn, const std::uint8_t* reply_text,
+void deliver_register_reply(const FaultOptions& options, FaultCount& count, const Turn& turn, const std::uint8_t* reply_text,
                             std::size_t length, SendBytes send);
 
 // Sends the reply frame to a file request (request, request_length bytes
 // of its frame), with the faults of a faulty turn; reply holds the reply
 // frame of reply_length bytes and room for 2048.
-void deliver_file_reply(const FaultOptions& options, const Turn& turn, const std::uint8_t* request,
+void deliver_file_reply(const FaultOptions& options, FaultCount& count, const Turn& turn, const std::uint8_t* request,
                         std::size_t request_length, std::uint8_t* reply, std::size_t reply_length, SendBytes send);
 
 } // namespace vukra::sim

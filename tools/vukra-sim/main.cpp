@@ -11,7 +11,6 @@
 #include "link/ascii_frame.h"
 #include "link/slip.h"
 #include "modbus_device.h"
-#include "remotefs/messages.h"
 #include "platform/platform.h"
 #include "register_memory.h"
 #include "table/register_table.h"
@@ -161,25 +160,24 @@ void send_to_host(const std::uint8_t* bytes, std::size_t length) { send(device, 
 
 void answer_registers(Device& d, link::AsciiFrame& request) {
     if (!link::frame_check(request)) return;
-    const sim::Turn turn = sim::next_turn(d.options.faults, d.count, false);
+    const sim::Turn turn = sim::next_turn(d.options.faults, d.count, -1);
     if (!turn.answer) return;
     std::uint8_t reply_text[link::kFrameCapacity];
     link::AsciiFrame reply;
     link::frame_init(reply, reply_text, link::kFrameCapacity);
     if (!sim::answer(*d.memory, request, reply)) return;
     if (d.options.corrupt > 0 && d.chance(d.random) < d.options.corrupt) corrupt(reply, d.random);
-    sim::deliver_register_reply(d.options.faults, turn, reply_text, static_cast<std::size_t>(reply.length), send_to_host);
+    sim::deliver_register_reply(d.options.faults, d.count, turn, reply_text, static_cast<std::size_t>(reply.length), send_to_host);
 }
 
 void answer_files(Device& d, const std::uint8_t* packet, std::size_t length) {
-    const bool status_request = length >= 2 && packet[1] == remotefs::kOpNull;
-    const sim::Turn turn = sim::next_turn(d.options.faults, d.count, status_request);
+    const sim::Turn turn = sim::next_turn(d.options.faults, d.count, length >= 2 ? packet[1] : -2);
     if (!turn.answer) return;
     static std::uint8_t reply[2048];
     const std::size_t n = sim::answer_file_request(packet, length, reply);
     if (n == 0) return;
     if (d.options.corrupt > 0 && d.chance(d.random) < d.options.corrupt) corrupt(reply, n, d.random);
-    sim::deliver_file_reply(d.options.faults, turn, packet, length, reply, n, send_to_host);
+    sim::deliver_file_reply(d.options.faults, d.count, turn, packet, length, reply, n, send_to_host);
 }
 
 // Takes packets off the line: a file request whole, Modbus ASCII text into
