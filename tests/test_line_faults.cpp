@@ -167,9 +167,7 @@ TEST_F(LineFaults, SilenceFailsWithinTheTimeOutAndTheNextOperationWorks) {
 
 TEST_F(LineFaults, DamagedRegisterRepliesNeverGiveAWrongValue) {
     start({"--corrupt", "0.5", "--seed", "7"}, false);
-    int failed = 0;
-    const int failed_reads = read_rounds(s, 2500); // 10,000 reads
-    failed = failed_reads;
+    const int failed = read_rounds(s, 2500); // 10,000 reads
     std::printf("10000 register reads, half their replies damaged: %d failed, the others right\n", failed);
     EXPECT_GT(failed, 4000);
     EXPECT_LT(failed, 6000);
