@@ -91,18 +91,12 @@ MODBUS_VUKRA_API int32_t modbus_vukra_op_cancelfs(modbus_vukra_session *session)
 /*
  * Reads a register into value: its words in register order, in host order
  * (a 32-bit value as one host-order number). Copies count bytes, at most
- * 256; returns that count, or -1. The line is purged before the request; a
- * reply from another address, or whose value is not the register's size,
- * is refused. When the device did not answer the error word becomes 513.
+ * 256; returns that count, or -1.
  */
 MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_readreg(modbus_vukra_session *session, const char *name,
                                                            void *value, int32_t count);
 
-/*
- * Writes a register from value; returns the bytes taken (at most 256), or
- * -1 (error word 513 when the device did not answer), purging first as
- * readreg does.
- */
+/* Writes a register from value; returns the bytes taken (at most 256), or -1. */
 MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_writereg(modbus_vukra_session *session, const char *name,
                                                             const void *value, int32_t count);
 
@@ -127,8 +121,8 @@ MODBUS_VUKRA_API int32_t modbus_vukra_op_register_atob(void *value, const char *
  * Every file operation stores the device's status in the Session's error
  * word (read it with session_error): 0 on success. A non-zero status makes
  * the operation return -1; so do a failed transaction (error word 513 when
- * no reply of the request's operation came within the port's time-out) and
- * a message that cannot be encoded or decoded (error word unchanged).
+ * the device did not answer within the port's time-out) and a message that
+ * cannot be encoded or decoded (error word unchanged).
  *
  * Paths holding "/mem" anywhere are served by the local mirror once
  * protected_getfs has made one; read, write, readdir, seek, seekdir and
@@ -205,8 +199,7 @@ MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_rmdir(modbus_vukra_session *s
  * Reads the next entries of the current directory. *first (may be NULL to
  * discard them) receives the head of a new list, or NULL when none came;
  * the host frees every entry (see modbus_vukra_dir_entry). Returns the
- * end-of-directory flag (0 or 1), or -1; a page that is not the end but
- * leaves the cookie unmoved gives -1 with error word 514 (no list).
+ * end-of-directory flag (0 or 1), or -1.
  */
 MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_readdir(modbus_vukra_session *session,
                                                            modbus_vukra_dir_entry **first);

@@ -11,12 +11,9 @@ namespace vukra::link {
 
 namespace {
 
-thread_local TransactionOutcome outcome{Failure::kNone, 0, 0, 0};
+thread_local TransactionOutcome outcome{Failure::kNone, 0};
 
-void note(Failure failure, std::uint8_t code = 0) {
-    outcome.failure = failure;
-    outcome.exception_code = code;
-}
+void note(Failure failure, std::uint8_t code = 0) { outcome = TransactionOutcome{failure, code}; }
 
 // The longest value a reply can declare (its byte count is one byte).
 constexpr std::size_t kMaxReplyBytes = 255;
@@ -61,8 +58,6 @@ struct Exchange {
             return -1;
         }
         note(Failure::kNone);
-        outcome.reply_address = byte_at(1);
-        outcome.value_bytes = 0;
         return 1;
     }
 
@@ -103,7 +98,6 @@ int modbus_read_registers(Port* port, const table::RegisterRecord& reg, const ta
     // The value: as many bytes as the reply declares, as far as the frame
     // holds them (its pairs end 4 characters before its end).
     std::size_t declared = x.byte_at(5);
-    outcome.value_bytes = static_cast<std::uint8_t>(declared);
     std::size_t present = x.reply.length > 11 ? static_cast<std::size_t>(x.reply.length - 11) / 2 : 0;
     std::size_t count = declared < present ? declared : present;
     std::uint8_t value[kMaxReplyBytes];

@@ -40,10 +40,6 @@ enum class Failure {
 struct TransactionOutcome {
     Failure failure;
     std::uint8_t exception_code; // with kException
-    // Of the last sound reply: the address it came from and, for a read,
-    // the byte count it declared (neither is compared with the request).
-    std::uint8_t reply_address;
-    std::uint8_t value_bytes;
 };
 TransactionOutcome last_outcome();
 

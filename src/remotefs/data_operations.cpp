@@ -102,13 +102,6 @@ std::int32_t readdir(session::Session& s, modbus_vukra_dir_entry** first) {
     if (exchange(t, kOpReaddir, request, reply) < 0) return -1;
     s.error = reply.status;
     if (reply.status != 0) return -1;
-    // A page that is not the end must move the cookie on: otherwise the
-    // next call would ask for the same page, and a host that lists until
-    // the end would never stop.
-    if (reply.eof == 0 && reply.cookie == request.cookie) {
-        s.error = kListingStuck;
-        return -1;
-    }
     if (first != nullptr && !to_listing(reply.entries, first)) return -1;
     t.position = reply.cookie;
     return reply.eof;

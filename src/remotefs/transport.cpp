@@ -81,21 +81,10 @@ std::int32_t transact(session::Session& s, std::uint8_t code, std::uint8_t* repl
     const std::uint32_t start = platform::clock_ms();
     if (link::slip_send(s.port, frame, length + kFrameHeaderSize) < 0) return -1;
 
-    // The reply is the first packet that carries the frame marker and this
-    // request's code. Anything else (a Modbus frame, the reply of another
-    // operation that came after its exchange was given up) is passed over
-    // while the time-out, counted from the send, lasts. Each reply lands in
-    // a cleared frame: a short reply reads as zeros, never as the request
-    // it replaced.
-    long received = -1;
-    for (;;) {
-        std::memset(frame, 0, sizeof frame);
-        received = link::slip_receive(s.port, frame, sizeof frame);
-        if (received < 0) break;
-        if (received >= 2 && frame[0] == kFrameMarker && frame[1] == code) break;
-        received = -1;
-        if (platform::clock_ms() - start >= s.port->timeout_ms) break;
-    }
+    // The reply lands in a cleared frame: a short reply reads as zeros,
+    // never as the request it replaced.
+    std::memset(frame, 0, sizeof frame);
+    const long received = link::slip_receive(s.port, frame, sizeof frame);
     if (received < 0) {
         s.error = kNoReply;
         return -1;
@@ -107,9 +96,8 @@ std::int32_t transact(session::Session& s, std::uint8_t code, std::uint8_t* repl
         s.status[kStatusBitsPerSecond] = throughput(static_cast<std::uint32_t>(received), duration);
     }
 
-    // The reply's header is otherwise taken as it stands; its payload
-    // length never reaches past the bytes that came (a reply cut short
-    // then fails to decode).
+    // The reply's header is taken as it stands; its payload length never
+    // reaches past the bytes that came.
     const std::uint32_t came =
         received > static_cast<long>(kFrameHeaderSize) ? static_cast<std::uint32_t>(received) - kFrameHeaderSize : 0;
     reply_length = std::min({load_le32(frame + 4), came, kPayloadCapacity});

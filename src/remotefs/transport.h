@@ -16,9 +16,6 @@ namespace vukra::remotefs {
 
 // The error word of a session whose device did not answer.
 inline constexpr std::int32_t kNoReply = 513;
-// The error word of a readdir whose page is not the end but leaves the
-// cookie where it was: asking again would bring the same page forever.
-inline constexpr std::int32_t kListingStuck = 514;
 
 // Holds the process-wide transport lock (recursive) for its lifetime.
 class Exclusive {
@@ -37,8 +34,8 @@ std::uint8_t* reply_buffer();
 // Sends length bytes of request under code and receives the reply payload
 // into reply (kPayloadCapacity bytes); reply_length receives its length.
 // Returns the received packet's length for a device transaction, 0 for one
-// answered by the local server, -1 on failure (error word 513 when no reply
-// with the request's code came within the time-out). Call under Exclusive.
+// answered by the local server, -1 on failure (error word 513 when the
+// device did not answer). Call under Exclusive.
 std::int32_t transact(session::Session& s, std::uint8_t code, std::uint8_t* reply, std::uint32_t& reply_length,
                       const std::uint8_t* request, std::uint32_t length);
 

@@ -1,7 +1,6 @@
 #include "session/named_registers.h"
 
 #include "link/register_transactions.h"
-#include "remotefs/transport.h"
 #include "table/value_conversion.h"
 
 #include <algorithm>
@@ -30,24 +29,6 @@ bool find(const Session* s, const char* name, table::RegisterRecord& reg, table:
     return false;
 }
 
-// Runs one transaction on a quiet line and says whether it answered this
-// register. What the line holds from an exchange given up earlier (a reply
-// that came after its time-out, a reply sent twice) goes first, as in the
-// file transport: otherwise it would be taken for this request's answer.
-// A sound reply from another address, or a read reply whose value is not
-// the register's size, is not this register's answer either. A device
-// that did not answer leaves 513 in the error word, as a file operation
-// does.
-template <typename Transaction>
-bool answered(Session* s, const table::TypeRecord& type, bool reading, Transaction run) {
-    if (s->port != nullptr) link::serial_purge(s->port);
-    const int result = run();
-    const link::TransactionOutcome o = link::last_outcome();
-    if (result < 0 && o.failure == link::Failure::kNoReply) s->error = remotefs::kNoReply;
-    if (result <= 0 || o.reply_address != link::kDeviceAddress) return false;
-    return !reading || o.value_bytes == 2 * type.words;
-}
-
 } // namespace
 
 std::int32_t read_register(Session* s, const char* name, void* value, std::int32_t count) {
@@ -57,7 +38,7 @@ std::int32_t read_register(Session* s, const char* name, void* value, std::int32
     table::TypeRecord type;
     if (!find(s, name, reg, type)) return -1;
     std::uint8_t transfer[kTransferSize] = {};
-    if (!answered(s, type, true, [&] { return link::modbus_read_registers(s->port, reg, type, transfer, sizeof transfer); })) {
+    if (link::modbus_read_registers(s->port, reg, type, transfer, sizeof transfer) <= 0) {
         if (s->verbose) std::printf("error: cannot read register %s\n", name);
         return -1;
     }
@@ -76,7 +57,7 @@ std::int32_t write_register(Session* s, const char* name, const void* value, std
     table::RegisterRecord reg;
     table::TypeRecord type;
     if (!find(s, name, reg, type)) return -1;
-    if (!answered(s, type, false, [&] { return link::modbus_write_registers(s->port, reg, type, transfer); })) {
+    if (link::modbus_write_registers(s->port, reg, type, transfer) <= 0) {
         if (s->verbose) std::printf("error: cannot write register %s\n", name);
         return -1;
     }
