@@ -6,6 +6,7 @@
 #include "../common/null_device.h"
 #include "../common/table_errors.h"
 #include "card.h"
+#include "faults.h"
 #include "file_service.h"
 #include "link/ascii_frame.h"
 #include "link/slip.h"
@@ -34,9 +35,7 @@ struct Options {
     std::string port;
     unsigned baud = 0;
     double corrupt = 0;
-    bool silent = false;
-    bool dropping = false;
-    unsigned drop_after = 0;
+    sim::FaultOptions faults;
     sim::CardOptions card;
     unsigned seed = static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count());
 };
@@ -69,7 +68,8 @@ std::string probability(const std::string& text, double& out) {
 
 Options parse(int argc, char** argv) {
     Options o;
-    std::string baud, corrupt, seed, drop_after;
+    std::string baud, corrupt, seed;
+    sim::FaultTexts fault_texts;
     CLI::App app{"Plays a vukra device: opens a pseudo-terminal, prints its path on the first line of\n"
                  "standard output, and answers Modbus ASCII requests for address 1 in SLIP packets,\n"
                  "with function 3 (read) and 16 (write) on the registers of the table. A register's\n"
@@ -83,8 +83,7 @@ Options parse(int argc, char** argv) {
     app.add_option("--port", o.port, "use this serial device instead of a pseudo-terminal");
     app.add_option("--baud", baud, "send replies at the pace of N baud, 8N1 (default: unpaced)");
     app.add_option("--corrupt", corrupt, "change one random byte of a reply with probability P (0 to 1)");
-    app.add_flag("--silent", o.silent, "never answer");
-    app.add_option("--drop-after", drop_after, "answer the first N requests, then none (a device that vanishes)");
+    sim::add_fault_options(app, o.faults, fault_texts);
     app.add_option("--image", o.card.image,
                    "the SD card: a ufs image (vukra-ufs makes them), locked while the sim runs and written\n"
                    "as the device writes its card; a FILE that does not exist is made (8 MiB, a new\n"
@@ -97,9 +96,7 @@ Options parse(int argc, char** argv) {
     if (!baud.empty() && !(why = decimal_in(baud, 1, 100000000, o.baud)).empty()) usage_error("--baud: " + why);
     if (!corrupt.empty() && !(why = probability(corrupt, o.corrupt)).empty()) usage_error("--corrupt: " + why);
     if (!seed.empty() && !(why = decimal_in(seed, 0, 0xFFFFFFFFull, o.seed)).empty()) usage_error("--seed: " + why);
-    if (!drop_after.empty() && !(why = decimal_in(drop_after, 0, 0xFFFFFFFFull, o.drop_after)).empty())
-        usage_error("--drop-after: " + why);
-    o.dropping = !drop_after.empty();
+    if (!(why = sim::read_fault_options(fault_texts, o.faults)).empty()) usage_error(why);
     return o;
 }
 
@@ -145,21 +142,12 @@ struct Device {
     sim::RegisterMemory* memory = nullptr;
     std::mt19937 random;
     std::uniform_real_distribution<double> chance{0, 1};
-    unsigned taken = 0;
+    sim::FaultCount count;
     // Held while a request is acted on; the stop takes it to tidy up.
     platform::RecursiveLock busy;
 };
 
 Device device;
-
-// Whether a request is acted on and answered: not when silent, nor past
-// the --drop-after count.
-bool due(Device& d) {
-    if (d.options.silent) return false;
-    if (d.options.dropping && d.taken >= d.options.drop_after) return false;
-    ++d.taken;
-    return true;
-}
 
 void send(Device& d, const std::uint8_t* bytes, std::size_t length) {
     if (d.options.baud > 0)
@@ -168,23 +156,28 @@ void send(Device& d, const std::uint8_t* bytes, std::size_t length) {
         link::slip_send(d.port, bytes, length);
 }
 
+void send_to_host(const std::uint8_t* bytes, std::size_t length) { send(device, bytes, length); }
+
 void answer_registers(Device& d, link::AsciiFrame& request) {
-    if (!link::frame_check(request) || !due(d)) return;
+    if (!link::frame_check(request)) return;
+    const sim::Turn turn = sim::next_turn(d.options.faults, d.count, -1);
+    if (!turn.answer) return;
     std::uint8_t reply_text[link::kFrameCapacity];
     link::AsciiFrame reply;
     link::frame_init(reply, reply_text, link::kFrameCapacity);
     if (!sim::answer(*d.memory, request, reply)) return;
     if (d.options.corrupt > 0 && d.chance(d.random) < d.options.corrupt) corrupt(reply, d.random);
-    send(d, reply_text, static_cast<std::size_t>(reply.length));
+    sim::deliver_register_reply(d.options.faults, d.count, turn, reply_text, static_cast<std::size_t>(reply.length), send_to_host);
 }
 
 void answer_files(Device& d, const std::uint8_t* packet, std::size_t length) {
-    if (!due(d)) return;
+    const sim::Turn turn = sim::next_turn(d.options.faults, d.count, length >= 2 ? packet[1] : -2);
+    if (!turn.answer) return;
     static std::uint8_t reply[2048];
     const std::size_t n = sim::answer_file_request(packet, length, reply);
     if (n == 0) return;
     if (d.options.corrupt > 0 && d.chance(d.random) < d.options.corrupt) corrupt(reply, n, d.random);
-    send(d, reply, n);
+    sim::deliver_file_reply(d.options.faults, d.count, turn, packet, length, reply, n, send_to_host);
 }
 
 // Takes packets off the line: a file request whole, Modbus ASCII text into

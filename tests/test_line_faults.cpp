@@ -1,0 +1,421 @@
+// The library against a device that misbehaves on the line: vukra-sim
+// staging silence, damage, cut, doubled, late and wrong replies and an
+// endless listing (docs/reliability.md gives what each case shows).
+#include "modbus_vukra.h"
+#include "platform/platform.h"
+#include "session/session.h"
+#include "support/session_fixture.h"
+#include "support/sim_process.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using vukra::test::read_all;
+using vukra::test::SimProcess;
+
+// A short time-out keeps the silent cases quick; the bound on a failing
+// call is a bound on a hang (a loaded machine is slow), not a speed test.
+constexpr std::uint32_t kTimeoutMs = 300;
+constexpr std::uint32_t kHangBoundMs = kTimeoutMs + 1000;
+
+const std::string kContent = "line faults: the file's bytes, one line\n";
+
+struct LineFaults : vukra::test::SessionFixture {
+    std::unique_ptr<SimProcess> sim;
+    modbus_vukra_session* s = nullptr;
+
+    // A sim on the card with these faults and a session on it, its port's
+    // time-out short, mounted when asked.
+    void start(std::vector<std::string> faults, bool mount = true) {
+        std::vector<std::string> args{"--table", "table.xml", "--image", card};
+        args.insert(args.end(), faults.begin(), faults.end());
+        sim = std::make_unique<SimProcess>(args, true);
+        s = open(sim->port());
+        ASSERT_NE(s, nullptr);
+        s->port->timeout_ms = kTimeoutMs;
+        if (mount) {
+            ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
+        }
+    }
+    void stop() {
+        if (s != nullptr) close(s);
+        s = nullptr;
+        sim.reset();
+    }
+    ~LineFaults() override { stop(); }
+
+    // Puts /mem/f with kContent on the card through a sound line.
+    void make_file() {
+        start({});
+        ASSERT_EQ(modbus_vukra_op_protected_create(s, "/mem/f"), 0);
+        ASSERT_EQ(modbus_vukra_op_protected_write(s, kContent.data(), static_cast<std::int32_t>(kContent.size())),
+                  static_cast<std::int32_t>(kContent.size()));
+        stop();
+    }
+};
+
+// Milliseconds an operation took, with its stdout (the link's frames) kept away.
+std::uint32_t timed(const std::function<void()>& operation) {
+    testing::internal::CaptureStdout();
+    const std::uint32_t start = vukra::platform::clock_ms();
+    operation();
+    const std::uint32_t took = vukra::platform::clock_ms() - start;
+    testing::internal::GetCapturedStdout();
+    return took;
+}
+
+// The register's value read through the export, or a failure text.
+template <typename T>
+std::string read_as_text(modbus_vukra_session* s, const char* name) {
+    T value{};
+    testing::internal::CaptureStdout();
+    const std::int32_t n = modbus_vukra_op_protected_readreg(s, name, &value, sizeof value);
+    testing::internal::GetCapturedStdout();
+    if (n != static_cast<std::int32_t>(sizeof value)) return "<failed>";
+    char text[MODBUS_VUKRA_TEXT_SIZE];
+    return modbus_vukra_op_register_btoa(text, name, &value) ? text : "<no text>";
+}
+
+// Registers of four sizes with their values in the example table: a reply
+// taken for the wrong one of them never has the right size.
+struct Known {
+    const char* name;
+    std::string (*read)(modbus_vukra_session*, const char*);
+    const char* value;
+};
+const Known kKnown[] = {{"offset_trim", read_as_text<std::int16_t>, "-12"},
+                        {"energy", read_as_text<std::int32_t>, "-100000"},
+                        {"probe_raw", read_as_text<std::int16_t[3]>, "100\n-200\n300\n"},
+                        {"history", read_as_text<std::int32_t[2]>, "70000\n-5\n"}};
+
+// Reads the known registers round after round: each read gives the true
+// value or fails. Returns the reads that failed.
+int read_rounds(modbus_vukra_session* s, int rounds) {
+    int failed = 0;
+    for (int i = 0; i < rounds; ++i)
+        for (const Known& k : kKnown) {
+            const std::string got = k.read(s, k.name);
+            if (got == "<failed>")
+                ++failed;
+            else
+                EXPECT_EQ(got, k.value) << k.name << " in round " << i;
+        }
+    return failed;
+}
+
+// ---- a device that goes silent and comes back -------------------------------
+
+TEST_F(LineFaults, SilenceFailsWithinTheTimeOutAndTheNextOperationWorks) {
+    struct Case {
+        const char* what;
+        std::vector<std::string> faults;
+        std::function<void(modbus_vukra_session*)> before;
+        std::function<std::int32_t(modbus_vukra_session*)> operation;
+        std::int32_t once_back; // the operation's result when the device is back
+        std::int32_t error;     // the error word after the failure
+    };
+    const auto read_file = [](modbus_vukra_session* t) {
+        char buffer[8];
+        EXPECT_EQ(modbus_vukra_op_protected_lookup(t, "/mem/f", nullptr), 0);
+        EXPECT_EQ(modbus_vukra_op_protected_read(t, buffer, sizeof buffer), 8);
+        return modbus_vukra_op_protected_read(t, buffer, sizeof buffer); // the second read
+    };
+    const std::vector<Case> cases = {
+        {"register read", {"--drop-after", "1", "--drop-for", "1"}, nullptr,
+         [](modbus_vukra_session* t) {
+             std::int32_t energy = 0;
+             return modbus_vukra_op_protected_readreg(t, "energy", &energy, 4);
+         },
+         4, 0}, // a register call leaves the error word as the mount left it
+        // The first read request (1) is answered, the second is not.
+        {"file read", {"--count-only", "5", "--drop-after", "1", "--drop-for", "1"}, nullptr, read_file, 8, 513},
+        // getfs's fourth read goes unanswered (phase 1, the header).
+        {"getfs", {"--count-only", "5", "--drop-after", "3", "--drop-for", "1"}, nullptr, modbus_vukra_op_protected_getfs, 0, 513},
+        // putfs's third write goes unanswered.
+        {"putfs", {"--count-only", "6", "--drop-after", "2", "--drop-for", "1"},
+         [](modbus_vukra_session* t) { ASSERT_EQ(modbus_vukra_op_protected_getfs(t), 0); },
+         modbus_vukra_op_protected_putfs, 0, 513},
+    };
+    make_file();
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        start(c.faults);
+        if (c.before) timed([&] { c.before(s); });
+        std::int32_t result = 0;
+        const std::uint32_t took = timed([&] { result = c.operation(s); });
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(modbus_vukra_op_session_error(s), c.error);
+        EXPECT_LT(took, kHangBoundMs);
+        // The device is back: the same operation goes through.
+        timed([&] { result = c.operation(s); });
+        EXPECT_EQ(result, c.once_back);
+        stop();
+    }
+}
+
+// ---- damage ---------------------------------------------------------------
+
+TEST_F(LineFaults, DamagedRegisterRepliesNeverGiveAWrongValue) {
+    start({"--corrupt", "0.5", "--seed", "7"}, false);
+    const int failed = read_rounds(s, 2500); // 10,000 reads
+    std::printf("10000 register reads, half their replies damaged: %d failed, the others right\n", failed);
+    EXPECT_GT(failed, 4000);
+    EXPECT_LT(failed, 6000);
+}
+
+// The file protocol carries no checksum: damage inside a reply's data
+// reaches the host. What the library owes is to stay inside its buffers
+// (the sanitizer build checks that) and to keep counts and names in bounds.
+TEST_F(LineFaults, DamagedFileRepliesStayInBounds) {
+    make_file();
+    start({});
+    ASSERT_EQ(modbus_vukra_op_protected_mkdir(s, "/mem/d"), 0);
+    for (const char* name : {"/mem/d/a", "/mem/d/b", "/mem/d/c"}) ASSERT_EQ(modbus_vukra_op_protected_create(s, name), 0);
+    stop();
+    start({"--corrupt", "0.3", "--seed", "11"}, false);
+    int mounts = 0;
+    while (modbus_vukra_op_protected_mount(s) != 0) ASSERT_LT(++mounts, 20);
+    int failed = 0, wrong = 0, right = 0;
+    char buffer[64];
+    timed([&] {
+        for (int i = 0; i < 150; ++i) {
+            if (modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr) != 0) {
+                ++failed;
+                continue;
+            }
+            std::memset(buffer, 0, sizeof buffer);
+            const std::int32_t n = modbus_vukra_op_protected_read(s, buffer, sizeof buffer);
+            EXPECT_LE(n, static_cast<std::int32_t>(sizeof buffer));
+            if (n < 0)
+                ++failed;
+            else if (std::string(buffer, static_cast<std::size_t>(n)) == kContent)
+                ++right;
+            else
+                ++wrong;
+            if (modbus_vukra_op_protected_lookup(s, "/mem/d", nullptr) != 0) continue;
+            modbus_vukra_dir_entry* first = nullptr;
+            if (modbus_vukra_op_protected_readdir(s, &first) < 0) {
+                EXPECT_EQ(first, nullptr);
+            }
+            for (const std::string& name : vukra::test::take_names(first)) EXPECT_LT(name.size(), 256u);
+        }
+    });
+    std::printf("150 file reads, 30%% of replies damaged: %d failed, %d wrong bytes, %d right\n", failed, wrong, right);
+    EXPECT_GT(right, 0);
+    EXPECT_GT(failed + wrong, 0) << "the damage showed somewhere";
+}
+
+// ---- replies cut short, doubled, late ---------------------------------------
+
+TEST_F(LineFaults, RepliesCutAtEveryPointAreNeverTaken) {
+    make_file();
+    // A read reply of 2 words is 19 characters: cut after 0 to 18.
+    start({"--cut", "each", "--fault-for", "19"}, false);
+    for (int cut = 0; cut < 19; ++cut) {
+        std::int32_t energy = 0;
+        testing::internal::CaptureStdout();
+        const std::int32_t n = modbus_vukra_op_protected_readreg(s, "energy", &energy, 4);
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(n, -1) << "cut after " << cut;
+    }
+    EXPECT_EQ(read_as_text<std::int32_t>(s, "energy"), "-100000");
+    stop();
+
+    // The file side: a lookup reply (68 bytes) cut after 0 to 67 bytes,
+    // then a read reply (84 bytes with this file) likewise.
+    start({"--count-only", "4", "--cut", "each", "--fault-after", "1", "--fault-for", "68"});
+    modbus_vukra_attributes sound{};
+    ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/f", &sound), 0);
+    timed([&] {
+        for (int cut = 0; cut < 68; ++cut) {
+            modbus_vukra_attributes a{};
+            const std::int32_t r = modbus_vukra_op_protected_lookup(s, "/mem/f", &a);
+            if (r == 0) {
+                EXPECT_EQ(std::memcmp(&a, &sound, sizeof a), 0) << "cut after " << cut;
+            }
+        }
+    });
+    ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr), 0);
+    EXPECT_EQ(read_all(s), kContent);
+    stop();
+    start({"--count-only", "5", "--cut", "each", "--fault-for", "84"});
+    ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr), 0);
+    timed([&] {
+        for (int cut = 0; cut < 84; ++cut) {
+            ASSERT_EQ(modbus_vukra_op_protected_seek(s, 0, 0), 0);
+            char buffer[64] = {};
+            const std::int32_t n = modbus_vukra_op_protected_read(s, buffer, sizeof buffer);
+            if (n >= 0) {
+                EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(n)), kContent) << "cut after " << cut;
+            }
+        }
+    });
+    ASSERT_EQ(modbus_vukra_op_protected_seek(s, 0, 0), 0);
+    EXPECT_EQ(read_all(s), kContent);
+}
+
+// ---- replies doubled or late: the register side ------------------------------
+
+// The register transaction does not purge the line: a reply left on it (the
+// copy of a doubled reply, a reply that came after its read had given up)
+// is taken as the next read's reply, and every read after it gets the
+// reply of the one before, until something purges the line. The status
+// request (null) and every file operation do.
+TEST_F(LineFaults, ALeftOverRegisterReplyIsTakenByTheNextReadUntilAPurge) {
+    struct Case {
+        const char* what;
+        std::vector<std::string> faults;
+        const char* first; // offset_trim's read with the fault
+    };
+    const Case cases[] = {{"doubled", {"--twice", "--fault-for", "1"}, "-12"},
+                          {"late", {"--late", "500", "--fault-for", "1"}, "<failed>"}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        start(c.faults, false); // no mount: no status request purges on its own
+        const std::uint32_t start_ms = vukra::platform::clock_ms();
+        EXPECT_EQ(read_as_text<std::int16_t>(s, "offset_trim"), c.first);
+        EXPECT_LT(vukra::platform::clock_ms() - start_ms, kHangBoundMs);
+        EXPECT_EQ(modbus_vukra_op_session_error(s), 0);
+        // energy takes offset_trim's reply: 2 bytes, -12 as 0xFFF4, in a
+        // cleared 4-byte value (its byte count is not compared).
+        EXPECT_EQ(read_as_text<std::int32_t>(s, "energy"), "65524");
+        // history's 8-byte reply, taken by the 2-byte offset_trim, fills
+        // no more than the 2 bytes asked for.
+        read_as_text<std::int16_t[3]>(s, "probe_raw");
+        read_as_text<std::int32_t[2]>(s, "history");
+        struct {
+            std::int16_t value;
+            std::uint8_t guard[14];
+        } guarded{};
+        std::memset(guarded.guard, 0xA5, sizeof guarded.guard);
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "offset_trim", &guarded.value, 2), 2);
+        testing::internal::GetCapturedStdout();
+        EXPECT_NE(guarded.value, -12) << "still history's reply, not offset_trim's";
+        for (std::uint8_t b : guarded.guard) ASSERT_EQ(b, 0xA5);
+        // The last read's own reply is on the line: a null purges it, and
+        // every read is answered again by its own reply.
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_EQ(modbus_vukra_op_protected_null(s), 0);
+        EXPECT_EQ(read_rounds(s, 2), 0);
+        stop();
+    }
+}
+
+// ---- replies doubled or late: the file side ------------------------------------
+
+// A file transaction purges the line before its request: a doubled reply's
+// copy never reaches the next request. A reply later than the time-out
+// that comes while the next request waits is taken as its reply (the
+// header is not checked); the purge of the request after clears what is left.
+TEST_F(LineFaults, FileRequestsPurgeWhatEarlierRepliesLeft) {
+    make_file();
+    start({"--twice"});
+    modbus_vukra_usage sound{};
+    ASSERT_EQ(modbus_vukra_op_protected_fsstat(s, "/mem", &sound), 0);
+    for (int i = 0; i < 20; ++i) {
+        modbus_vukra_usage usage{};
+        ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr), 0);
+        char buffer[64] = {};
+        ASSERT_EQ(modbus_vukra_op_protected_read(s, buffer, sizeof buffer), static_cast<std::int32_t>(kContent.size()));
+        EXPECT_EQ(std::string(buffer), kContent);
+        ASSERT_EQ(modbus_vukra_op_protected_fsstat(s, "/mem", &usage), 0);
+        EXPECT_EQ(std::memcmp(&usage, &sound, sizeof usage), 0);
+    }
+    stop();
+
+    start({"--late", "500", "--fault-after", "1", "--fault-for", "1"});
+    std::int32_t result = 0;
+    EXPECT_LT(timed([&] { result = modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr); }), kHangBoundMs);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), 513);
+    // The lookup's reply comes while fsstat waits and is decoded as
+    // fsstat's: whatever it gives, it stays in bounds and ends in time.
+    modbus_vukra_usage usage{};
+    EXPECT_LT(timed([&] { result = modbus_vukra_op_protected_fsstat(s, "/mem", &usage); }), kHangBoundMs);
+    EXPECT_TRUE(result == 0 || result == -1) << result;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr), 0);
+    EXPECT_EQ(read_all(s), kContent);
+}
+
+// ---- sound frames of another kind in place of the reply ----------------------
+
+// Neither transaction compares the reply with its request beyond what it
+// decodes: a register read takes a sound reply from any address and of any
+// size, refuses another function; a file request decodes another
+// operation's reply, or a Modbus frame, as its own. Each call ends in time
+// and inside its bounds, and the next requests are answered right.
+TEST_F(LineFaults, FramesOfAnotherKindAreTakenAsTheyStand) {
+    struct Case {
+        const char* kind;
+        const char* energy;  // the faulty read's value ("" any, or failing)
+        std::int32_t lookup; // the faulty lookup's result (2: -1 or 0)
+    };
+    const Case cases[] = {{"register", "2989", 2}, // 0x0BAD, one word
+                          {"file", "", 2},
+                          {"function", "<failed>", 0},
+                          {"address", "-100000", 0}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.kind);
+        // Request 1 is the mount; 2 (a register read) and 3 (a lookup) get the wrong replies.
+        start({"--wrong", c.kind, "--fault-after", "1", "--fault-for", "2"});
+        const std::uint32_t start_ms = vukra::platform::clock_ms();
+        const std::string energy = read_as_text<std::int32_t>(s, "energy");
+        EXPECT_LT(vukra::platform::clock_ms() - start_ms, kHangBoundMs);
+        if (*c.energy != '\0') {
+            EXPECT_EQ(energy, c.energy);
+        }
+        modbus_vukra_attributes a{};
+        std::int32_t looked = 0;
+        EXPECT_LT(timed([&] { looked = modbus_vukra_op_protected_lookup(s, "/mem", &a); }), kHangBoundMs);
+        if (c.lookup == 2) {
+            EXPECT_TRUE(looked == 0 || looked == -1) << looked;
+        } else {
+            EXPECT_EQ(looked, c.lookup);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(read_as_text<std::int32_t>(s, "energy"), "-100000");
+        EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/mem", nullptr), 0);
+        stop();
+    }
+}
+
+// ---- an endless listing ---------------------------------------------------------
+
+// readdir returns one page as the device sent it: its cookie becomes the
+// position and its end-of-directory flag the result. A device that never
+// sends the end makes every call return 0 with the cookie unmoved;
+// bounding a loop over pages is the caller's part (vukra fs ls does).
+TEST_F(LineFaults, ReaddirReturnsEachPageAsTheDeviceSentIt) {
+    make_file();
+    start({"--count-only", "12", "--endless-listing", "--fault-for", "3"});
+    ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem", nullptr), 0);
+    for (int page = 0; page < 3; ++page) {
+        modbus_vukra_dir_entry* first = nullptr;
+        std::int32_t eof = -1;
+        EXPECT_LT(timed([&] { eof = modbus_vukra_op_protected_readdir(s, &first); }), kHangBoundMs);
+        EXPECT_EQ(eof, 0) << "page " << page;
+        EXPECT_EQ(modbus_vukra_op_protected_telldir(s), 0);
+        const std::vector<std::string> names = vukra::test::take_names(first);
+        EXPECT_NE(std::find(names.begin(), names.end(), "f"), names.end());
+    }
+    // The device answers as it should again: the same position gives the end.
+    modbus_vukra_dir_entry* first = nullptr;
+    EXPECT_EQ(modbus_vukra_op_protected_readdir(s, &first), 1);
+    const std::vector<std::string> names = vukra::test::take_names(first);
+    EXPECT_NE(std::find(names.begin(), names.end(), "f"), names.end());
+}
+
+} // namespace
