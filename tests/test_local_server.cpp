@@ -131,7 +131,8 @@ struct LocalServer : ::testing::Test {
     Page page(FileHandle h, std::int32_t cookie = 0) {
         const auto reply = ask<ReaddirReply>(kOpReaddir, ReaddirRequest{volume, h, cookie, kReaddirCount});
         Page p{{}, reply.cookie, reply.eof, reply.status};
-        for (const DirEntryNode* n = reply.entries; n != nullptr; n = n->next) p.names.emplace_back(n->name);
+        // Packed nodes: the name is copied by value, never bound to a reference.
+        for (const DirEntryNode* n = reply.entries; n != nullptr; n = n->next) p.names.emplace_back(std::string(n->name));
         free_nodes(reply.entries);
         return p;
     }
