@@ -23,10 +23,11 @@ struct Built {
     Built() { link::frame_init(frame, storage, link::kFrameCapacity); }
 };
 
-link::AsciiFrame frame_over(std::string& text) {
-    link::AsciiFrame f{reinterpret_cast<std::uint8_t*>(text.data()), 0, static_cast<std::int32_t>(text.size()),
-                       static_cast<std::int32_t>(text.size()), 0};
-    return f;
+// frame_check on a frame holding text.
+int check(std::string text) {
+    const auto n = static_cast<std::int32_t>(text.size());
+    link::AsciiFrame f{reinterpret_cast<std::uint8_t*>(text.data()), 0, n, n, 0};
+    return link::frame_check(f);
 }
 
 TEST(AsciiFrame, BuildsTheReadRequestOfTwoWordsAt0x100) {
@@ -75,21 +76,15 @@ TEST(AsciiFrame, FieldsGoMostSignificantFirstAndDecodeToHostOrder) {
 }
 
 TEST(AsciiFrame, CheckNeedsStartLengthAndCrLfAndReportsABadLrc) {
-    std::string shortest = ":0103FC\r\n"; // 9 characters: address, function, LRC
-    EXPECT_EQ(link::frame_check(frame_over(shortest)), 1);
+    EXPECT_EQ(check(":0103FC\r\n"), 1); // 9 characters: address, function, LRC
 
     testing::internal::CaptureStdout();
-    std::string eight = ":0103F\r\n";
-    std::string no_start = "x0103FC\r\n";
-    std::string no_crlf = ":0103FC\n\n";
-    EXPECT_EQ(link::frame_check(frame_over(eight)), 0);
-    EXPECT_EQ(link::frame_check(frame_over(no_start)), 0);
-    EXPECT_EQ(link::frame_check(frame_over(no_crlf)), 0);
+    for (const char* refused : {":0103F\r\n", "x0103FC\r\n", ":0103FC\n\n"}) // short, no start, no CR LF
+        EXPECT_EQ(check(refused), 0) << refused;
     EXPECT_EQ(testing::internal::GetCapturedStdout(), ""); // silent failures
 
     testing::internal::CaptureStdout();
-    std::string bad_lrc = ":0103FD\r\n";
-    EXPECT_EQ(link::frame_check(frame_over(bad_lrc)), 0);
+    EXPECT_EQ(check(":0103FD\r\n"), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Erreur LRC\n");
 }
 

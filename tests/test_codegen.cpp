@@ -4,6 +4,7 @@
 #include "codegen/html_pages.h"
 #include "support/files.h"
 #include "support/temp_dir.h"
+#include "support/text_checks.h"
 
 #include <gtest/gtest.h>
 
@@ -17,6 +18,7 @@
 using namespace vukra;
 using test::read_file;
 using test::write_file;
+using test::contains;
 
 namespace {
 
@@ -53,11 +55,9 @@ TEST_F(CodegenTest, GeneratedCodeCompilesRunsAndKeepsTheUsersCode) {
     insert_user_code("generated/mb_Tableprocess.c", "Header", "#include <stdio.h>\n");
     codegen::generate_c_sources(); // the user's lines must come through this
     std::string table_file = read_file("generated/mb_Tableprocess.c");
-    EXPECT_NE(table_file.find("// @MODBUS_CODE_BEGIN/Function/Read/process/setpoint\n" + read_block +
-                              "// @MODBUS_CODE_END/Function/Read/process/setpoint\n"),
-              std::string::npos);
-    EXPECT_NE(table_file.find("// @MODBUS_CODE_BEGIN/Header\n#include <stdio.h>\n// @MODBUS_CODE_END/Header\n"),
-              std::string::npos);
+    EXPECT_TRUE(contains(table_file, "// @MODBUS_CODE_BEGIN/Function/Read/process/setpoint\n" + read_block +
+                                     "// @MODBUS_CODE_END/Function/Read/process/setpoint\n"));
+    EXPECT_TRUE(contains(table_file, "// @MODBUS_CODE_BEGIN/Header\n#include <stdio.h>\n// @MODBUS_CODE_END/Header\n"));
 
     write_file("modbus_header_extern.h",
                "/* Shared functions take the register's address first. */\n"
@@ -95,7 +95,7 @@ int main(void)
     std::istringstream lines(warnings);
     for (std::string line; std::getline(lines, line);) {
         if (line.find("warning:") == std::string::npos) continue;
-        EXPECT_NE(line.find("unused parameter 'val'"), std::string::npos) << line;
+        EXPECT_TRUE(contains(line, "unused parameter 'val'"));
     }
     std::string linked = run("gcc mb_Call.o mb_Data.o mb_Tableprocess.o mb_Tablestatus.o main.o -o table_test");
     ASSERT_EQ(linked, "");
@@ -112,7 +112,7 @@ TEST_F(CodegenTest, AlteredMarkersDropTheirBlock) {
     write_file("generated/mb_Tablestatus.c", file);
     codegen::write_table_files();
     file = read_file("generated/mb_Tablestatus.c");
-    EXPECT_NE(file.find("   *val = 1;\n"), std::string::npos);
+    EXPECT_TRUE(contains(file, "   *val = 1;\n"));
     EXPECT_EQ(file.find("   *val = 2;\n"), std::string::npos);
 }
 
@@ -120,46 +120,40 @@ TEST_F(CodegenTest, TextsOfTheTypesDispatcherPrototypesAndArrays) {
     codegen::generate_c_sources();
     std::string types = read_file("generated/mb_Type.h");
     EXPECT_EQ(types.find("#ifndef MODBUS_TYPE_H\n#define MODBUS_TYPE_H\n\ntypedef struct {\n"), 0u);
-    EXPECT_NE(types.find("#define SHARED_FCT 0x80\nint ModbusCall(void *func, unsigned short address, void *arg, "
-                         "unsigned char argType);\n#define TYPE_INT16 0\n#define TYPE_UINT16 1\n"),
-              std::string::npos);
-    EXPECT_NE(types.find("#define TYPE_BUFFER_LONG2 8\n\n#endif\n"), std::string::npos);
+    EXPECT_TRUE(contains(types, "#define SHARED_FCT 0x80\nint ModbusCall(void *func, unsigned short address, "
+                                "void *arg, unsigned char argType);\n#define TYPE_INT16 0\n#define TYPE_UINT16 1\n"));
+    EXPECT_TRUE(contains(types, "#define TYPE_BUFFER_LONG2 8\n\n#endif\n"));
 
     std::string call = read_file("generated/mb_Call.c");
     EXPECT_EQ(call.find("#include \"generated/mb_Type.h\"\n\n"), 0u);
-    EXPECT_NE(call.find("    case TYPE_REAL :\n      {\n         int (*f)(float *);\n         f = (int(*)(float *))func;\n"
-                        "         return f((float *)arg);\n      }\n"),
-              std::string::npos);
-    EXPECT_NE(call.find("    case TYPE_REAL | SHARED_FCT:\n      {\n         int (*f)(unsigned short,float *);\n"
-                        "         f = (int(*)(unsigned short,float *))func;\n         return f(address,(float *)arg);\n"),
-              std::string::npos);
+    EXPECT_TRUE(contains(call, "    case TYPE_REAL :\n      {\n         int (*f)(float *);\n"
+                               "         f = (int(*)(float *))func;\n         return f((float *)arg);\n      }\n"));
+    EXPECT_TRUE(contains(call, "    case TYPE_REAL | SHARED_FCT:\n      {\n         int (*f)(unsigned short,float *);\n"
+                               "         f = (int(*)(unsigned short,float *))func;\n"
+                               "         return f(address,(float *)arg);\n"));
     std::size_t cases = 0;
     for (std::size_t at = 0; (at = call.find("    case ", at)) != std::string::npos; ++at) ++cases;
     EXPECT_EQ(cases, 18u) << "two cases for each of nine types";
 
     std::string header = read_file("generated/mb_Header.h");
-    EXPECT_NE(header.find("int MbRead_process_energy(long *val); // accés : R\n"
-                          "int MbWrite_process_energy(long *val); // accés : W\n"),
-              std::string::npos);
-    EXPECT_NE(header.find("/* fonction partagée utilisée : CommonReset\n"
-                          "int MbWrite_process_CommonReset(short *val); // accés : W\n*/\n"),
-              std::string::npos);
+    EXPECT_TRUE(contains(header, "int MbRead_process_energy(long *val); // accés : R\n"
+                                 "int MbWrite_process_energy(long *val); // accés : W\n"));
+    EXPECT_TRUE(contains(header, "/* fonction partagée utilisée : CommonReset\n"
+                                 "int MbWrite_process_CommonReset(short *val); // accés : W\n*/\n"));
 
     std::string data = read_file("generated/mb_Data.c");
-    EXPECT_NE(data.find("    { 0x0000, (void*)MbRead_status_temperature, (void*)0, TYPE_REAL , 4,sizeof(float)}\n"
-                        "   ,{ 0x0002, (void*)MbRead_status_probe_raw,"),
-              std::string::npos)
+    EXPECT_TRUE(contains(data, "    { 0x0000, (void*)MbRead_status_temperature, (void*)0, TYPE_REAL , "
+                               "4,sizeof(float)}\n"
+                               "   ,{ 0x0002, (void*)MbRead_status_probe_raw,"))
         << "automatic offsets, a blank ahead of the first row and commas after";
-    EXPECT_NE(data.find("   ,{ 0x000B, (void*)0, (void*)MbWrite_process_CommonReset, TYPE_INT16 | SHARED_FCT, "
-                        "2,sizeof(short)}\n"),
-              std::string::npos);
-    EXPECT_NE(data.find("   { (ModbusRegister *)ModbusRegisterprocess, 0x0100, 8, 12 }\n"
-                        "  ,{ (ModbusRegister *)ModbusRegisterstatus, 0x0200, 5, 12 }\n"
-                        "  ,{ 0,0,0,0 } // Marqueur de fin de table\n};\n"),
-              std::string::npos);
+    EXPECT_TRUE(contains(data, "   ,{ 0x000B, (void*)0, (void*)MbWrite_process_CommonReset, TYPE_INT16 | SHARED_FCT, "
+                               "2,sizeof(short)}\n"));
+    EXPECT_TRUE(contains(data, "   { (ModbusRegister *)ModbusRegisterprocess, 0x0100, 8, 12 }\n"
+                               "  ,{ (ModbusRegister *)ModbusRegisterstatus, 0x0200, 5, 12 }\n"
+                               "  ,{ 0,0,0,0 } // Marqueur de fin de table\n};\n"));
 
     std::string skeletons = read_file("generated/mb_Tableprocess.c");
-    EXPECT_NE(skeletons.find("/* Fonction partagée utilisée : CommonReset */\n\n"), std::string::npos);
+    EXPECT_TRUE(contains(skeletons, "/* Fonction partagée utilisée : CommonReset */\n\n"));
     EXPECT_EQ(skeletons.find("CommonReset(short"), std::string::npos) << "no skeleton for a shared function";
     EXPECT_LT(skeletons.find("int MbRead_process_setpoint(float *val)\n{\n"),
               skeletons.find("int MbWrite_process_setpoint(float *val)\n{\n"));
@@ -179,23 +173,21 @@ TEST_F(CodegenTest, AnEmptyTableListAndAnUnwritableDirectory) {
     write_file("none.xml", "<root><config/><table_list/></root>");
     ASSERT_EQ(table::load("none.xml"), 1);
     codegen::write_data_file();
-    EXPECT_NE(read_file("./Data.c").find("ModbusTableIndex [] = {\n   { 0,0,0,0 } // Marqueur"), std::string::npos);
+    EXPECT_TRUE(contains(read_file("./Data.c"), "ModbusTableIndex [] = {\n   { 0,0,0,0 } // Marqueur"));
 }
 
 TEST_F(CodegenTest, RegisterMapShowsEveryRegisterWithItsRowColour) {
     ASSERT_EQ(codegen::write_register_map("map.html"), 0);
     std::string page = read_file("map.html");
     EXPECT_EQ(page.find("<html>\n<head>\n"), 0u);
-    EXPECT_NE(page.find("<TR bgcolor=\"#FFFF00\"><TD><b>process</TD><TD><b>0x0100</TD><TD></TD><TD></TD><TD></TD>"
-                        "<TD></TD></TR\n"),
-              std::string::npos);
-    EXPECT_NE(page.find("<TR bgcolor=\"#A060FF\">\n<a name=\"setpoint\"><TD>0x0000</TD><TD>setpoint</TD>"
-                        "<TD>Temperature setpoint in degrees</TD><TD>RW</TD><TD>real</TD><TD>2</TD></TR>\n"),
-              std::string::npos);
-    EXPECT_NE(page.find("<TR bgcolor=\"#8040FF\">\n<a name=\"offset_trim\">"), std::string::npos);
-    EXPECT_NE(page.find("<TR bgcolor=\"#A060FF\">\n<a name=\"temperature\">"), std::string::npos)
+    EXPECT_TRUE(contains(page, "<TR bgcolor=\"#FFFF00\"><TD><b>process</TD><TD><b>0x0100</TD><TD></TD><TD></TD>"
+                               "<TD></TD><TD></TD></TR\n"));
+    EXPECT_TRUE(contains(page, "<TR bgcolor=\"#A060FF\">\n<a name=\"setpoint\"><TD>0x0000</TD><TD>setpoint</TD>"
+                               "<TD>Temperature setpoint in degrees</TD><TD>RW</TD><TD>real</TD><TD>2</TD></TR>\n"));
+    EXPECT_TRUE(contains(page, "<TR bgcolor=\"#8040FF\">\n<a name=\"offset_trim\">"));
+    EXPECT_TRUE(contains(page, "<TR bgcolor=\"#A060FF\">\n<a name=\"temperature\">"))
         << "each table starts its rows again";
-    EXPECT_NE(page.find("<TD>W</TD><TD>int16</TD>"), std::string::npos);
+    EXPECT_TRUE(contains(page, "<TD>W</TD><TD>int16</TD>"));
     EXPECT_TRUE(page.ends_with("</TR>\n</table>\n</body>\n</html>\n"));
     EXPECT_EQ(codegen::write_register_map("no/such/dir/map.html"), 0);
 }
@@ -212,14 +204,12 @@ TEST_F(CodegenTest, LivePageReadsOneRegisterAndShowsTheOthersFromTheirCache) {
     ASSERT_EQ(codegen::write_live_page("live.html", "10.0.0.7", read, "energy"), 0);
     EXPECT_EQ(reads, 1);
     std::string page = read_file("live.html");
-    EXPECT_NE(page.find("<TR bgcolor=\"#FFFF00\"><TD><b>Table : process</b></TD><TD></TD><TD></TD></TR>\n"),
-              std::string::npos);
-    EXPECT_NE(page.find("<a name=\"energy\"><TD>energy</TD><TD><FORM action=\"http://10.0.0.7/modbus.cb\" "
-                        "method=\"post\">\n<P><INPUT type=\"text\" name=\"energy\" value=\"99\">\n</FORM></TD>\n"
-                        "<TD>int32</TD></TR>\n"),
-              std::string::npos);
-    EXPECT_NE(page.find("name=\"setpoint\" value=\"21.5\""), std::string::npos) << "from the cached attribute";
-    EXPECT_NE(page.find("name=\"alarm\" value=\"Erreur\""), std::string::npos) << "no cache, no read";
+    EXPECT_TRUE(contains(page, "<TR bgcolor=\"#FFFF00\"><TD><b>Table : process</b></TD><TD></TD><TD></TD></TR>\n"));
+    EXPECT_TRUE(contains(page, "<a name=\"energy\"><TD>energy</TD><TD><FORM action=\"http://10.0.0.7/modbus.cb\" "
+                               "method=\"post\">\n<P><INPUT type=\"text\" name=\"energy\" value=\"99\">\n</FORM></TD>\n"
+                               "<TD>int32</TD></TR>\n"));
+    EXPECT_TRUE(contains(page, "name=\"setpoint\" value=\"21.5\"")) << "from the cached attribute";
+    EXPECT_TRUE(contains(page, "name=\"alarm\" value=\"Erreur\"")) << "no cache, no read";
     table::RegisterRecord reg;
     table::TypeRecord type;
     ASSERT_TRUE(table::find_register(reg, type, "energy"));

@@ -81,24 +81,22 @@ TEST_F(FileDisks, AnExistingImageIsKept) {
 long budget = 0;
 std::string disk(64 * 1024, '\0');
 
-long faulty_read(Descriptor fd, void* buffer, std::size_t count) {
+// Moves up to count bytes between the disk at fd's position and the caller
+// within the budget; -1 once the budget is spent or past the disk's end.
+template <typename Move> long transfer(Descriptor fd, std::size_t count, Move move) {
     std::int32_t& position = descriptor_position(fd);
     if (budget <= 0 || position < 0 || static_cast<std::size_t>(position) >= disk.size()) return -1;
     std::size_t n = std::min({count, disk.size() - static_cast<std::size_t>(position), static_cast<std::size_t>(budget)});
-    std::memcpy(buffer, disk.data() + position, n);
+    move(disk.data() + position, n);
     position += static_cast<std::int32_t>(n);
     budget -= static_cast<long>(n);
     return static_cast<long>(n);
 }
-
+long faulty_read(Descriptor fd, void* buffer, std::size_t count) {
+    return transfer(fd, count, [&](char* at, std::size_t n) { std::memcpy(buffer, at, n); });
+}
 long faulty_write(Descriptor fd, const void* buffer, std::size_t count) {
-    std::int32_t& position = descriptor_position(fd);
-    if (budget <= 0 || position < 0 || static_cast<std::size_t>(position) >= disk.size()) return -1;
-    std::size_t n = std::min({count, disk.size() - static_cast<std::size_t>(position), static_cast<std::size_t>(budget)});
-    std::memcpy(disk.data() + position, buffer, n);
-    position += static_cast<std::int32_t>(n);
-    budget -= static_cast<long>(n);
-    return static_cast<long>(n);
+    return transfer(fd, count, [&](char* at, std::size_t n) { std::memcpy(at, buffer, n); });
 }
 
 long faulty_seek(Descriptor fd, long offset, int whence) {

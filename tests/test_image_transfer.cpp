@@ -1,8 +1,8 @@
 // getfs and putfs: the device's card copied into the library's local card
 // and back, against vukra-sim with a card image and against a fake device
 // that serves crafted images; cancel, a vanishing device, a device card
-// smaller than the image, a damaged volume under "/mem", and the timer
-// running beside host threads.
+// smaller than the image and a damaged volume under "/mem". Host threads
+// beside the timer: test_stress.
 #include "kernel/vfs.h"
 #include "modbus_vukra.h"
 #include "remotefs/image_transfer.h"
@@ -63,10 +63,6 @@ void put_le32(std::string& b, std::size_t at, std::uint32_t v) {
     for (int i = 0; i < 4; ++i) b[at + static_cast<std::size_t>(i)] = static_cast<char>(v >> (8 * i));
 }
 
-int run(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()); }
-
-std::string ufs(const std::string& arguments) { return std::string(VUKRA_UFS_PATH) + " " + arguments; }
-
 std::string random_bytes(std::size_t n, unsigned seed) {
     std::mt19937 gen(seed);
     std::string s(n, '\0');
@@ -95,14 +91,23 @@ bool mem_mounted_locally() {
 }
 
 struct ImageTransfer : test::SessionFixture {
+    // vukra-ufs on the card image, its output dropped: its exit status.
+    int on_card(const std::string& arguments) const {
+        return std::system((VUKRA_UFS_PATH " " + card + " " + arguments + " >/dev/null 2>&1").c_str());
+    }
+    // vukra-sim's arguments to serve the card, and more.
+    std::vector<std::string> serving(std::vector<std::string> more = {}) const {
+        more.insert(more.begin(), {"--table", "table.xml", "--image", card});
+        return more;
+    }
     // A card with /hello and a file of size bytes at /big.
     void make_card(std::size_t big = 0) {
-        ASSERT_EQ(run(ufs(card + " mkfs")), 0);
+        ASSERT_EQ(on_card("mkfs"), 0);
         test::write_file("hello.txt", "hello from the card\n");
-        ASSERT_EQ(run(ufs(card + " put hello.txt /hello")), 0);
+        ASSERT_EQ(on_card("put hello.txt /hello"), 0);
         if (big > 0) {
             test::write_file("big.bin", random_bytes(big, 7));
-            ASSERT_EQ(run(ufs(card + " put big.bin /big")), 0);
+            ASSERT_EQ(on_card("put big.bin /big"), 0);
         }
     }
     // getfs with its listing of /mem kept off the test's output.
@@ -117,7 +122,7 @@ struct ImageTransfer : test::SessionFixture {
 TEST_F(ImageTransfer, GetCopiesTheUsedGroupsAndZerosTheOthers) {
     make_card(20000);
     {
-        test::SimProcess sim({"--table", "table.xml", "--image", card});
+        test::SimProcess sim(serving());
         modbus_vukra_session* s = open(sim.port());
         ASSERT_NE(s, nullptr);
         EXPECT_EQ(modbus_vukra_op_protected_putfs(s), -1) << "no mirror yet";
@@ -168,7 +173,7 @@ TEST_F(ImageTransfer, GetCopiesTheUsedGroupsAndZerosTheOthers) {
 TEST_F(ImageTransfer, PutSendsWhatChangedUnderMemBack) {
     make_card();
     {
-        test::SimProcess sim({"--table", "table.xml", "--image", card});
+        test::SimProcess sim(serving());
         modbus_vukra_session* s = open_mounted(sim.port());
         ASSERT_NE(s, nullptr);
         ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
@@ -181,15 +186,15 @@ TEST_F(ImageTransfer, PutSendsWhatChangedUnderMemBack) {
         EXPECT_EQ(info_of(s).transfer(), (std::vector<std::int32_t>{2, 4, 100})) << "done";
         close(s);
     }
-    ASSERT_EQ(run(ufs(card + " get /new.txt out.txt")), 0);
+    ASSERT_EQ(on_card("get /new.txt out.txt"), 0);
     EXPECT_EQ(test::read_file("out.txt"), "written under /mem\n");
-    EXPECT_NE(run(ufs(card + " get /hello gone.txt")), 0) << "the removal travelled too";
-    EXPECT_EQ(run(ufs(card + " check")), 0) << "a consistent card";
+    EXPECT_NE(on_card("get /hello gone.txt"), 0) << "the removal travelled too";
+    EXPECT_EQ(on_card("check"), 0) << "a consistent card";
 }
 
 TEST_F(ImageTransfer, CancelDuringTheDataPhaseStopsAtAGroupBoundary) {
     make_card(300000);
-    test::SimProcess sim({"--table", "table.xml", "--image", card});
+    test::SimProcess sim(serving());
     modbus_vukra_session* s = open_mounted(sim.port());
     ASSERT_NE(s, nullptr);
 
@@ -227,7 +232,7 @@ TEST_F(ImageTransfer, CancelDuringTheDataPhaseStopsAtAGroupBoundary) {
 TEST_F(ImageTransfer, DeviceThatVanishesFailsWithinTheTimeOut) {
     make_card(100000);
     {
-        test::SimProcess sim({"--table", "table.xml", "--image", card, "--drop-after", "30"});
+        test::SimProcess sim(serving({"--drop-after", "30"}));
         modbus_vukra_session* s = open_mounted(sim.port());
         ASSERT_NE(s, nullptr);
         const auto start = std::chrono::steady_clock::now();
@@ -239,7 +244,7 @@ TEST_F(ImageTransfer, DeviceThatVanishesFailsWithinTheTimeOut) {
         EXPECT_EQ(s->mirror_enabled, 0);
         close(s);
     }
-    test::SimProcess sim({"--table", "table.xml", "--image", card});
+    test::SimProcess sim(serving());
     modbus_vukra_session* s = open_mounted(sim.port());
     ASSERT_NE(s, nullptr);
     ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
@@ -364,8 +369,8 @@ void unmount_mem() {
 TEST_F(ImageTransfer, PutStaysWithinTheDevicesSmallerCard) {
     constexpr std::size_t kCard = 1 << 20; // the local card keeps its 8 MiB
     test::write_file(card, std::string(kCard, '\0'));
-    ASSERT_EQ(run(ufs(card + " mkfs")), 0);
-    test::SimProcess sim({"--table", "table.xml", "--image", card});
+    ASSERT_EQ(on_card("mkfs"), 0);
+    test::SimProcess sim(serving());
     modbus_vukra_session* s = open_mounted(sim.port());
     ASSERT_NE(s, nullptr);
     ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
@@ -407,8 +412,8 @@ TEST_F(ImageTransfer, PutStaysWithinTheDevicesSmallerCard) {
 // or give what they find, within bounds, and the session goes on.
 TEST_F(ImageTransfer, DamagedVolumeUnderMemGivesErrorsNotCrashes) {
     make_card(30000);
-    ASSERT_EQ(run(ufs(card + " mkdir /d")), 0);
-    ASSERT_EQ(run(ufs(card + " put hello.txt /d/inner")), 0);
+    ASSERT_EQ(on_card("mkdir /d"), 0);
+    ASSERT_EQ(on_card("put hello.txt /d/inner"), 0);
     const std::string good = test::read_file(card);
     const Layout l = layout_of(good);
     const std::size_t metadata_at = l.map_start + l.map_size;
@@ -460,52 +465,6 @@ TEST_F(ImageTransfer, DamagedVolumeUnderMemGivesErrorsNotCrashes) {
         unmount_mem();
     }
     EXPECT_GT(mounted, 0) << "some damage reached the mounted volume";
-}
-
-// ---- the timer beside four host threads -----------------------------------
-
-TEST_F(ImageTransfer, HostThreadsBesideTheTimer) {
-    make_card();
-    test::SimProcess sim({"--table", "table.xml", "--image", card});
-    modbus_vukra_session* s = open_mounted(sim.port());
-    ASSERT_NE(s, nullptr);
-    std::atomic<bool> stop{false};
-    std::atomic<int> failures{0};
-    std::atomic<int> calls{0};
-    auto loop = [&](auto body) {
-        return std::thread([&, body] {
-            while (!stop.load()) {
-                if (!body()) ++failures;
-                ++calls;
-            }
-        });
-    };
-    std::thread threads[] = {
-        loop([&] {
-            std::uint16_t words[2];
-            return modbus_vukra_op_protected_readreg(s, "setpoint", words, sizeof words) == 4;
-        }),
-        loop([&] { return modbus_vukra_op_protected_null(s) == 0; }),
-        loop([&] {
-            char buffer[64];
-            if (modbus_vukra_op_protected_lookup(s, "/dev/sdcard0", nullptr) != 0) return false;
-            return modbus_vukra_op_protected_read(s, buffer, 7) >= 0;
-        }),
-        loop([&] {
-            Info i;
-            const bool ok = modbus_vukra_op_session_info(s, i.words) == 0 && modbus_vukra_op_cancelfs(s) == 0;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            return ok;
-        }),
-    };
-    std::this_thread::sleep_for(std::chrono::milliseconds(3000));
-    stop = true;
-    for (auto& t : threads) t.join();
-    EXPECT_GT(calls.load(), 100);
-    // Only one thread moves the current handle, and the timer's status
-    // request leaves it alone: any failure is a fault.
-    EXPECT_EQ(failures.load(), 0);
-    close(s);
 }
 
 } // namespace

@@ -33,9 +33,7 @@ TEST_F(KernelStart, BuildsTheTreeAndTheDeviceNodesOnce) {
     EXPECT_EQ(names_in("/bin"), (Names{"init"}));
     std::string init = test::get_file("/bin/init");
     ASSERT_EQ(init.size(), 8u);
-    EXPECT_EQ(static_cast<unsigned char>(init[0]), 0x1B);
-    EXPECT_EQ(static_cast<unsigned char>(init[1]), 100);
-    EXPECT_EQ(init.substr(2, 2), std::string("\x00\x04", 2)) << "stack size 1024, little-endian";
+    EXPECT_EQ(init.substr(0, 4), std::string("\x1B\x64\x00\x04", 4)) << "0x1B, 100, stack size 1024 little-endian";
 
     NodeStatus status{};
     ASSERT_EQ(kernel::stat("/dev/sdcard0", status), 0);

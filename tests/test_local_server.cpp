@@ -71,6 +71,10 @@ Reply ask(std::uint8_t code, const Request& request, std::uint32_t extra = 0) {
 // The low byte the host sees of a read or readdir status.
 std::int32_t low(std::int32_t status) { return status & 0xFF; }
 
+// A reply's four words (attributes, usage) or bytes (flags), for one comparison.
+template <typename T, std::size_t N> std::vector<std::uint32_t> all(const T (&v)[N]) { return {v, v + N}; }
+using Words = std::vector<std::uint32_t>;
+
 struct LocalServer : ::testing::Test {
     test::TempWorkingDir dir;
     std::uint32_t volume = 0;
@@ -113,24 +117,27 @@ struct LocalServer : ::testing::Test {
         if (reply.status != 0 || reply.data.data == nullptr) return "";
         return std::string(reinterpret_cast<const char*>(reply.data.data), reply.count);
     }
+    std::int32_t read_status(FileHandle h, std::int32_t position = 0) {
+        ReadReply reply;
+        read(h, position, 3, reply);
+        return reply.status;
+    }
 
-    // One page: its names (the nodes freed), cookie and flag.
-    std::vector<std::string> page(FileHandle h, std::int32_t& cookie, int& eof, std::int32_t& status) {
-        const auto reply = ask<ReaddirReply>(kOpReaddir, ReaddirRequest{volume, h, cookie, kReaddirCount});
+    // One page: its names (the nodes freed), cookie, flag and status.
+    struct Page {
         std::vector<std::string> names;
-        for (const DirEntryNode* n = reply.entries; n != nullptr; n = n->next) names.emplace_back(std::string(n->name));
+        std::int32_t cookie = 0, eof = 0, status = -1;
+    };
+    Page page(FileHandle h, std::int32_t cookie = 0) {
+        const auto reply = ask<ReaddirReply>(kOpReaddir, ReaddirRequest{volume, h, cookie, kReaddirCount});
+        Page p{{}, reply.cookie, reply.eof, reply.status};
+        // Packed nodes: the name is copied by value, never bound to a reference.
+        for (const DirEntryNode* n = reply.entries; n != nullptr; n = n->next) p.names.emplace_back(std::string(n->name));
         free_nodes(reply.entries);
-        cookie = reply.cookie;
-        eof = reply.eof;
-        status = reply.status;
-        return names;
+        return p;
     }
 
-    FsUsage fsstat(const char* path, std::int32_t& status) {
-        const auto reply = ask<FsstatReply>(kOpFsstat, PathRequest{volume, path});
-        status = reply.status;
-        return reply.usage;
-    }
+    FsstatReply fsstat(const char* path) { return ask<FsstatReply>(kOpFsstat, PathRequest{volume, path}); }
 };
 
 TEST_F(LocalServer, MountAcceptsFlags011AndAlwaysAnswersItsOwnFlags) {
@@ -140,15 +147,12 @@ TEST_F(LocalServer, MountAcceptsFlags011AndAlwaysAnswersItsOwnFlags) {
     MountReply refused = mount(1, 1, 1, 1);
     EXPECT_EQ(refused.status, kServerMountRefused);
     EXPECT_EQ(refused.volume, 0u);
-    EXPECT_EQ(refused.flags.bytes[0], 0);
-    EXPECT_EQ(refused.flags.bytes[1], 1);
-    EXPECT_EQ(refused.flags.bytes[2], 1);
-    EXPECT_EQ(refused.flags.bytes[3], 1);
+    EXPECT_EQ(all(refused.flags.bytes), (Words{0, 1, 1, 1}));
 
     MountReply accepted = mount(0, 1, 1, 9); // the fourth byte is not looked at
     EXPECT_EQ(accepted.status, 0);
     EXPECT_EQ(accepted.volume, 1u);
-    EXPECT_EQ(std::vector<int>(accepted.flags.bytes, accepted.flags.bytes + 4), (std::vector<int>{0, 1, 1, 1}));
+    EXPECT_EQ(all(accepted.flags.bytes), (Words{0, 1, 1, 1}));
 
     // Another volume number is not the mounted one.
     volume = 2;
@@ -173,8 +177,7 @@ TEST_F(LocalServer, EachMountClosesWhatThePreviousLeftOpen) {
     ReadReply r;
     EXPECT_EQ(read(file.handle, 0, 10, r), "abc");
     mount();
-    read(file.handle, 0, 10, r);
-    EXPECT_EQ(r.status, kServerNotOpen);
+    EXPECT_EQ(read_status(file.handle), kServerNotOpen);
 }
 
 TEST_F(LocalServer, AttributesTellFilesDirectoriesAndDevicesApart) {
@@ -197,12 +200,10 @@ TEST_F(LocalServer, AttributesTellFilesDirectoriesAndDevicesApart) {
     EXPECT_EQ(root.attributes.words[1], 8u);
 
     // getattr of the current handle, and of one no longer open.
-    GetattrReply got;
-    ASSERT_GE(serve(kOpGetattr, encoded(kOpGetattr, GetattrRequest{volume, root.handle}), got), 0);
+    const GetattrReply got = ask<GetattrReply>(kOpGetattr, GetattrRequest{volume, root.handle});
     EXPECT_EQ(got.status, 0);
     EXPECT_EQ(got.attributes.words[1], 8u);
-    ASSERT_GE(serve(kOpGetattr, encoded(kOpGetattr, GetattrRequest{volume, file.handle}), got), 0);
-    EXPECT_EQ(got.status, kServerNotOpen);
+    EXPECT_EQ(ask<GetattrReply>(kOpGetattr, GetattrRequest{volume, file.handle}).status, kServerNotOpen);
 
     // Served whole, the namespace shows its device nodes with their size.
     set_served_root("/");
@@ -220,9 +221,7 @@ TEST_F(LocalServer, TheMirrorServesOnlyPathsUnderMem) {
     EXPECT_EQ(lookup("/").status, kServerOutside);
     EXPECT_EQ(by_path(kOpRemove, "/bin/init"), kServerOutside);
     EXPECT_EQ(by_path(kOpRmdir, "/usr"), kServerOutside);
-    std::int32_t status = 0;
-    fsstat("/usr", status);
-    EXPECT_EQ(status, kServerOutside);
+    EXPECT_EQ(fsstat("/usr").status, kServerOutside);
     ASSERT_TRUE(test::put_file("/mem/a", "a"));
     EXPECT_EQ(rename("/mem/a", "/a"), kServerOutside);
     EXPECT_EQ(designate(kOpCreate, "/etc/x").status, kServerOutside);
@@ -279,9 +278,7 @@ TEST_F(LocalServer, WriteAndReadMoveAtMost1024BytesAndTellTheEnd) {
 
     // A count above what the data item holds, or above 1024, is no request.
     WriteRequest lying{volume, made.handle, 0, 100, WireBuffer{8, reinterpret_cast<const std::uint8_t*>("12345678")}};
-    WriteReply w;
-    ASSERT_GE(serve(kOpWrite, encoded(kOpWrite, lying, 8), w), 0);
-    EXPECT_EQ(w.status, kServerBadRequest);
+    EXPECT_EQ(ask<WriteReply>(kOpWrite, lying, 8).status, kServerBadRequest);
     EXPECT_EQ(write(made.handle, 0, std::string(1025, 'z')).status, kServerBadRequest);
     EXPECT_EQ(test::get_file("/mem/data"), content);
 
@@ -297,19 +294,13 @@ TEST_F(LocalServer, HandlesNotOpenAreRefused) {
     ASSERT_TRUE(test::put_file("/mem/f", "abc"));
     LookupReply file = lookup("/mem/f");
     FileHandle stale = file.handle;
-    ReadReply r;
-    read(FileHandle{0, stale.tag + 1}, 0, 3, r);
-    EXPECT_EQ(r.status, kServerNotOpen);
+    EXPECT_EQ(read_status(FileHandle{0, stale.tag + 1}), kServerNotOpen);
     EXPECT_EQ(write(FileHandle{0, -1}, 0, "x").status, kServerNotOpen);
-    int eof = 0;
-    std::int32_t cookie = 0, status = 0;
-    page(stale, cookie, eof, status); // a file is no directory
-    EXPECT_EQ(status, kServerNotOpen);
+    EXPECT_EQ(page(stale).status, kServerNotOpen); // a file is no directory
 
     // The next lookup closes the file: its handle is stale.
     ASSERT_EQ(lookup("/mem").status, 0);
-    read(stale, 0, 3, r);
-    EXPECT_EQ(r.status, kServerNotOpen);
+    EXPECT_EQ(read_status(stale), kServerNotOpen);
     // A failed lookup leaves nothing open.
     LookupReply missing = lookup("/mem/none");
     EXPECT_EQ(missing.status, kernel::kErrNoNode);
@@ -358,84 +349,66 @@ TEST_F(LocalServer, ReaddirPagesCoverEveryEntryOnce) {
     LookupReply d = lookup("/mem/many");
     ASSERT_EQ(d.status, 0);
     std::multiset<std::string> listed;
-    std::int32_t cookie = 0;
-    int eof = 0, pages = 0;
-    while (!eof && pages < 50) {
-        std::int32_t status = -1;
-        std::vector<std::string> names = page(d.handle, cookie, eof, status);
-        ASSERT_EQ(status, 0);
-        listed.insert(names.begin(), names.end());
-        ++pages;
+    int pages = 0;
+    for (Page p; !p.eof && pages < 50; ++pages) {
+        p = page(d.handle, p.cookie);
+        ASSERT_EQ(p.status, 0);
+        listed.insert(p.names.begin(), p.names.end());
     }
     EXPECT_EQ(listed, made);
     EXPECT_GT(pages, 2); // 100 such names do not fit one reply
 
     // An empty directory: no entry, and the end at once.
     ASSERT_EQ(designate(kOpMkdir, "/mem/empty").status, 0);
-    LookupReply e = lookup("/mem/empty");
-    cookie = 0;
-    std::int32_t status = -1;
-    EXPECT_TRUE(page(e.handle, cookie, eof, status).empty());
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(eof, 1);
-
+    const FileHandle e = lookup("/mem/empty").handle;
+    const Page empty = page(e);
+    EXPECT_TRUE(empty.names.empty());
+    EXPECT_EQ(empty.status, 0);
+    EXPECT_EQ(empty.eof, 1);
     // A cookie the kernel cannot read from fails with the kernel's silence
     // (the host sees the status's low byte).
-    cookie = -5;
-    page(e.handle, cookie, eof, status);
-    EXPECT_EQ(status, kServerKernelSilent);
+    EXPECT_EQ(page(e, -5).status, kServerKernelSilent);
 }
 
 TEST_F(LocalServer, ReadAndReaddirStatusTravelsAsItsLowByte) {
     mount();
     ASSERT_TRUE(test::put_file("/mem/f", "abc"));
-    ReadReply r;
-    read(lookup("/mem/f").handle, -1, 3, r); // no position before the start
-    EXPECT_NE(r.status, 0);
-    EXPECT_EQ(r.status, low(r.status));
-    EXPECT_EQ(r.status, low(kernel::kernel_error() != 0 ? kernel::kernel_error() : kServerKernelSilent));
+    const std::int32_t status = read_status(lookup("/mem/f").handle, -1); // no position before the start
+    EXPECT_NE(status, 0);
+    EXPECT_EQ(status, low(status));
+    EXPECT_EQ(status, low(kernel::kernel_error() != 0 ? kernel::kernel_error() : kServerKernelSilent));
 }
 
 TEST_F(LocalServer, FsstatTellsBlockSizeBlocksAndFreeCounts) {
     mount();
-    std::int32_t status = -1;
-    FsUsage before = fsstat("/mem", status);
-    ASSERT_EQ(status, 0);
-    kernel::FsStatus kernel_view{};
-    ASSERT_EQ(kernel::fsstat("/mem", kernel_view), 0);
-    EXPECT_EQ(before.words[0], 512u);
-    EXPECT_EQ(before.words[1], kernel_view.blocks);
-    EXPECT_EQ(before.words[2], kernel_view.free_blocks);
-    EXPECT_EQ(before.words[3], kernel_view.free_nodes);
+    const FsstatReply first = fsstat("/mem");
+    ASSERT_EQ(first.status, 0);
+    const FsUsage& before = first.usage;
+    kernel::FsStatus k{};
+    ASSERT_EQ(kernel::fsstat("/mem", k), 0);
+    EXPECT_EQ(all(before.words), (Words{512, k.blocks, k.free_blocks, k.free_nodes}));
     EXPECT_LE(before.words[2], before.words[1]);
 
     LookupReply f = designate(kOpCreate, "/mem/f");
     ASSERT_EQ(write(f.handle, 0, std::string(1024, 'q')).status, 0);
-    FsUsage after = fsstat("/mem/f", status);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(after.words[3], before.words[3] - 1);
-    EXPECT_LT(after.words[2], before.words[2]);
-    fsstat("/mem/none", status);
-    EXPECT_EQ(status, kernel::kErrNoNode);
+    const FsstatReply after = fsstat("/mem/f");
+    EXPECT_EQ(after.status, 0);
+    EXPECT_EQ(after.usage.words[3], before.words[3] - 1);
+    EXPECT_LT(after.usage.words[2], before.words[2]);
+    EXPECT_EQ(fsstat("/mem/none").status, kernel::kErrNoNode);
 }
 
 TEST_F(LocalServer, MkfsMakesAVolumeOnTheDesignatedDevice) {
     set_served_root("/");
     mount();
-    MkfsRequest request{volume, FileHandle{0, -1}, {{32, 0, 0}}};
-    StatusReply reply;
-    ASSERT_GE(serve(kOpMkfs, encoded(kOpMkfs, request), reply), 0);
-    EXPECT_EQ(reply.status, kServerNotOpen);
+    auto mkfs = [&](FileHandle h) { return ask<StatusReply>(kOpMkfs, MkfsRequest{volume, h, {{32, 0, 0}}}).status; };
+    EXPECT_EQ(mkfs(FileHandle{0, -1}), kServerNotOpen);
     ASSERT_TRUE(test::put_file("/mem/f", "abc"));
-    request.handle = lookup("/mem/f").handle;
-    ASSERT_GE(serve(kOpMkfs, encoded(kOpMkfs, request), reply), 0);
-    EXPECT_EQ(reply.status, kServerNotDevice);
+    EXPECT_EQ(mkfs(lookup("/mem/f").handle), kServerNotDevice);
 
     local_server_close();
     ASSERT_EQ(kernel::umount("/mem"), 0);
-    request.handle = lookup("/dev/sdcard0").handle;
-    ASSERT_GE(serve(kOpMkfs, encoded(kOpMkfs, request), reply), 0);
-    EXPECT_EQ(reply.status, 0);
+    ASSERT_EQ(mkfs(lookup("/dev/sdcard0").handle), 0);
     ASSERT_EQ(kernel::mount(kernel::kUfsx, "/dev/sdcard0", "/mem"), 0);
     EXPECT_TRUE(test::names_in("/mem").empty());
     kernel::FsStatus fresh{};
@@ -464,15 +437,9 @@ TEST_F(LocalServer, TheObserverHearsOfDeviceAccessAndChanges) {
 }
 
 TEST_F(LocalServer, RefusedCodesAndNull) {
-    Bytes none;
-    std::uint8_t out[kPayloadCapacity];
-    EXPECT_EQ(local_serve(3, out, none.data(), 0), -1);
-    EXPECT_EQ(local_serve(14, out, none.data(), 0), -1);
-    EXPECT_EQ(local_serve(16, out, none.data(), 0), -1);
-    EXPECT_EQ(local_serve(255, out, none.data(), 0), -1);
-    StatusReply reply;
-    EXPECT_GE(serve(kOpNull, encoded(kOpNull, NullRequest{12345}), reply), 0);
-    EXPECT_EQ(reply.status, 0);
+    std::uint8_t out[kPayloadCapacity], none[1] = {};
+    for (std::uint8_t code : {3, 14, 16, 255}) EXPECT_EQ(local_serve(code, out, none, 0), -1) << int(code);
+    EXPECT_EQ(ask<StatusReply>(kOpNull, NullRequest{12345}).status, 0);
 }
 
 TEST_F(LocalServer, RequestsThatDoNotDecodeGetAFailingStatus) {

@@ -187,15 +187,11 @@ TEST(RemoteFsReplies, EveryReplyDecodesIntoItsRecord) {
     EXPECT_EQ(m.result, 12);
     EXPECT_EQ(m.size, wire.size());
     EXPECT_EQ(mount.volume, 1u);
-    EXPECT_EQ(mount.flags.bytes[0], 9);
-    EXPECT_EQ(mount.flags.bytes[1], 8);
-    EXPECT_EQ(mount.flags.bytes[2], 7);
-    EXPECT_EQ(mount.flags.bytes[3], 6);
+    EXPECT_EQ(Bytes(mount.flags.bytes, mount.flags.bytes + 4), (Bytes{9, 8, 7, 6}));
 
     GetattrReply getattr{};
-    EXPECT_EQ(decode_all(&getattr, Wire{}.item(11).item(12).item(13).item(14).item(23).bytes, 20, kGetattrReplyFields)
-                  .result,
-              20);
+    const Bytes getattr_wire = Wire{}.item(11).item(12).item(13).item(14).item(23).bytes;
+    EXPECT_EQ(decode_all(&getattr, getattr_wire, 20, kGetattrReplyFields).result, 20);
     EXPECT_EQ(getattr.attributes.words[3], 14u);
     EXPECT_EQ(getattr.status, 23);
 
@@ -204,8 +200,8 @@ TEST(RemoteFsReplies, EveryReplyDecodesIntoItsRecord) {
     EXPECT_EQ(decode_all(&lookup, lookup_wire, 28, kLookupReplyFields).result, 28);
     EXPECT_EQ(lookup.handle.node, 9u);
     EXPECT_EQ(lookup.handle.tag, 3);
-    EXPECT_EQ(lookup.attributes.words[0], 1u);
-    EXPECT_EQ(lookup.attributes.words[3], 4u);
+    EXPECT_EQ(std::vector<std::uint32_t>(lookup.attributes.words, lookup.attributes.words + 4),
+              (std::vector<std::uint32_t>{1, 2, 3, 4}));
 
     WriteReply write{};
     EXPECT_EQ(decode_all(&write, Wire{}.item(1024).item(0xFFFFFFFFu).bytes, 8, kWriteReplyFields).result, 8);

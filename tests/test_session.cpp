@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+#include <vector>
 
 using namespace vukra;
 using test::PtyPair;
@@ -22,10 +23,14 @@ struct SessionTest : ::testing::Test {
     test::TempWorkingDir dir;
     PtyPair pty;
     SessionTest() { test::write_file("table.xml", "<root><type_list/><table_list/></root>"); }
+    modbus_vukra_session* open() { return modbus_vukra_op_session_open(pty.slave_path.c_str()); }
 };
 
+// A host's descriptor as the handle open2 takes.
+void* handle_of(int fd) { return reinterpret_cast<void*>(static_cast<std::intptr_t>(fd)); }
+
 TEST_F(SessionTest, OpenSetsTheDefaultsAndInfoGivesSevenWords) {
-    modbus_vukra_session* s = modbus_vukra_op_session_open(pty.slave_path.c_str());
+    modbus_vukra_session* s = open();
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(s->volume, 0xFFFFFFFFu);
     EXPECT_EQ(s->file_descriptor, -1);
@@ -38,20 +43,15 @@ TEST_F(SessionTest, OpenSetsTheDefaultsAndInfoGivesSevenWords) {
     ASSERT_EQ(modbus_vukra_op_session_info(s, info), 0);
     const std::uint8_t request_flags[4] = {0, 1, 1, 1};
     EXPECT_EQ(std::memcmp(&info[0], request_flags, 4), 0);
-    EXPECT_EQ(info[1], 0);
-    EXPECT_EQ(info[2], 0);
-    EXPECT_EQ(info[3], 0);
-    EXPECT_EQ(info[4], 0);
-    EXPECT_EQ(info[5], 4); // transfer phase: done
-    EXPECT_EQ(info[6], 0);
-    EXPECT_EQ(info[7], 0x55555555) << "wrote an eighth word";
+    // The transfer's phase (word 5) is 4, done; no eighth word is written.
+    EXPECT_EQ(std::vector<std::int32_t>(info + 1, info + 8), (std::vector<std::int32_t>{0, 0, 0, 0, 4, 0, 0x55555555}));
     EXPECT_EQ(modbus_vukra_op_session_info(s, nullptr), -1);
 
     EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
 }
 
 TEST_F(SessionTest, OnlyOneSessionAtATimeAndReopenAfterClose) {
-    modbus_vukra_session* first = modbus_vukra_op_session_open(pty.slave_path.c_str());
+    modbus_vukra_session* first = open();
     ASSERT_NE(first, nullptr);
     PtyPair other;
     EXPECT_EQ(modbus_vukra_op_session_open(other.slave_path.c_str()), nullptr);
@@ -69,7 +69,7 @@ TEST_F(SessionTest, ANullPortGivesAnUnconnectedRecordOnlyWhileASessionIsOpen) {
     EXPECT_EQ(modbus_vukra_op_session_open(nullptr), nullptr);
     EXPECT_EQ(modbus_vukra_op_session_open2(nullptr), nullptr);
 
-    modbus_vukra_session* s = modbus_vukra_op_session_open(pty.slave_path.c_str());
+    modbus_vukra_session* s = open();
     ASSERT_NE(s, nullptr);
     modbus_vukra_session* record = modbus_vukra_op_session_open(nullptr);
     ASSERT_NE(record, nullptr);
@@ -84,7 +84,7 @@ TEST_F(SessionTest, ANullPortGivesAnUnconnectedRecordOnlyWhileASessionIsOpen) {
 TEST_F(SessionTest, Open2AdoptsTheHostsHandle) {
     int fd = ::open(pty.slave_path.c_str(), O_RDWR | O_NOCTTY);
     ASSERT_GE(fd, 0);
-    modbus_vukra_session* s = modbus_vukra_op_session_open2(reinterpret_cast<void*>(static_cast<std::intptr_t>(fd)));
+    modbus_vukra_session* s = modbus_vukra_op_session_open2(handle_of(fd));
     ASSERT_NE(s, nullptr);
     ASSERT_NE(s->port, nullptr);
     EXPECT_EQ(s->port->native, fd);
@@ -98,7 +98,7 @@ TEST_F(SessionTest, AFailedOpen2LeavesTheHostsHandleOpen) {
     ASSERT_GE(fd, 0);
     ASSERT_EQ(std::remove("table.xml"), 0);
     testing::internal::CaptureStdout();
-    EXPECT_EQ(modbus_vukra_op_session_open2(reinterpret_cast<void*>(static_cast<std::intptr_t>(fd))), nullptr);
+    EXPECT_EQ(modbus_vukra_op_session_open2(handle_of(fd)), nullptr);
     testing::internal::GetCapturedStdout();
     EXPECT_NE(::fcntl(fd, F_GETFD), -1) << "the handle stays open after a failed open";
 
@@ -107,7 +107,7 @@ TEST_F(SessionTest, AFailedOpen2LeavesTheHostsHandleOpen) {
     int ends[2];
     ASSERT_EQ(::pipe(ends), 0);
     testing::internal::CaptureStdout();
-    modbus_vukra_session* s = modbus_vukra_op_session_open2(reinterpret_cast<void*>(static_cast<std::intptr_t>(ends[0])));
+    modbus_vukra_session* s = modbus_vukra_op_session_open2(handle_of(ends[0]));
     testing::internal::GetCapturedStdout();
     EXPECT_NE(::fcntl(ends[0], F_GETFD), -1);
     if (s != nullptr) modbus_vukra_op_session_close(s);
@@ -138,7 +138,7 @@ TEST(SessionAccessors, ANullSessionGives4095OrMinusOne) {
 void host_callback(modbus_vukra_session*) {}
 
 TEST_F(SessionTest, AccessorsStoreWhatTheHostGives) {
-    modbus_vukra_session* s = modbus_vukra_op_session_open(pty.slave_path.c_str());
+    modbus_vukra_session* s = open();
     ASSERT_NE(s, nullptr);
     int window = 0;
     EXPECT_EQ(modbus_vukra_op_session_hwnd(s, &window, 0x8123), 0);
@@ -154,7 +154,7 @@ TEST_F(SessionTest, AccessorsStoreWhatTheHostGives) {
 }
 
 TEST_F(SessionTest, CancelWorksWhileAnotherThreadHoldsTheOperationsLock) {
-    modbus_vukra_session* s = modbus_vukra_op_session_open(pty.slave_path.c_str());
+    modbus_vukra_session* s = open();
     ASSERT_NE(s, nullptr);
     platform::RecursiveLock& ops = s->operations_lock;
     struct Holder {

@@ -1,18 +1,10 @@
 // One mounted Session on vukra-sim shared for a few seconds by four host
-// threads and the Session's timer thread. Each host thread owns a register
-// and a file: it writes and reads back its register, writes, reads back,
-// lists and removes its file, asks for the usage of the volume and follows
-// session_info. The first thread also copies the card to the mirror and
-// back; the last one cancels some of those copies while they run.
-//
-// The current handle belongs to the Session, not to a thread, so a host
-// that runs sequences of file calls (create, write, lookup, read) from
-// several threads keeps them apart itself: here a host-side mutex holds
-// each sequence, and the copies, which move the handle too. Single calls
-// (register transfers, fsstat, session_info, cancelfs) run freely.
-//
-// Run under ThreadSanitizer and AddressSanitizer as well: a race or a
-// leak in the library shows there.
+// threads and its timer. Each thread writes and reads back its own register
+// and file, lists, asks fsstat and follows session_info; the first also
+// copies the card to the mirror and back, the last cancels some copies.
+// The current handle is the Session's, not a thread's: a host-side mutex
+// holds each sequence of file calls and each copy; single calls run freely.
+// Run under the thread and address sanitizers too.
 #include "support/session_fixture.h"
 #include "support/sim_process.h"
 
@@ -24,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -223,22 +216,15 @@ struct Stress : test::SessionFixture {
         test::write_file("hello.txt", "hello\n");
         ASSERT_EQ(std::system((ufs + " mkfs >/dev/null && " + ufs + " put hello.txt /hello >/dev/null").c_str()), 0);
     }
-    // The threads against vukra-sim serving the card, until it has ended.
-    void run_on_device();
 };
 
 TEST_F(Stress, FourHostThreadsAndTheTimerShareOneSession) {
     make_card();
     if (HasFatalFailure()) return;
-    run_on_device();
-    // The device's card is a sound volume after all the copies back.
-    EXPECT_EQ(std::system((std::string(VUKRA_UFS_PATH) + " " + card + " check >/dev/null 2>&1").c_str()), 0);
-}
-
-void Stress::run_on_device() {
-    test::SimProcess sim({"--table", "table.xml", "--image", card}, true);
+    std::optional<test::SimProcess> sim{std::in_place, std::vector<std::string>{"--table", "table.xml", "--image", card},
+                                        true};
     Shared x;
-    x.s = open_mounted(sim.port());
+    x.s = open_mounted(sim->port());
     ASSERT_NE(x.s, nullptr);
     ASSERT_EQ(modbus_vukra_op_session_callback(x.s, on_status), 0);
 
@@ -261,7 +247,6 @@ void Stress::run_on_device() {
     testing::internal::GetCapturedStdout();
 
     for (const std::string& f : x.faults) ADD_FAILURE() << f;
-    EXPECT_TRUE(x.faults.empty());
     EXPECT_GT(x.calls.load(), 200);
     EXPECT_GT(x.gets_done.load(), 0) << "a get not cancelled";
     EXPECT_EQ(x.puts_done.load(), x.gets_done.load()) << "every get that worked was put back";
@@ -271,6 +256,9 @@ void Stress::run_on_device() {
                 x.gets_cancelled.load(), notifications.load());
 
     close(x.s);
+    sim.reset();
+    // The device's card is a sound volume after all the copies back.
+    EXPECT_EQ(std::system((std::string(VUKRA_UFS_PATH) + " " + card + " check >/dev/null 2>&1").c_str()), 0);
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <unistd.h>
 
 using namespace vukra;
@@ -138,14 +139,19 @@ TEST_F(XmlTest, OverlongValuesAreCutAndAnEndOfFileEndsTheDocument) {
     EXPECT_EQ(xml_load("missing.xml"), nullptr);
 }
 
+// Documents the reader refuses, and its message.
+const std::pair<const char*, const char*> kSyntaxErrors[] = {
+    {"<a></b>", "Xml error, different names a b\n"},
+    {"<a><></a>", "Xml error, void name\n"},
+    {"<r><a >x</a> <b/></r>", "Xml error in attribute\n"},
+    {"<a k=1/>", "Xml error in attribute\n"},
+    {"<a k=\"open/>", "Xml error in attribute\n"},
+    {"<a k=\"&ampersandwithoutend\"/>", "Xml error : bad esc char\n"},
+};
+
 TEST_F(XmlTest, SyntaxErrorsEndTheProcessWithTheirMessage) {
-    EXPECT_EXIT(load_dying("<a></b>"), ::testing::ExitedWithCode(0), "Xml error, different names a b");
-    EXPECT_EXIT(load_dying("<a><></a>"), ::testing::ExitedWithCode(0), "Xml error, void name");
-    EXPECT_EXIT(load_dying("<r><a >x</a> <b/></r>"), ::testing::ExitedWithCode(0), "Xml error in attribute");
-    EXPECT_EXIT(load_dying("<a k=1/>"), ::testing::ExitedWithCode(0), "Xml error in attribute");
-    EXPECT_EXIT(load_dying("<a k=\"open/>"), ::testing::ExitedWithCode(0), "Xml error in attribute");
-    EXPECT_EXIT(load_dying("<a k=\"&ampersandwithoutend\"/>"), ::testing::ExitedWithCode(0),
-                "Xml error : bad esc char");
+    for (const auto& [text, message] : kSyntaxErrors)
+        EXPECT_EXIT(load_dying(text), ::testing::ExitedWithCode(0), message) << text;
 }
 
 // Every fatal end goes through the one handler: one that leaves by a jump
@@ -159,11 +165,7 @@ TEST_F(XmlTest, AnInstalledHandlerReceivesEveryFatalEnd) {
     static XmlFatalHandler previous = set_xml_fatal_handler([](const char* message, int status) {
         throw Ended{message, status};
     });
-    for (const auto& [text, message] : std::vector<std::pair<const char*, const char*>>{
-             {"<a></b>", "Xml error, different names a b\n"},
-             {"<a><></a>", "Xml error, void name\n"},
-             {"<a k=1/>", "Xml error in attribute\n"},
-             {"<a k=\"&ampersandwithoutend\"/>", "Xml error : bad esc char\n"}}) {
+    for (const auto& [text, message] : kSyntaxErrors) {
         test::write_file("bad.xml", text);
         try {
             xml_load("bad.xml");
