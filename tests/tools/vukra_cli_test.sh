@@ -51,7 +51,8 @@ big=$PTY_PATH
 fails "vukra without a command" "" "$vukra"
 fails "vukra with an unknown option" "" "$vukra" --bogus reg list
 fails "vukra reg without a verb" "" "$vukra" reg
-fails "vukra reg with an unknown verb" "" "$vukra" reg frob
+fails "vukra reg with an unknown verb" '"frob" is not a command' "$vukra" reg frob
+fails "vukra with an unknown command" '"frob" is not a command' "$vukra" -p "$port" frob
 fails "reg read without names" "" "$vukra" -p "$port" reg read
 fails "reg write without a value" "" "$vukra" -p "$port" reg write offset_trim
 fails "reg read without a port" "" "$vukra" reg read setpoint
