@@ -22,7 +22,7 @@ inline void parse_command_line(CLI::App& app, int argc, char** argv) {
         // unchosen: name the word rather than the missing command.
         if (why.find("subcommand is required") != std::string::npos) {
             const std::vector<std::string> left = app.remaining(true);
-            if (!left.empty()) why = "\"" + left.front() + "\" is not a command nor an option";
+            why = left.empty() ? "a command is needed" : "\"" + left.front() + "\" is not a command nor an option";
         }
         for (char& c : why)
             if (c == '\n') c = ' ';
