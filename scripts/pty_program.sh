@@ -9,6 +9,9 @@ PTY_PIDS=()
 start_pty_program() {
   local out=$1
   shift
+  # Emptied first: the background program truncates OUT only once it runs,
+  # and a path left there by an earlier program must not be taken for its.
+  : >"$out"
   "$@" >"$out" &
   PTY_PID=$!
   PTY_PIDS+=("$PTY_PID")

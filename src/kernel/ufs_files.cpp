@@ -246,6 +246,29 @@ bool write_node(Volume& v, std::uint32_t n, const NodeRecord& node) {
     return n < v.nodes && device_write(v, v.node_table_start + static_cast<std::uint64_t>(n) * kNodeRecordSize, r, sizeof r);
 }
 
+namespace {
+
+// Whether the way to a file's block index holds a block number past the
+// volume's usable blocks (a damaged record, or a card cut short), rather
+// than the mark of a block never written: such a block is an error to
+// read, not a hole.
+bool maps_outside(Volume& v, const NodeRecord& node, std::uint32_t index) {
+    const auto outside = [&v](std::uint16_t b) { return b != kNoBlock && b >= v.blocks; };
+    const std::uint32_t per = v.block_size / 2;
+    if (index == 0) return outside(node.direct);
+    index -= 1;
+    if (index < per)
+        return outside(node.single) || (node.single < v.blocks && outside(get_entry(v, node.single, index)));
+    index -= per;
+    if (index >= per * per) return false;
+    if (outside(node.twice)) return true;
+    if (node.twice >= v.blocks) return false;
+    const std::uint16_t inner = get_entry(v, node.twice, index / per);
+    return outside(inner) || (inner < v.blocks && outside(get_entry(v, inner, index % per)));
+}
+
+} // namespace
+
 long read_bytes(Volume& v, NodeRecord& node, std::uint32_t position, void* buffer, std::size_t count) {
     if (position >= node.size) return 0;
     std::uint64_t end = std::min<std::uint64_t>({static_cast<std::uint64_t>(position) + count, node.size, v.file_limit});
@@ -261,7 +284,7 @@ long read_bytes(Volume& v, NodeRecord& node, std::uint32_t position, void* buffe
         std::uint16_t block = map_block(v, node, index, false, changed);
         std::uint8_t* target = out + (at - position);
         if (block == kNoBlock) {
-            if (!run.flush()) return -1;
+            if (!run.flush() || maps_outside(v, node, index)) return -1;
             std::memset(target, 0, take); // a hole reads as zeros
         } else if (!run.add(block_offset(v, block) + within, target, take)) {
             return -1;

@@ -60,7 +60,9 @@ rc=$?
   grep -q 'command 2 of 3 (fs cat) failed: the commands after it did not run' fail.err && ok ||
   ko "a failing command in a chain (status $rc): $(cat fail.err)"
 v fs ls /mem | grep -q after.txt && ko "a command after the failing one ran" || ok
-fails "putfs without a getfs before it" "needs the local copy a getfs makes" v fs putfs
+fails "putfs without a getfs before it" "needs the local copy a getfs makes" v fs ls /mem + fs putfs + fs getfs
+"$vukra" fs ls /mem 2>/dev/null
+[ $? = 2 ] && ok || ko "a command without its port is a usage error (status 2)"
 fails "the first command without a port" "fs ls needs the device's port" "$vukra" reg list + fs ls /mem
 
 # "+" misused: a usage error before anything runs.

@@ -48,10 +48,11 @@ start_pty_program big.out "$sim" --table big.xml 2>/dev/null || exit 1
 big=$PTY_PATH
 
 # Bad arguments: a one-line reason and a failure status, for every command.
-fails "vukra without a command" "" "$vukra"
+fails "vukra without a command" "a command is needed" "$vukra"
 fails "vukra with an unknown option" "" "$vukra" --bogus reg list
-fails "vukra reg without a verb" "" "$vukra" reg
-fails "vukra reg with an unknown verb" "" "$vukra" reg frob
+fails "vukra reg with an unknown verb" 'frob' "$vukra" reg frob
+fails "vukra reg without a verb names them" 'reg needs a command: read, write or list' "$vukra" reg
+fails "vukra with an unknown command" '"frob" is not a command' "$vukra" -p "$port" frob
 fails "reg read without names" "" "$vukra" -p "$port" reg read
 fails "reg write without a value" "" "$vukra" -p "$port" reg write offset_trim
 fails "reg read without a port" "" "$vukra" reg read setpoint

@@ -108,6 +108,8 @@ fails "put of a directory" "is not a regular file" fs put . /mem/big.bin
 fails "put into a missing directory" "/mem/none/x.*status" fs put hello.txt /mem/none/x
 fails "get into a directory" "is a directory" fs get /mem/big.bin .
 fails "mv of a missing file" "/mem/missing" fs mv /mem/missing /mem/other
+fs cat /mem/big.bin >/dev/full 2>full.err
+[ $? = 1 ] && grep -q 'standard output failed: No space left' full.err && ok || ko "cat to a full disk: $(cat full.err)"
 fs cat /mem/big.bin | cmp -s - other.bin && ok || ko "the failures left /mem/big.bin as it was"
 
 # Bad arguments: a one-line reason and a failure status.

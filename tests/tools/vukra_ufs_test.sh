@@ -99,6 +99,16 @@ check "ls gives the names alone" bash -c "[ \"\$('$ufs' sized.o ls / 2>/dev/null
 check "df starts with its own line" bash -c "'$ufs' sized.o df | head -1 | grep -q '^block size'"
 check "-v shows the kernel's message on stderr" bash -c "'$ufs' -v sized.o ls / 2>&1 >/dev/null | grep -q 'sdcard0 creation size'"
 
+# A card cut short keeps the files that still lie on it; one whose blocks
+# were cut off is refused whole, never read as zeros.
+truncate -s 1M cut.o
+"$ufs" cut.o mkfs >/dev/null && "$ufs" cut.o put small.txt /s >/dev/null && "$ufs" cut.o put big.bin /p >/dev/null
+truncate -s 100000 cut.o
+check "a file on what is left of a cut card" bash -c "[ \"\$('$ufs' cut.o cat /s)\" = hello ]"
+refuse "cat of a file cut off" "$ufs" cut.o cat /p
+refuse "get of a file cut off" "$ufs" cut.o get /p cut.out
+check "the failed get wrote nothing" test ! -e cut.out
+
 # One program at a time: a second one is told the image is in use.
 # The first holds its lock while blocked writing into a full pipe.
 second=$( { "$ufs" card.o cat /big; } | { head -c 1 >/dev/null; "$ufs" card.o mkdir /meanwhile 2>&1; echo "status $?"; cat >/dev/null; } )

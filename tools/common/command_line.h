@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 namespace vukra::tools {
 
@@ -17,6 +18,12 @@ inline void parse_command_line(CLI::App& app, int argc, char** argv) {
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == 0) std::exit(app.exit(e));
         std::string why = e.what();
+        // A word that is neither a command nor an option leaves the command
+        // unchosen: name the word rather than the missing command.
+        if (why.find("subcommand is required") != std::string::npos) {
+            const std::vector<std::string> left = app.remaining(true);
+            why = left.empty() ? "a command is needed" : "\"" + left.front() + "\" is not a command nor an option";
+        }
         for (char& c : why)
             if (c == '\n') c = ' ';
         const std::string& tool = app.get_name();

@@ -32,9 +32,16 @@ std::vector<std::vector<char*>> split_chain(int argc, char** argv) {
 }
 
 int run_chain(Options& options, const std::vector<Command>& commands) {
-    // A command without its port is told before anything runs.
-    for (const Command& c : commands)
-        if (c.needs_device && options.port.empty()) return fail(c.name + " needs the device's port: -p PORT");
+    // A command without its port, or a putfs with no getfs before it, is a
+    // usage error told before anything runs.
+    bool got = false;
+    for (const Command& c : commands) {
+        if (c.needs_device && options.port.empty()) usage_error(c.name + " needs the device's port: -p PORT");
+        got = got || c.name == "fs getfs";
+        if (c.name == "fs putfs" && !got)
+            usage_error("putfs needs the local copy a getfs makes in the same run: vukra -p PORT fs getfs + ... + "
+                        "fs putfs");
+    }
     const std::size_t count = commands.size();
     int status = 0;
     for (std::size_t i = 0; i < count && status == 0; ++i) {

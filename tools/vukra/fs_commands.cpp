@@ -85,7 +85,7 @@ int report(const Remote& r, Moved how, const std::string& what, const std::strin
     case Moved::kAll: return 0;
     case Moved::kDevice: return device_fail(r, what, path);
     case Moved::kStalled: return fail("cannot " + what + " " + path + ": the device took no byte");
-    case Moved::kLocal: return fail("cannot " + what + " " + path + ": " + local + " failed");
+    case Moved::kLocal: return fail("cannot " + what + " " + path + ": " + local + " failed: " + std::strerror(errno));
     }
     return 1;
 }
@@ -95,7 +95,7 @@ int cat(Options& o, const std::string& user_path) {
         modbus_vukra_attributes a;
         int status = 0;
         if (!readable(r, path, a, status)) return status;
-        return report(r, read_to(r, o, path, a.words[kAttrSize], out), "read", path, "standard output");
+        return report(r, read_to(r, o, path, a.words[kAttrSize], out), "read", path, "writing standard output");
     });
 }
 
@@ -131,8 +131,8 @@ int get_file(const Remote& r, const Options& o, const std::string& path, const s
         if (file == nullptr && errno != EEXIST) break;
     }
     if (file == nullptr) return fail("cannot write in " + dir.string() + ": " + std::strerror(errno));
-    status = report(r, read_to(r, o, path, a.words[kAttrSize], file), "read", path, "writing " + temporary.string());
-    if (std::fclose(file) != 0 && status == 0) status = fail("cannot write " + temporary.string());
+    status = report(r, read_to(r, o, path, a.words[kAttrSize], file), "read", path, "writing " + local);
+    if (std::fclose(file) != 0 && status == 0) status = fail("cannot write " + local + ": " + std::strerror(errno));
     std::error_code e;
     if (status == 0) {
         if (fs::exists(target, e)) fs::permissions(temporary, fs::status(target, e).permissions(), e);

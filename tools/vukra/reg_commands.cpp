@@ -132,7 +132,10 @@ int list(const Options& o, const std::string& table_name) {
 
 void add_reg_commands(CLI::App& app, Options& options) {
     CLI::App* reg = app.add_subcommand("reg", "device registers by their names in the register table");
-    reg->require_subcommand(1);
+    reg->require_subcommand(0, 1);
+    reg->callback([reg] {
+        if (reg->get_subcommands().empty()) throw CLI::ValidationError("reg needs a command: read, write or list");
+    });
 
     struct Words {
         std::vector<std::string> names, value;

@@ -4,6 +4,7 @@
 #include "progress.h"
 #include "session/session.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <unordered_set>
 #include <vector>
@@ -186,7 +187,9 @@ Moved read_to(const Remote& r, const Options& o, const std::string& label, std::
         done += static_cast<std::uint64_t>(got);
         progress_update(progress, done);
     }
+    const int why = errno; // the local failure's reason, for the message
     progress_end(progress, done);
+    errno = why;
     return result;
 }
 
@@ -211,7 +214,9 @@ Moved write_from(const Remote& r, const Options& o, const std::string& label, st
             progress_update(progress, done);
         }
     }
+    const int why = errno;
     progress_end(progress, done);
+    errno = why;
     if (result == Moved::kAll && std::ferror(in)) result = Moved::kLocal;
     return result;
 }

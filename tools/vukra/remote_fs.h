@@ -95,7 +95,7 @@ enum class Moved {
 
 // Moves the current file's bytes from its start to out until the device
 // reports the end; total is the size the lookup told (for the progress
-// line).
+// line). After kLocal, errno tells why (for this and write_from).
 Moved read_to(const Remote& r, const Options& o, const std::string& label, std::uint64_t total, std::FILE* out);
 
 // Writes in's bytes (size bytes) to the current file from its start.
