@@ -7,16 +7,7 @@
 # prints the timer's notifications until Ctrl-C.
 #   vukra_chain_test.sh BUILD_TOOLS_DIR EXAMPLES_DIR SCRIPTS_DIR
 set -u
-tools=$(realpath "$1")
-examples=$(realpath "$2")
-. "$(realpath "$3")/pty_program.sh"
-vukra=$tools/vukra sim=$tools/vukra-sim ufs=$tools/vukra-ufs
-. "$(dirname "$(realpath "$0")")/../support/checks.sh"
-cd "$work"
-stop_sim() {
-  kill "$PTY_PID" 2>/dev/null
-  wait "$PTY_PID" 2>/dev/null
-}
+. "$(dirname "$(realpath "$0")")/../support/tool_checks.sh" "$@"
 # Waits until vukra (pid $1) catches SIGINT, that is until its transfer or
 # watch is under way, then sends it one.
 interrupt_when_caught() {

@@ -4,12 +4,7 @@
 # table allows, and what the generator refuses to write.
 #   vukra_cli_test.sh BUILD_TOOLS_DIR EXAMPLES_DIR SCRIPTS_DIR
 set -u
-tools=$(realpath "$1")
-examples=$(realpath "$2")
-. "$(realpath "$3")/pty_program.sh"
-vukra=$tools/vukra sim=$tools/vukra-sim gen=$tools/vukra-gen
-. "$(dirname "$(realpath "$0")")/../support/checks.sh"
-cd "$work"
+. "$(dirname "$(realpath "$0")")/../support/tool_checks.sh" "$@"
 
 # says WHAT PATTERN COMMAND...: non-zero status and PATTERN on stderr.
 says() {

@@ -6,17 +6,7 @@
 # must hold what was put and pass vukra-ufs check.
 #   vukra_fs_test.sh BUILD_TOOLS_DIR EXAMPLES_DIR SCRIPTS_DIR
 set -u
-tools=$(realpath "$1")
-examples=$(realpath "$2")
-. "$(realpath "$3")/pty_program.sh"
-vukra=$tools/vukra sim=$tools/vukra-sim ufs=$tools/vukra-ufs
-. "$(dirname "$(realpath "$0")")/../support/checks.sh"
-cd "$work"
-# Stops the sim started last and waits until it has written its card back.
-stop_sim() {
-  kill "$PTY_PID" 2>/dev/null
-  wait "$PTY_PID" 2>/dev/null
-}
+. "$(dirname "$(realpath "$0")")/../support/tool_checks.sh" "$@"
 
 cp "$examples/table.xml" table.xml
 printf 'hello\n' >hello.txt
@@ -142,5 +132,12 @@ fails "get from a vanishing device" "/mem/big.bin.*513" fs get /mem/big.bin kept
 stop_sim
 check "a failed get left the local file as it was" cmp other.bin kept.bin
 ls -A | grep -q vukra-get && ko "a failed get left its temporary file" || ok
+
+# A device whose listing never ends: ls and tree give up with one line.
+start_pty_program endless.out "$sim" --table table.xml --image spare.o --endless-listing 2>/dev/null || exit 1
+fails "ls of a listing that never ends" "listing does not end" fs ls /mem/many
+fs tree /mem >/dev/null 2>tree.err && ko "tree of a listing that never ends succeeded" || ok
+grep -q "cannot list /mem: the device's listing does not end" tree.err && ok || ko "tree names the endless listing"
+stop_sim
 
 finish
