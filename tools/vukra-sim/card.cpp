@@ -8,7 +8,9 @@
 #include "platform/platform.h"
 #include "remotefs/local_server.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 
@@ -91,6 +93,11 @@ bool usable_image(const fs::path& image) {
     if (fs::is_directory(status)) return say(image.string() + " is a directory, not an image");
     if (!fs::is_regular_file(status)) return say(image.string() + " is not a regular file");
     if (fs::file_size(image, e) > 0x7FFFFFFF) return say(image.string() + " is too large for a card");
+    // The device writes its card: an image it cannot write is refused now,
+    // not reported later as a card that holds no volume.
+    std::FILE* f = std::fopen(image.c_str(), "r+b");
+    if (f == nullptr) return say("cannot write " + image.string() + ": " + std::strerror(errno));
+    std::fclose(f);
     return true;
 }
 
