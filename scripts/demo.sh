@@ -66,7 +66,7 @@ step "What the command line refuses before anything is sent"
 
 step "The card on a device: copied whole, changed under /mem, written back"
 # A second emulated device, serving the card prepared above as its SD card.
-start_pty_program card-sim.out "$build/tools/vukra-sim" --table table.xml --image card.o 2>card-sim.err
+start_pty_program card-sim.out "$build/tools/vukra-sim" --table table.xml --image card.o --baud 115200 2>card-sim.err
 card_port=$PTY_PATH card_sim=$PTY_PID
 echo "-- vukra fs ls /mem"
 "$vukra" -q -p "$card_port" fs ls /mem

@@ -103,7 +103,7 @@ int transfer(Options& o, bool get) {
     if (get) o.mirrored = true;
     if (!o.quiet) {
         std::fflush(stdout);
-        std::fprintf(stderr, "%s: done in %.1f s, %d bytes/s on the line%s\n", label, seconds, f.bytes_per_second,
+        std::fprintf(stderr, "%s: done in %.2f s (last exchange at %d bytes/s)%s\n", label, seconds, f.bytes_per_second,
                      get ? "; /mem is now the local copy" : "");
     }
     return 0;
