@@ -58,6 +58,14 @@ fails "vukra-sim --baud abc" "" "$sim" --table table.xml --baud abc
 fails "vukra-sim --baud -5" "" "$sim" --table table.xml --baud -5
 fails "vukra-sim --corrupt abc" "" "$sim" --table table.xml --corrupt abc
 fails "vukra-sim --corrupt 2" "" "$sim" --table table.xml --corrupt 2
+fails "vukra-sim --cut abc" '"abc" is not a decimal number' "$sim" --table table.xml --cut abc
+fails "vukra-sim --wrong nonsense" "is none of register" "$sim" --table table.xml --wrong nonsense
+fails "vukra-sim --wrong ''" "an empty value" "$sim" --table table.xml --wrong ''
+fails "vukra-sim --late too long" "is not from 1 to 600000" "$sim" --table table.xml --late 99999999999999
+fails "vukra-sim --drop-for alone" "needs --drop-after" "$sim" --table table.xml --drop-for 2
+fails "vukra-sim --silent with a fault" "takes no other fault option" "$sim" --table table.xml --silent --twice
+fails "vukra-sim --fault-for without a fault" "chooses the requests of a fault" "$sim" --table table.xml --fault-for 2
+fails "vukra-sim --count-only with nothing to count" "needs --drop-after or a fault" "$sim" --table table.xml --count-only 5
 fails "vukra-sim without a table" "" "$sim"
 fails "vukra-gen without a table" "" "$gen"
 fails "vukra-gen --html-live without --host" "" "$gen" table.xml --html-live x.html

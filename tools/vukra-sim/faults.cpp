@@ -17,9 +17,10 @@ namespace {
 // A whole decimal number from low to high: nothing else.
 std::string count_in(const std::string& name, const std::string& text, unsigned long long low,
                      unsigned long long high, std::uint32_t& out) {
-    if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos)
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
         return name + ": \"" + text + "\" is not a decimal number";
-    const unsigned long long v = std::stoull(text);
+    const std::size_t digits = text.find_first_not_of('0') == std::string::npos ? 1 : text.size() - text.find_first_not_of('0');
+    const unsigned long long v = digits > 10 ? high + 1 : std::stoull(text);
     if (v < low || v > high)
         return name + ": " + text + " is not from " + std::to_string(low) + " to " + std::to_string(high);
     out = static_cast<std::uint32_t>(v);
@@ -89,31 +90,34 @@ void never_the_end(const std::uint8_t* request, std::size_t request_length, std:
 
 } // namespace
 
+std::string not_empty(const std::string& value) { return value.empty() ? "an empty value" : ""; }
+
 void add_fault_options(CLI::App& app, FaultOptions& o, FaultTexts& t) {
     app.add_flag("--silent", o.silent, "never answer");
     app.add_option("--drop-after", t.drop_after,
                    "answer the first N requests, then none (a device that vanishes); status requests\n"
-                   "(file operation 0) are not counted, and go unanswered while the device is silent");
+                   "(file operation 0) are not counted, and go unanswered while the device is silent")->check(not_empty);
     app.add_option("--drop-for", t.drop_for,
                    "with --drop-after: stay silent for M requests only, then answer again (a device\n"
-                   "that comes back)");
+                   "that comes back)")->check(not_empty);
     app.add_option("--fault-after", t.fault_after,
                    "the faults below hit the requests after the first N (default 0), counted as\n"
-                   "--drop-after counts them");
-    app.add_option("--fault-for", t.fault_for, "the faults below hit M requests only (default: all that follow)");
+                   "--drop-after counts them")->check(not_empty);
+    app.add_option("--fault-for", t.fault_for, "the faults below hit M requests only (default: all that follow)")->check(not_empty);
     app.add_option("--count-only", t.count_only,
                    "count only file requests of the operation CODE (0 to 15, e.g. 5 read, 6 write); only\n"
-                   "they go unanswered or take the faults, the others are answered normally");
+                   "they go unanswered or take the faults, the others are answered normally")->check(not_empty);
     app.add_option("--cut", t.cut,
                    "send only the first N bytes of each faulty reply's packet (a reply cut short); \"each\":\n"
-                   "the first faulty reply after 0 bytes, the next after 1, and so on");
+                   "the first faulty reply after 0 bytes, the next after 1, and so on")->check(not_empty);
     app.add_flag("--twice", o.twice, "send each faulty reply twice");
-    app.add_option("--late", t.late, "send each faulty reply MS milliseconds late (after the host's time-out)");
+    app.add_option("--late", t.late, "send each faulty reply MS milliseconds late (later than the\n"
+                   "host's time-out: a late reply)")->check(not_empty);
     app.add_option("--wrong", t.wrong,
                    "answer each faulty request with a wrong reply: \"register\" (a sound Modbus read reply,\n"
                    "whatever was asked), \"file\" (a file reply of another operation), \"function\" (the\n"
                    "right reply under another function or operation code), \"address\" (the right\n"
-                   "Modbus reply from address 2; a file reply with marker 2)");
+                   "Modbus reply from address 2; a file reply with marker 2)")->check(not_empty);
     app.add_flag("--endless-listing", o.endless_listing,
                  "answer each faulty readdir with its first page, never the end, the cookie unmoved");
 }
@@ -153,6 +157,14 @@ std::string read_fault_options(const FaultTexts& t, FaultOptions& o) {
         o.wrong = WrongReply::kAddress;
     else if (!t.wrong.empty())
         return "--wrong: \"" + t.wrong + "\" is none of register, file, function, address";
+    // Options that would never act are refused rather than ignored.
+    const bool fault = o.cut >= 0 || o.cut_each || o.twice || o.late_ms > 0 || o.wrong != WrongReply::kNone || o.endless_listing;
+    if (o.silent && (o.dropping || fault || !t.fault_after.empty() || !t.fault_for.empty() || !t.count_only.empty()))
+        return "--silent answers nothing: it takes no other fault option";
+    if (!fault && (!t.fault_after.empty() || !t.fault_for.empty()))
+        return std::string(t.fault_after.empty() ? "--fault-for" : "--fault-after") +
+               " chooses the requests of a fault: give --cut, --twice, --late, --wrong or --endless-listing";
+    if (!fault && !o.dropping && !t.count_only.empty()) return "--count-only needs --drop-after or a fault to count for";
     return "";
 }
 

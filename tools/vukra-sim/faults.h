@@ -53,6 +53,8 @@ struct FaultTexts {
 };
 
 void add_fault_options(CLI::App& app, FaultOptions& options, FaultTexts& texts);
+// Refuses an option's empty value ("--cut ''"), which would else read as the option left out.
+std::string not_empty(const std::string& value);
 // Checks and converts the texts: "" or what is wrong.
 std::string read_fault_options(const FaultTexts& texts, FaultOptions& options);
 

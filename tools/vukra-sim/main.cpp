@@ -17,6 +17,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -42,9 +43,10 @@ struct Options {
 
 // A whole decimal number from 1 (or 0) to high: nothing else.
 std::string decimal_in(const std::string& text, unsigned long long low, unsigned long long high, unsigned& out) {
-    if (text.empty() || text.size() > 12 || text.find_first_not_of("0123456789") != std::string::npos)
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
         return "\"" + text + "\" is not a decimal number";
-    unsigned long long v = std::stoull(text);
+    const std::size_t first = text.find_first_not_of('0');
+    const unsigned long long v = first != std::string::npos && text.size() - first > 12 ? high + 1 : std::stoull(text);
     if (v < low || v > high) return text + " is not from " + std::to_string(low) + " to " + std::to_string(high);
     out = static_cast<unsigned>(v);
     return "";
@@ -81,15 +83,15 @@ Options parse(int argc, char** argv) {
                  "vukra-sim"};
     app.add_option("--table", o.table, "the register table; initial values from \"value\" attributes")->required();
     app.add_option("--port", o.port, "use this serial device instead of a pseudo-terminal");
-    app.add_option("--baud", baud, "send replies at the pace of N baud, 8N1 (default: unpaced)");
-    app.add_option("--corrupt", corrupt, "change one random byte of a reply with probability P (0 to 1)");
+    app.add_option("--baud", baud, "send replies at the pace of N baud, 8N1 (default: unpaced)")->check(sim::not_empty);
+    app.add_option("--corrupt", corrupt, "change one random byte of a reply with probability P (0 to 1)")->check(sim::not_empty);
     sim::add_fault_options(app, o.faults, fault_texts);
     app.add_option("--image", o.card.image,
                    "the SD card: a ufs image (vukra-ufs makes them), locked while the sim runs and written\n"
                    "as the device writes its card; a FILE that does not exist is made (8 MiB, a new\n"
                    "volume). Without it the card is a new temporary one");
     app.add_flag("-v,--verbose", o.card.verbose, "show the device kernel's messages on standard error");
-    app.add_option("--seed", seed, "seed of the random choices (default: from the clock)");
+    app.add_option("--seed", seed, "seed of the random choices (default: from the clock)")->check(sim::not_empty);
     app.set_version_flag("--version", "vukra-sim " VUKRA_VERSION);
     tools::parse_command_line(app, argc, argv);
     std::string why;
@@ -100,8 +102,12 @@ Options parse(int argc, char** argv) {
     return o;
 }
 
+// Set when the program is asked to stop: a slow paced reply is given up
+// then, so that the stop does not wait for it.
+std::atomic<bool> stopping{false};
+
 // Writes a whole SLIP packet at the pace of baud bits per second, 10 bits
-// a byte, in slices of about 2 ms.
+// a byte, in slices of about 2 ms (or fewer bytes if asked to stop).
 void send_paced(link::Port* port, const std::uint8_t* payload, std::size_t count, unsigned baud) {
     std::vector<std::uint8_t> wire(2 * count + 2);
     std::size_t n = 0;
@@ -111,7 +117,7 @@ void send_paced(link::Port* port, const std::uint8_t* payload, std::size_t count
     const double bytes_per_second = baud / 10.0;
     const std::size_t slice = std::max<std::size_t>(1, static_cast<std::size_t>(bytes_per_second / 500));
     auto start = std::chrono::steady_clock::now();
-    for (std::size_t sent = 0; sent < n;) {
+    for (std::size_t sent = 0; sent < n && !stopping.load();) {
         std::size_t take = std::min(slice, n - sent);
         link::serial_write(port, wire.data() + sent, take);
         sent += take;
@@ -268,6 +274,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     platform::stop_request_wait();
+    stopping = true;
     platform::lock_enter(device.busy); // the request at hand is finished; no other starts
     sim::card_close();
     std::fflush(stderr);
