@@ -85,19 +85,23 @@ bool phases_in_order(const Watch& w, std::int32_t direction, bool paced, std::st
 
 bool file_exists(modbus_vukra_session* s, const char* path) { return VK(protected_lookup)(s, path, nullptr) == 0; }
 
+// A whole getfs (paced by the device) or putfs with the watcher beside it:
+// it succeeds and the watcher saw its phases in order.
+void watched_and_checked(modbus_vukra_session* s, bool put, const char* seen_what) {
+    Watch w;
+    const std::int32_t result = watched_transfer(s, put, w);
+    check(result == 0, std::string(put ? "putfs" : "getfs") + " (error word " + std::to_string(VK(session_error)(s)) + ")");
+    std::string shown;
+    const bool seen = phases_in_order(w, put ? 2 : 1, !put, shown);
+    check(seen, seen_what + shown);
+}
+
 const std::string kMirrorText = "written in the mirror under /mem\r\n";
 
 } // namespace
 
 void mirror(modbus_vukra_session* s) {
-    {
-        Watch w;
-        const std::int32_t result = watched_transfer(s, false, w);
-        check(result == 0, "getfs (error word " + std::to_string(VK(session_error)(s)) + ")");
-        std::string shown;
-        const bool seen = phases_in_order(w, 1, true, shown);
-        check(seen, "a second thread saw getfs's phases and its progress grow:" + shown);
-    }
+    watched_and_checked(s, false, "a second thread saw getfs's phases and its progress grow:");
     const Info done = info_of(s);
     check(done.direction() == 1 && done.phase() == 4 && done.progress() == 100, "session_info: get, done, 100");
     check(GetFileAttributesA("sdcard0.o") != INVALID_FILE_ATTRIBUTES, "the local card sdcard0.o is in the working folder");
@@ -123,14 +127,7 @@ void mirror(modbus_vukra_session* s) {
     check(VK(protected_rename)(s, "/mem/work/data.txt", "/mem/renamed.txt") == 0, "rename in the mirror");
     check(VK(protected_remove)(s, "/mem/work/a-long-name-that-fills-the-listing-pages-quickly-1") == 0, "remove in the mirror");
     check(VK(protected_mkdir)(s, "/mem/made") == 0, "mkdir in the mirror");
-    {
-        Watch w;
-        const std::int32_t result = watched_transfer(s, true, w);
-        check(result == 0, "putfs (error word " + std::to_string(VK(session_error)(s)) + ")");
-        std::string shown;
-        const bool seen = phases_in_order(w, 2, false, shown);
-        check(seen, "a second thread saw putfs's phases:" + shown);
-    }
+    watched_and_checked(s, true, "a second thread saw putfs's phases:");
 
     // A file only the old mirror has: the fresh copy from the device drops it.
     check(create_with(s, "/mem/local-only.txt", kMirrorText), "a file made in the mirror after the put");
