@@ -114,8 +114,6 @@ int read_rounds(modbus_vukra_session* s, int rounds) {
     return failed;
 }
 
-// ---- a device that goes silent and comes back -------------------------------
-
 TEST_F(LineFaults, SilenceFailsWithinTheTimeOutAndTheNextOperationWorks) {
     struct Case {
         const char* what;
@@ -163,8 +161,6 @@ TEST_F(LineFaults, SilenceFailsWithinTheTimeOutAndTheNextOperationWorks) {
         stop();
     }
 }
-
-// ---- damage ---------------------------------------------------------------
 
 TEST_F(LineFaults, DamagedRegisterRepliesNeverGiveAWrongValue) {
     start({"--corrupt", "0.5", "--seed", "7"}, false);
@@ -216,19 +212,16 @@ TEST_F(LineFaults, DamagedFileRepliesStayInBounds) {
     EXPECT_GT(failed + wrong, 0) << "the damage showed somewhere";
 }
 
-// ---- replies cut short, doubled, late ---------------------------------------
-
 TEST_F(LineFaults, RepliesCutAtEveryPointAreNeverTaken) {
     make_file();
     // A read reply of 2 words is 19 characters: cut after 0 to 18.
     start({"--cut", "each", "--fault-for", "19"}, false);
-    for (int cut = 0; cut < 19; ++cut) {
-        std::int32_t energy = 0;
-        testing::internal::CaptureStdout();
-        const std::int32_t n = modbus_vukra_op_protected_readreg(s, "energy", &energy, 4);
-        testing::internal::GetCapturedStdout();
-        EXPECT_EQ(n, -1) << "cut after " << cut;
-    }
+    timed([&] {
+        for (int cut = 0; cut < 19; ++cut) {
+            std::int32_t energy = 0;
+            EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "energy", &energy, 4), -1) << "cut after " << cut;
+        }
+    });
     EXPECT_EQ(read_as_text<std::int32_t>(s, "energy"), "-100000");
     stop();
 
@@ -265,8 +258,6 @@ TEST_F(LineFaults, RepliesCutAtEveryPointAreNeverTaken) {
     EXPECT_EQ(read_all(s), kContent);
 }
 
-// ---- replies doubled or late: the register side ------------------------------
-
 // The register transaction does not purge the line: a reply left on it (the
 // copy of a doubled reply, a reply that came after its read had given up)
 // is taken as the next read's reply, and every read after it gets the
@@ -299,9 +290,7 @@ TEST_F(LineFaults, ALeftOverRegisterReplyIsTakenByTheNextReadUntilAPurge) {
             std::uint8_t guard[14];
         } guarded{};
         std::memset(guarded.guard, 0xA5, sizeof guarded.guard);
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "offset_trim", &guarded.value, 2), 2);
-        testing::internal::GetCapturedStdout();
+        timed([&] { EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "offset_trim", &guarded.value, 2), 2); });
         EXPECT_NE(guarded.value, -12) << "still history's reply, not offset_trim's";
         for (std::uint8_t b : guarded.guard) ASSERT_EQ(b, 0xA5);
         // The last read's own reply is on the line: a null purges it, and
@@ -312,8 +301,6 @@ TEST_F(LineFaults, ALeftOverRegisterReplyIsTakenByTheNextReadUntilAPurge) {
         stop();
     }
 }
-
-// ---- replies doubled or late: the file side ------------------------------------
 
 // A file transaction purges the line before its request: a doubled reply's
 // copy never reaches the next request. A reply later than the time-out
@@ -358,8 +345,6 @@ TEST_F(LineFaults, FileRequestsPurgeWhatEarlierRepliesLeft) {
     EXPECT_EQ(read_all(s), kContent);
 }
 
-// ---- sound frames of another kind in place of the reply ----------------------
-
 // Neither transaction compares the reply with its request beyond what it
 // decodes: a register read takes a sound reply from any address and of any
 // size, refuses another function; a file request decodes another
@@ -400,12 +385,15 @@ TEST_F(LineFaults, FramesOfAnotherKindAreTakenAsTheyStand) {
     }
 }
 
-// ---- an endless listing ---------------------------------------------------------
-
 // readdir returns one page as the device sent it: its cookie becomes the
 // position and its end-of-directory flag the result. A device that never
 // sends the end makes every call return 0 with the cookie unmoved;
 // bounding a loop over pages is the caller's part (vukra fs ls does).
+bool lists_f(modbus_vukra_dir_entry* first) {
+    const std::vector<std::string> names = vukra::test::take_names(first);
+    return std::find(names.begin(), names.end(), "f") != names.end();
+}
+
 TEST_F(LineFaults, ReaddirReturnsEachPageAsTheDeviceSentIt) {
     make_file();
     start({"--count-only", "12", "--endless-listing", "--fault-for", "3"});
@@ -416,14 +404,12 @@ TEST_F(LineFaults, ReaddirReturnsEachPageAsTheDeviceSentIt) {
         EXPECT_LT(timed([&] { eof = modbus_vukra_op_protected_readdir(s, &first); }), kHangBoundMs);
         EXPECT_EQ(eof, 0) << "page " << page;
         EXPECT_EQ(modbus_vukra_op_protected_telldir(s), 0);
-        const std::vector<std::string> names = vukra::test::take_names(first);
-        EXPECT_NE(std::find(names.begin(), names.end(), "f"), names.end());
+        EXPECT_TRUE(lists_f(first));
     }
     // The device answers as it should again: the same position gives the end.
     modbus_vukra_dir_entry* first = nullptr;
     EXPECT_EQ(modbus_vukra_op_protected_readdir(s, &first), 1);
-    const std::vector<std::string> names = vukra::test::take_names(first);
-    EXPECT_NE(std::find(names.begin(), names.end(), "f"), names.end());
+    EXPECT_TRUE(lists_f(first));
 }
 
 } // namespace
