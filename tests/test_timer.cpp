@@ -45,6 +45,13 @@ void slow_routine() {
     routine_done = true;
 }
 
+// Stops the timer; what its thread printed on the way out.
+std::string stop_timer(platform::Timer* t) {
+    testing::internal::CaptureStdout();
+    platform::timer_stop(t);
+    return testing::internal::GetCapturedStdout();
+}
+
 TEST(Timer, NullTimerAnswersWithoutAThread) {
     EXPECT_EQ(platform::timer_remaining(nullptr), 0u);
     EXPECT_FALSE(platform::timer_is_armed(nullptr));
@@ -81,9 +88,7 @@ TEST(Timer, StartsWithoutArmingAndExpiresOncePerArming) {
     platform::timer_disarm(t);
     sleep_ms(300);
     EXPECT_EQ(expiries.load(), 1) << "disarmed before the expiry";
-    testing::internal::CaptureStdout();
-    platform::timer_stop(t);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "timer thread exit\r\n");
+    EXPECT_EQ(stop_timer(t), "timer thread exit\r\n");
 }
 
 TEST(Timer, RoutineThatReArmsRunsEachPeriod) {
@@ -94,9 +99,7 @@ TEST(Timer, RoutineThatReArmsRunsEachPeriod) {
     sleep_ms(900);
     EXPECT_EQ(expiries.load(), 3) << "re-armed twice, then left";
     EXPECT_FALSE(platform::timer_is_armed(t));
-    testing::internal::CaptureStdout();
-    platform::timer_stop(t);
-    testing::internal::GetCapturedStdout();
+    stop_timer(t);
 }
 
 TEST(Timer, StopWaitsForARoutineInProgress) {
@@ -104,9 +107,7 @@ TEST(Timer, StopWaitsForARoutineInProgress) {
     ASSERT_NE(t, nullptr);
     platform::timer_arm(t);
     sleep_ms(100); // the routine is sleeping now
-    testing::internal::CaptureStdout();
-    platform::timer_stop(t);
-    testing::internal::GetCapturedStdout();
+    stop_timer(t);
     EXPECT_TRUE(routine_done.load()) << "the routine ran to its end before the stop returned";
     EXPECT_EQ(expiries.load(), 1);
 }
@@ -122,8 +123,6 @@ TEST(Timer, RoutineStopsItsOwnTimer) {
     EXPECT_TRUE(routine_done.load()) << "the stop returned at once on the timer's own thread";
     EXPECT_EQ(expiries.load(), 1);
 }
-
-// ---- the Session's notification ----------------------------------------
 
 using SessionTimer = test::SessionFixture;
 
