@@ -308,14 +308,16 @@ TEST_F(LineFaults, ALeftOverRegisterReplyIsTakenByTheNextReadUntilAPurge) {
 // header is not checked); the purge of the request after clears what is left.
 TEST_F(LineFaults, FileRequestsPurgeWhatEarlierRepliesLeft) {
     make_file();
-    start({"--twice"});
-    // The purge clears what has arrived: each copy is given time to come
-    // (a slow device may send it after the host's next purge, and then it
-    // is taken as the next reply, as the late reply below is).
+    // The purge clears what has arrived: each copy (the mount's too) is
+    // given time to come (a slow device may send it after the host's next
+    // purge, and then it is taken as the next reply, as the late reply
+    // below is).
     const auto settled = [](std::int32_t result) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         return result;
     };
+    start({"--twice"});
+    settled(0);
     modbus_vukra_usage sound{};
     ASSERT_EQ(settled(modbus_vukra_op_protected_fsstat(s, "/mem", &sound)), 0);
     for (int i = 0; i < 5; ++i) {
