@@ -66,6 +66,7 @@ private:
     std::size_t read_some(Side& side, void* buffer, std::size_t count);
     void read_exact(Side& side, void* buffer, std::size_t count);
     void write_all(Side& side, const void* bytes, std::size_t count);
+    void copy(std::uint32_t offset, std::uint8_t* buffer, std::uint32_t length);
 
     void header();
     void map_and_metadata();
@@ -160,6 +161,20 @@ void Transfer::write_all(Side& side, const void* bytes, std::size_t count) {
     }
 }
 
+// Copies length bytes at offset from the source to the same place on the
+// destination through buffer, which keeps them, in the pieces the source
+// gives.
+void Transfer::copy(std::uint32_t offset, std::uint8_t* buffer, std::uint32_t length) {
+    seek(source_, offset);
+    seek(destination_, offset);
+    for (std::uint32_t moved = 0; moved < length;) {
+        const std::size_t got = read_some(source_, buffer + moved, length - moved);
+        if (got == 0) throw Failed{kTransferStalled};
+        write_all(destination_, buffer + moved, got);
+        moved += static_cast<std::uint32_t>(got);
+    }
+}
+
 // The local card's size: what every offset of the image must stay within.
 std::uint32_t local_card_size(kernel::Descriptor fd) {
     std::int32_t size = 0;
@@ -219,14 +234,7 @@ void Transfer::header() {
 void Transfer::map_and_metadata() {
     map_.reset(new (std::nothrow) std::uint8_t[map_size_ == 0 ? 1 : map_size_]());
     if (!map_) throw Failed{kLocalCardFailed};
-    seek(source_, map_start_);
-    seek(destination_, map_start_);
-    for (std::uint32_t done = 0; done < map_size_;) {
-        const std::size_t got = read_some(source_, map_.get() + done, map_size_ - done);
-        if (got == 0) throw Failed{kTransferStalled};
-        write_all(destination_, map_.get() + done, got);
-        done += static_cast<std::uint32_t>(got);
-    }
+    copy(map_start_, map_.get(), map_size_); // the map stays for the data groups
 
     const std::uint32_t metadata_start = map_start_ + map_size_;
     seek(source_, metadata_start);
@@ -256,14 +264,7 @@ void Transfer::data() {
         if (map_[i] != 0) {
             if (offset >= copy_end_) throw Failed{kTransferStalled};
             const std::uint32_t length = static_cast<std::uint32_t>(std::min<std::uint64_t>(chunk, copy_end_ - offset));
-            seek(source_, offset);
-            seek(destination_, offset);
-            for (std::uint32_t moved = 0; moved < length;) {
-                const std::size_t got = read_some(source_, staging.get() + moved, length - moved);
-                if (got == 0) throw Failed{kTransferStalled};
-                write_all(destination_, staging.get() + moved, got);
-                moved += static_cast<std::uint32_t>(got);
-            }
+            copy(offset, staging.get(), length);
         } else if (direction_ == kGet) {
             // An unused group reads as zeros on the local card, without
             // asking the device.
@@ -347,13 +348,10 @@ std::int32_t transfer(session::Session& s, TransferDirection direction) {
         result = -1;
     }
     kernel::close(fd);
-    if (result != 0) {
-        // The phase stays where the transfer stopped; the host reads it
-        // with the error word.
-        return -1;
-    }
-    s.error = 0;
-    return 0;
+    // A failed transfer leaves the phase where it stopped; the host reads
+    // it with the error word.
+    if (result == 0) s.error = 0;
+    return result;
 }
 
 } // namespace

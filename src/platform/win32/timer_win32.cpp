@@ -157,7 +157,8 @@ std::uint32_t timer_remaining(const Timer* timer) {
     if (timer == nullptr) return 0;
     const std::uint32_t period = timer->period.load();
     if (timer->armed.load() == 0) return period;
-    return period - (GetTickCount() - timer->start_tick.load());
+    const std::uint32_t elapsed = GetTickCount() - timer->start_tick.load();
+    return elapsed >= period ? 0 : period - elapsed; // an expiry not yet handled is due now
 }
 
 bool timer_is_armed(const Timer* timer) { return timer != nullptr && timer->armed.load() != 0; }
