@@ -90,7 +90,7 @@ modbus_vukra_session* device_session(Options& options) {
 void close_session(Options& options) {
     if (options.session != nullptr) modbus_vukra_op_session_close(options.session);
     options.session = nullptr;
-    options.mounted = options.mirrored = false;
+    options.mounted = false;
 }
 
 std::string transaction_failure() {
