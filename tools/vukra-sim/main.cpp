@@ -211,12 +211,10 @@ int main(int argc, char** argv) {
     platform::stop_requests_hold();
     tools::install_table_error_handler("vukra-sim");
     Options options = parse(argc, argv);
-    std::FILE* probe = std::fopen(options.table.c_str(), "r");
-    if (probe == nullptr) {
+    if (!tools::table_opens(options.table.c_str())) {
         std::fprintf(stderr, "vukra-sim: cannot open %s\n", options.table.c_str());
         return 1;
     }
-    std::fclose(probe);
     if (!tools::load_table(options.table.c_str())) {
         std::fprintf(stderr, "vukra-sim: cannot load the register table %s\n", options.table.c_str());
         return 1;
