@@ -32,6 +32,12 @@ void install_table_error_handler(const char* tool) {
     table::set_xml_fatal_handler(end_tool);
 }
 
+bool table_opens(const char* file) {
+    std::FILE* probe = std::fopen(file, "r");
+    if (probe != nullptr) std::fclose(probe);
+    return probe != nullptr;
+}
+
 void set_table_being_read(const char* file) { table_file = file ? file : ""; }
 
 int load_table(const char* file) {

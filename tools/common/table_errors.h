@@ -11,6 +11,10 @@ namespace vukra::tools {
 // program in the message ("vukra: table.xml: Xml error in attribute").
 void install_table_error_handler(const char* tool);
 
+// Whether the table file opens for reading: asked before loading, so that
+// a missing table is told as such rather than as a failed load.
+bool table_opens(const char* file);
+
 // Says which table the next load reads, for the message above.
 void set_table_being_read(const char* file);
 

@@ -14,19 +14,6 @@ namespace vukra::sim {
 
 namespace {
 
-// A whole decimal number from low to high: nothing else.
-std::string count_in(const std::string& name, const std::string& text, unsigned long long low,
-                     unsigned long long high, std::uint32_t& out) {
-    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
-        return name + ": \"" + text + "\" is not a decimal number";
-    const std::size_t digits = text.find_first_not_of('0') == std::string::npos ? 1 : text.size() - text.find_first_not_of('0');
-    const unsigned long long v = digits > 10 ? high + 1 : std::stoull(text);
-    if (v < low || v > high)
-        return name + ": " + text + " is not from " + std::to_string(low) + " to " + std::to_string(high);
-    out = static_cast<std::uint32_t>(v);
-    return "";
-}
-
 bool in_window(std::uint32_t n, std::uint32_t after, std::uint32_t length) {
     return n > after && (length == 0 || n - after <= length);
 }
@@ -92,6 +79,24 @@ void never_the_end(const std::uint8_t* request, std::size_t request_length, std:
 
 std::string not_empty(const std::string& value) { return value.empty() ? "an empty value" : ""; }
 
+bool read_count(const std::string& name, const std::string& text, unsigned long long low, unsigned long long high,
+                std::uint32_t& out, std::string& why) {
+    if (text.empty()) return true;
+    if (text.find_first_not_of("0123456789") != std::string::npos) {
+        why = name + ": \"" + text + "\" is not a decimal number";
+        return false;
+    }
+    // More than ten digits (leading zeros aside) is beyond any high.
+    const std::size_t first = text.find_first_not_of('0');
+    const unsigned long long v = first != std::string::npos && text.size() - first > 10 ? high + 1 : std::stoull(text);
+    if (v < low || v > high) {
+        why = name + ": " + text + " is not from " + std::to_string(low) + " to " + std::to_string(high);
+        return false;
+    }
+    out = static_cast<std::uint32_t>(v);
+    return true;
+}
+
 void add_fault_options(CLI::App& app, FaultOptions& o, FaultTexts& t) {
     app.add_flag("--silent", o.silent, "never answer");
     app.add_option("--drop-after", t.drop_after,
@@ -123,30 +128,22 @@ void add_fault_options(CLI::App& app, FaultOptions& o, FaultTexts& t) {
 }
 
 std::string read_fault_options(const FaultTexts& t, FaultOptions& o) {
+    constexpr unsigned long long kAll = 0xFFFFFFFFull;
     std::string why;
-    if (!t.drop_after.empty() && !(why = count_in("--drop-after", t.drop_after, 0, 0xFFFFFFFFull, o.drop_after)).empty())
-        return why;
+    if (!read_count("--drop-after", t.drop_after, 0, kAll, o.drop_after, why)) return why;
     o.dropping = !t.drop_after.empty();
-    if (!t.drop_for.empty()) {
-        if (!o.dropping) return "--drop-for needs --drop-after";
-        if (!(why = count_in("--drop-for", t.drop_for, 1, 0xFFFFFFFFull, o.drop_for)).empty()) return why;
-    }
-    if (!t.fault_after.empty() && !(why = count_in("--fault-after", t.fault_after, 0, 0xFFFFFFFFull, o.fault_after)).empty())
+    if (!t.drop_for.empty() && !o.dropping) return "--drop-for needs --drop-after";
+    if (!read_count("--drop-for", t.drop_for, 1, kAll, o.drop_for, why) ||
+        !read_count("--fault-after", t.fault_after, 0, kAll, o.fault_after, why) ||
+        !read_count("--fault-for", t.fault_for, 1, kAll, o.fault_for, why))
         return why;
-    if (!t.fault_for.empty() && !(why = count_in("--fault-for", t.fault_for, 1, 0xFFFFFFFFull, o.fault_for)).empty())
-        return why;
-    std::uint32_t value = 0;
-    if (!t.count_only.empty()) {
-        if (!(why = count_in("--count-only", t.count_only, 0, 15, value)).empty()) return why;
-        o.count_only = static_cast<int>(value);
-    }
-    if (t.cut == "each") {
-        o.cut_each = true;
-    } else if (!t.cut.empty()) {
-        if (!(why = count_in("--cut", t.cut, 0, 2048, value)).empty()) return why;
-        o.cut = value;
-    }
-    if (!t.late.empty() && !(why = count_in("--late", t.late, 1, 600000, o.late_ms)).empty()) return why;
+    std::uint32_t count_only = 0, cut = 0;
+    if (!read_count("--count-only", t.count_only, 0, 15, count_only, why)) return why;
+    if (!t.count_only.empty()) o.count_only = static_cast<int>(count_only);
+    o.cut_each = t.cut == "each";
+    if (!o.cut_each && !read_count("--cut", t.cut, 0, 2048, cut, why)) return why;
+    if (!o.cut_each && !t.cut.empty()) o.cut = cut;
+    if (!read_count("--late", t.late, 1, 600000, o.late_ms, why)) return why;
     if (t.wrong == "register")
         o.wrong = WrongReply::kRegister;
     else if (t.wrong == "file")

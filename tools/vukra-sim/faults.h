@@ -55,6 +55,11 @@ struct FaultTexts {
 void add_fault_options(CLI::App& app, FaultOptions& options, FaultTexts& texts);
 // Refuses an option's empty value ("--cut ''"), which would else read as the option left out.
 std::string not_empty(const std::string& value);
+// Reads text, a whole decimal number from low to high and nothing else,
+// into out; false with why ("NAME: ...") when it is not one. An empty text
+// is the option left out: out stays as it was.
+bool read_count(const std::string& name, const std::string& text, unsigned long long low, unsigned long long high,
+                std::uint32_t& out, std::string& why);
 // Checks and converts the texts: "" or what is wrong.
 std::string read_fault_options(const FaultTexts& texts, FaultOptions& options);
 

@@ -34,23 +34,12 @@ namespace {
 struct Options {
     std::string table;
     std::string port;
-    unsigned baud = 0;
+    std::uint32_t baud = 0;
     double corrupt = 0;
     sim::FaultOptions faults;
     sim::CardOptions card;
-    unsigned seed = static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count());
+    std::uint32_t seed = static_cast<std::uint32_t>(std::chrono::steady_clock::now().time_since_epoch().count());
 };
-
-// A whole decimal number from 1 (or 0) to high: nothing else.
-std::string decimal_in(const std::string& text, unsigned long long low, unsigned long long high, unsigned& out) {
-    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
-        return "\"" + text + "\" is not a decimal number";
-    const std::size_t first = text.find_first_not_of('0');
-    const unsigned long long v = first != std::string::npos && text.size() - first > 12 ? high + 1 : std::stoull(text);
-    if (v < low || v > high) return text + " is not from " + std::to_string(low) + " to " + std::to_string(high);
-    out = static_cast<unsigned>(v);
-    return "";
-}
 
 // A probability: a decimal number from 0 to 1.
 std::string probability(const std::string& text, double& out) {
@@ -95,9 +84,9 @@ Options parse(int argc, char** argv) {
     app.set_version_flag("--version", "vukra-sim " VUKRA_VERSION);
     tools::parse_command_line(app, argc, argv);
     std::string why;
-    if (!baud.empty() && !(why = decimal_in(baud, 1, 100000000, o.baud)).empty()) usage_error("--baud: " + why);
+    if (!sim::read_count("--baud", baud, 1, 100000000, o.baud, why)) usage_error(why);
     if (!corrupt.empty() && !(why = probability(corrupt, o.corrupt)).empty()) usage_error("--corrupt: " + why);
-    if (!seed.empty() && !(why = decimal_in(seed, 0, 0xFFFFFFFFull, o.seed)).empty()) usage_error("--seed: " + why);
+    if (!sim::read_count("--seed", seed, 0, 0xFFFFFFFFull, o.seed, why)) usage_error(why);
     if (!(why = sim::read_fault_options(fault_texts, o.faults)).empty()) usage_error(why);
     return o;
 }
@@ -222,12 +211,10 @@ int main(int argc, char** argv) {
     platform::stop_requests_hold();
     tools::install_table_error_handler("vukra-sim");
     Options options = parse(argc, argv);
-    std::FILE* probe = std::fopen(options.table.c_str(), "r");
-    if (probe == nullptr) {
+    if (!tools::table_opens(options.table.c_str())) {
         std::fprintf(stderr, "vukra-sim: cannot open %s\n", options.table.c_str());
         return 1;
     }
-    std::fclose(probe);
     if (!tools::load_table(options.table.c_str())) {
         std::fprintf(stderr, "vukra-sim: cannot load the register table %s\n", options.table.c_str());
         return 1;

@@ -46,7 +46,6 @@ struct Options {
     modbus_vukra_session* session = nullptr;
     bool session_failed = false; // the open was refused: not tried again
     bool mounted = false;        // the device's filesystem is mounted
-    bool mirrored = false;       // a getfs succeeded: "/mem" is the local mirror
     std::FILE* data = nullptr;   // standard output as it was, once the library's lines moved
 };
 

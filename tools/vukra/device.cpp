@@ -18,9 +18,7 @@ int fail(const std::string& why) {
 }
 
 bool load_table(const Options& options) {
-    std::FILE* probe = std::fopen(options.table.c_str(), "r");
-    if (probe == nullptr) return fail("cannot open the register table " + options.table) == 0;
-    std::fclose(probe);
+    if (!tools::table_opens(options.table.c_str())) return fail("cannot open the register table " + options.table) == 0;
     if (!tools::load_table(options.table.c_str())) return fail("cannot load the register table " + options.table) == 0;
     tools::warn_if_no_register("vukra", options.table.c_str());
     return true;
@@ -66,12 +64,10 @@ void choose(CLI::App* command, Options& options, std::function<int()> body, bool
 modbus_vukra_session* device_session(Options& options) {
     if (options.session != nullptr || options.session_failed) return options.session;
     options.session_failed = true;
-    std::FILE* probe = std::fopen(options.table.c_str(), "r");
-    if (probe == nullptr) {
+    if (!tools::table_opens(options.table.c_str())) {
         fail("cannot open the register table " + options.table + ", which every session loads (--table FILE)");
         return nullptr;
     }
-    std::fclose(probe);
     tools::set_table_being_read(options.table.c_str());
     modbus_vukra_session* s = session::open(options.port.c_str(), 0, options.table.c_str());
     if (s == nullptr) {
@@ -90,7 +86,7 @@ modbus_vukra_session* device_session(Options& options) {
 void close_session(Options& options) {
     if (options.session != nullptr) modbus_vukra_op_session_close(options.session);
     options.session = nullptr;
-    options.mounted = options.mirrored = false;
+    options.mounted = false;
 }
 
 std::string transaction_failure() {

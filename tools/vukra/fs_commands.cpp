@@ -1,9 +1,10 @@
 // vukra fs ls|cat|get|put|rm|mkdir|rmdir|mv|df|stat|tree: the device's
 // filesystem. Each command works on the invocation's session, mounted by
-// the first command that needs it (commands joined by "+" share it). Nothing a failed command touched is left changed: get
-// writes a temporary file beside the local one and renames it at the end;
-// put writes a temporary file on the device and renames it over the
-// remote one at the end.
+// the first command that needs it (commands joined by "+" share it).
+// Nothing a failed command touched is left changed: get writes a temporary
+// file beside the local one and renames it at the end; put writes a
+// temporary file on the device and renames it over the remote one at the
+// end.
 #include "cli.h"
 #include "device.h"
 #include "remote_fs.h"
@@ -300,14 +301,12 @@ void add_fs_commands(CLI::App& app, Options& options) {
     };
     auto words = std::make_shared<Words>();
 
-    // Each command needs the port.
-    auto run = [&options](CLI::App* command, std::function<int()> body) { choose(command, options, body); };
     Options& o = options;
 
     CLI::App* ls = group->add_subcommand("ls", "list a directory, one name a line (-l: kind, size, name)");
     ls->add_flag("-l", words->long_form, "kind (d directory, - file, b c devices), size in bytes, name");
     ls->add_option("PATH", words->path, "a directory or file on the device")->required();
-    run(ls, [&o, words] {
+    choose(ls, o, [&o, words] {
         return on_device(o, words->path, [words](const Remote& r, std::FILE* out, const std::string& path) {
             return list(r, out, path, words->long_form);
         });
@@ -315,47 +314,48 @@ void add_fs_commands(CLI::App& app, Options& options) {
 
     CLI::App* cat_cmd = group->add_subcommand("cat", "a file's bytes to standard output");
     cat_cmd->add_option("PATH", words->path, "a file on the device")->required();
-    run(cat_cmd, [&o, words] { return cat(o, words->path); });
+    choose(cat_cmd, o, [&o, words] { return cat(o, words->path); });
 
     CLI::App* get_cmd = group->add_subcommand("get", "copy a device file to LOCAL (\"-\": standard output)");
     get_cmd->add_option("REMOTE", words->path, "a file on the device")->required();
     get_cmd->add_option("LOCAL", words->other, "the local file, replaced only once complete")->required();
-    run(get_cmd, [&o, words] { return get(o, words->path, words->other); });
+    choose(get_cmd, o, [&o, words] { return get(o, words->path, words->other); });
 
     CLI::App* put_cmd = group->add_subcommand("put", "copy LOCAL to a device file, replaced only once complete");
     put_cmd->add_option("LOCAL", words->other, "a local file")->required();
     put_cmd->add_option("REMOTE", words->path, "the file on the device")->required();
-    run(put_cmd, [&o, words] { return put(o, words->other, words->path); });
+    choose(put_cmd, o, [&o, words] { return put(o, words->other, words->path); });
 
     CLI::App* rm = group->add_subcommand("rm", "remove a file");
     rm->add_option("PATH", words->path, "a file on the device")->required();
-    run(rm, [&o, words] { return one_path(o, words->path, "remove", modbus_vukra_op_protected_remove); });
+    choose(rm, o, [&o, words] { return one_path(o, words->path, "remove", modbus_vukra_op_protected_remove); });
 
     CLI::App* mkdir_cmd = group->add_subcommand("mkdir", "make a directory");
     mkdir_cmd->add_option("PATH", words->path, "the new directory")->required();
-    run(mkdir_cmd, [&o, words] { return one_path(o, words->path, "make the directory", modbus_vukra_op_protected_mkdir); });
+    choose(mkdir_cmd, o,
+           [&o, words] { return one_path(o, words->path, "make the directory", modbus_vukra_op_protected_mkdir); });
 
     CLI::App* rmdir_cmd = group->add_subcommand("rmdir", "remove an empty directory");
     rmdir_cmd->add_option("PATH", words->path, "a directory on the device")->required();
-    run(rmdir_cmd,
-        [&o, words] { return one_path(o, words->path, "remove the directory", modbus_vukra_op_protected_rmdir); });
+    choose(rmdir_cmd, o,
+           [&o, words] { return one_path(o, words->path, "remove the directory", modbus_vukra_op_protected_rmdir); });
 
     CLI::App* mv = group->add_subcommand("mv", "rename OLD to NEW (an existing NEW is replaced)");
     mv->add_option("OLD", words->path, "the present path")->required();
     mv->add_option("NEW", words->other, "the new path")->required();
-    run(mv, [&o, words] { return move(o, words->path, words->other); });
+    choose(mv, o, [&o, words] { return move(o, words->path, words->other); });
 
     CLI::App* df = group->add_subcommand("df", "the usage of the filesystem holding PATH (default /)");
     df->add_option("PATH", words->path, "a path on the device");
-    run(df, [&o, words] { return on_device(o, words->path, usage); });
+    choose(df, o, [&o, words] { return on_device(o, words->path, usage); });
 
     CLI::App* stat = group->add_subcommand("stat", "the four attribute words of PATH: node, kind, size, time");
     stat->add_option("PATH", words->path, "a path on the device")->required();
-    run(stat, [&o, words] { return on_device(o, words->path, status_of); });
+    choose(stat, o, [&o, words] { return on_device(o, words->path, status_of); });
 
     CLI::App* tree_cmd = group->add_subcommand("tree", "PATH (default /) and everything below it");
     tree_cmd->add_option("PATH", words->path, "a directory on the device");
-    run(tree_cmd, [&o, words] { return on_device(o, words->path, tree); });
+    choose(tree_cmd, o, [&o, words] { return on_device(o, words->path, tree); });
 
     add_image_commands(*group, options);
 }

@@ -69,8 +69,8 @@ const char* left_behind(bool get, std::int32_t error) {
 
 int transfer(Options& o, bool get) {
     const char* label = get ? "getfs" : "putfs";
-    if (!get && !o.mirrored)
-        return fail("putfs needs the local copy a getfs makes in the same run: vukra -p PORT fs getfs + ... + fs putfs");
+    // A putfs runs only after a getfs of the same run succeeded: the chain
+    // refuses it otherwise, and stops at the first command that fails.
     data_stream(o); // the listing of /mem after a get is one of the library's lines
     // Caught from before the mount: a Ctrl-C that comes before the transfer
     // starts cancels it as it begins.
@@ -95,12 +95,10 @@ int transfer(Options& o, bool get) {
 
     if (result != 0) {
         const std::int32_t error = modbus_vukra_op_session_error(r.session);
-        if (get) o.mirrored = false; // a failed get turns the mirror off
         if (error == -11)
             return fail(std::string(label) + " cancelled at Ctrl-C (status -11): " + left_behind(get, error));
         return fail(std::string(label) + " failed: " + device_status(r.session) + "; " + left_behind(get, error));
     }
-    if (get) o.mirrored = true;
     if (!o.quiet) {
         std::fflush(stdout);
         std::fprintf(stderr, "%s: done in %.2f s (last exchange at %d bytes/s)%s\n", label, seconds, f.bytes_per_second,
