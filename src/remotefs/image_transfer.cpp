@@ -36,8 +36,9 @@ struct Side {
     kernel::Descriptor fd;
 };
 
-// Why a transfer stopped: the error word to leave, or keep for what the
-// failing remote operation already stored.
+// Why a transfer stopped: the error word to leave, or kKeepError to leave
+// the word as it stands (what the failing remote operation stored, or,
+// for an image the transfer does not take, the lookup's 0).
 constexpr std::int32_t kKeepError = 1;
 
 struct Failed {
@@ -46,10 +47,8 @@ struct Failed {
 
 class Transfer {
 public:
-    // device_card: the device's card size as its lookup tells it, 0 when
-    // it does not.
-    Transfer(session::Session& s, Side source, Side destination, TransferDirection direction, std::uint32_t device_card)
-        : s_(s), source_(source), destination_(destination), direction_(direction), device_card_(device_card) {}
+    Transfer(session::Session& s, Side source, Side destination, TransferDirection direction)
+        : s_(s), source_(source), destination_(destination), direction_(direction) {}
 
     // Throws Failed.
     void run();
@@ -77,15 +76,13 @@ private:
     Side source_;
     Side destination_;
     TransferDirection direction_;
-    std::uint32_t device_card_;
 
     std::uint32_t block_size_ = 0;
     std::uint32_t map_size_ = 0;
     std::uint32_t group_count_ = 0;
     std::uint32_t metadata_size_ = 0;
-    std::uint32_t map_start_ = 0;
-    std::uint64_t card_size_ = 0; // where the local card (and a put's destination) ends
-    std::uint64_t copy_end_ = 0;  // where the smaller of the two cards ends, as far as known
+    std::uint32_t map_start_ = 0; // P: where the header fields end
+    std::uint64_t card_size_ = 0; // where the local card ends
     std::unique_ptr<std::uint8_t[]> map_;
 };
 
@@ -116,8 +113,9 @@ void Transfer::seek(Side& side, std::uint32_t offset) {
 }
 
 // The device moves at most 1024 bytes per request; the local card takes a
-// whole group at once (a transfer that starts inside the card is not cut
-// at its end, one that starts past it is refused).
+// whole group at once (the kernel does not cut a transfer that starts
+// inside the card at its end, and refuses one that starts past it: the
+// copy never asks either).
 std::size_t Transfer::read_some(Side& side, void* buffer, std::size_t count) {
     if (side.remote != nullptr) {
         count = std::min(count, kPiece);
@@ -142,6 +140,8 @@ void Transfer::read_exact(Side& side, void* buffer, std::size_t count) {
     }
 }
 
+// A write that moves no byte ends the transfer: a device's card that ends
+// before the image does answers so (or with its own status, which stays).
 void Transfer::write_all(Side& side, const void* bytes, std::size_t count) {
     const auto* p = static_cast<const std::uint8_t*>(bytes);
     while (count > 0) {
@@ -188,47 +188,43 @@ void Transfer::header() {
     seek(source_, 0);
     char signature[kSignatureSize];
     read_exact(source_, signature, sizeof signature);
-    std::uint8_t fields[2 + kHeaderFields];
-    std::size_t field_bytes = kHeaderFields;
-    std::uint8_t* header_fields = fields;
+    std::uint32_t field_bytes = kHeaderFields;
     if (std::memcmp(signature, kSignature12, kSignatureSize) == 0) {
         block_size_ = kBlockSize12;
     } else if (std::memcmp(signature, kSignature15, kSignatureSize) == 0) {
-        read_exact(source_, fields, 2);
-        block_size_ = static_cast<std::uint32_t>(fields[0]) | static_cast<std::uint32_t>(fields[1]) << 8;
-        if (block_size_ == 0 || block_size_ > kMaxBlockSize) throw Failed{kImageRefused};
+        std::uint8_t size[2];
+        read_exact(source_, size, sizeof size);
+        block_size_ = static_cast<std::uint32_t>(size[0]) | static_cast<std::uint32_t>(size[1]) << 8;
+        if (block_size_ > kMaxBlockSize) throw Failed{kKeepError};
         field_bytes += 2;
-        header_fields = fields + 2;
     } else {
-        throw Failed{kImageRefused};
+        throw Failed{kKeepError};
     }
-    read_exact(source_, header_fields, kHeaderFields);
-    map_size_ = load_le32(header_fields + 0);
-    group_count_ = load_le32(header_fields + 4);
-    metadata_size_ = load_le32(header_fields + 12);
-    map_start_ = static_cast<std::uint32_t>(kSignatureSize + field_bytes);
+    std::uint8_t fields[kHeaderFields];
+    read_exact(source_, fields, sizeof fields);
+    map_size_ = load_le32(fields + 0);
+    group_count_ = load_le32(fields + 4);
+    metadata_size_ = load_le32(fields + 12);
+    map_start_ = static_cast<std::uint32_t>(kSignatureSize) + field_bytes;
 
-    // A damaged header must not send the copy anywhere, nor a put an image
-    // the device's card cannot hold: the map covers every group, the map
-    // and metadata lie within the local card (and, on a put, within the
-    // device's when its lookup tells its size), and so does the start of
-    // every group (the last one may reach past the card's end: its map byte
-    // counts the blocks as groups of 8; its copy ends there). A get from a
-    // card smaller than its volume claims is not refused here: it fails
-    // only at a used group past the device card's end.
+    // The one check of the header's sizes: the image must fit the local
+    // card, whose end is fixed. Its map and metadata lie within it, and so
+    // does the start of every group (the last group may reach past the
+    // end: the map counts blocks in groups of 8; its copy ends there). A
+    // get would otherwise write outside the local card, and a put would
+    // send the device a volume whose parts the local card does not hold.
+    // The device's card is not measured: its own replies tell where it ends.
     card_size_ = local_card_size(direction_ == kGet ? destination_.fd : source_.fd);
-    if (direction_ == kPut && device_card_ > 0) card_size_ = std::min<std::uint64_t>(card_size_, device_card_);
-    copy_end_ = device_card_ > 0 ? std::min<std::uint64_t>(card_size_, device_card_) : card_size_;
     const std::uint64_t chunk = static_cast<std::uint64_t>(block_size_) * kBlocksPerGroup;
     const std::uint64_t data_start = static_cast<std::uint64_t>(map_start_) + map_size_ + metadata_size_;
-    if (group_count_ > map_size_ || data_start > card_size_) throw Failed{kImageRefused};
+    if (data_start > card_size_) throw Failed{kImageRefused};
     if (group_count_ > 0 && data_start + (static_cast<std::uint64_t>(group_count_) - 1) * chunk >= card_size_)
         throw Failed{kImageRefused};
 
-    // The header fields now; the signature comes last.
-    seek(source_, static_cast<std::uint32_t>(kSignatureSize));
-    seek(destination_, static_cast<std::uint32_t>(kSignatureSize));
-    write_all(destination_, fields, field_bytes);
+    // The header fields as the source holds them, in one read; the
+    // signature comes last.
+    std::uint8_t again[2 + kHeaderFields];
+    copy(static_cast<std::uint32_t>(kSignatureSize), again, field_bytes);
 }
 
 void Transfer::map_and_metadata() {
@@ -252,25 +248,36 @@ void Transfer::map_and_metadata() {
 
 void Transfer::data() {
     set_state(kPhaseData, 0);
-    const std::uint32_t chunk = block_size_ * kBlocksPerGroup;
-    const std::uint32_t data_start = map_start_ + map_size_ + metadata_size_;
+    const std::uint64_t chunk = static_cast<std::uint64_t>(block_size_) * kBlocksPerGroup;
+    const std::uint64_t data_start = static_cast<std::uint64_t>(map_start_) + map_size_ + metadata_size_;
     auto staging = std::make_unique<std::uint8_t[]>(kMaxBlockSize * kBlocksPerGroup);
     for (std::uint32_t i = 0; i < group_count_; ++i) {
-        const std::uint32_t offset = data_start + i * chunk;
-        // A card's end within the last group ends its copy: nothing is read
-        // or written past either card's end. A used group that starts past
-        // the device's card (a get from a card smaller than its volume
-        // claims) has no bytes to come.
-        if (map_[i] != 0) {
-            if (offset >= copy_end_) throw Failed{kTransferStalled};
-            const std::uint32_t length = static_cast<std::uint32_t>(std::min<std::uint64_t>(chunk, copy_end_ - offset));
-            copy(offset, staging.get(), length);
+        const std::uint64_t offset = data_start + i * chunk;
+        // The local card's end cuts the last group's copy (the header
+        // check keeps every group's start inside the card).
+        const auto length = static_cast<std::uint32_t>(std::min(chunk, card_size_ - offset));
+        const auto at = static_cast<std::uint32_t>(offset);
+        std::memset(staging.get(), 0, length);
+        // A map shorter than the group count leaves the groups past it
+        // unused.
+        if (i < map_size_ && map_[i] != 0) {
+            seek(source_, at);
+            seek(destination_, at);
+            // A read that gives no byte ends the group's copy (the device's
+            // card ends there); the next group goes on. On a get the rest
+            // of the group is zeros on the local card.
+            std::uint32_t moved = 0;
+            while (moved < length) {
+                const std::size_t got = read_some(source_, staging.get() + moved, length - moved);
+                if (got == 0) break;
+                write_all(destination_, staging.get() + moved, got);
+                moved += static_cast<std::uint32_t>(got);
+            }
+            if (direction_ == kGet && moved < length) write_all(destination_, staging.get() + moved, length - moved);
         } else if (direction_ == kGet) {
             // An unused group reads as zeros on the local card, without
             // asking the device.
-            const std::uint32_t length = static_cast<std::uint32_t>(std::min<std::uint64_t>(chunk, card_size_ - offset));
-            seek(destination_, offset);
-            std::memset(staging.get(), 0, length);
+            seek(destination_, at);
             write_all(destination_, staging.get(), length);
         }
         // 100 belongs to the finished transfer: the last group shows 99.
@@ -327,19 +334,16 @@ std::int32_t transfer(session::Session& s, TransferDirection direction) {
 
     modbus_vukra_attributes attributes{};
     if (remotefs::lookup(s, kCardPath, &attributes) != 0) return -1;
-    if ((attributes.words[1] & 3u) == 0) {
-        s.error = kImageRefused;
-        return -1;
-    }
+    // Only the kind bits of the second word are the transfer's business:
+    // what the device says in the other words is its own. An object that
+    // is neither a file nor a device node, and a local card that cannot be
+    // opened, leave the error word as the lookup left it.
+    if ((attributes.words[1] & 3u) == 0) return -1;
     const kernel::Descriptor fd = kernel::open(kCardPath, kOpenReadWrite);
-    if (fd < 0) {
-        s.error = kLocalCardFailed;
-        return -1;
-    }
+    if (fd < 0) return -1;
     const Side remote{&s, -1};
     const Side local{nullptr, fd};
-    Transfer run(s, direction == kGet ? remote : local, direction == kGet ? local : remote, direction,
-                 attributes.words[2]);
+    Transfer run(s, direction == kGet ? remote : local, direction == kGet ? local : remote, direction);
     std::int32_t result = 0;
     try {
         run.run();

@@ -9,13 +9,15 @@
 
 namespace vukra::remotefs {
 
-// Error words of a failed transfer (remote failures leave the error word
-// the failing remote operation set: 513 for a silent device, the device's
-// status otherwise).
+// Error words of a failed transfer. Remote failures leave the error word
+// the failing remote operation set (513 for a silent device, the device's
+// status otherwise); an image the transfer does not take (neither a file
+// nor a device node, an unknown signature, a block size above 512) and a
+// local card that cannot be opened leave it as the lookup left it, 0.
 inline constexpr std::int32_t kTransferCancelled = -11; // cancelfs
-inline constexpr std::int32_t kImageRefused = -12;      // not a file or device, unknown signature, sizes that do not fit
-inline constexpr std::int32_t kTransferStalled = -13;   // a side moved no byte where bytes were due
-inline constexpr std::int32_t kLocalCardFailed = -14;   // the local card could not be opened, read, written or mounted
+inline constexpr std::int32_t kImageRefused = -12;      // map, metadata or a group's start past the local card's end
+inline constexpr std::int32_t kTransferStalled = -13;   // no byte came for the map, metadata or signature, or a write moved none
+inline constexpr std::int32_t kLocalCardFailed = -14;   // the local card could not be read, written or mounted
 
 inline constexpr const char* kCardPath = "/dev/sdcard0";
 inline constexpr const char* kMirrorMount = "/mem";

@@ -12,13 +12,25 @@ namespace vukra::test {
 using namespace vukra::remotefs;
 using namespace vukra::remotefs::server;
 
-FakeCardDevice::FakeCardDevice(std::string image, std::uint32_t kind) : image_(std::move(image)), kind_(kind) {
+FakeCardDevice::FakeCardDevice(std::string image, std::uint32_t kind, std::uint32_t word2)
+    : image_(std::move(image)), kind_(kind), word2_(word2) {
     thread_ = std::thread([this] { serve(); });
 }
 
 FakeCardDevice::~FakeCardDevice() {
     stop_ = true;
     thread_.join();
+}
+
+std::string FakeCardDevice::card() const {
+    std::lock_guard<std::mutex> hold(lock_);
+    return image_;
+}
+
+void FakeCardDevice::cut(std::size_t size, std::int32_t refusal) {
+    std::lock_guard<std::mutex> hold(lock_);
+    image_.resize(std::min(size, image_.size()));
+    refusal_ = refusal;
 }
 
 void FakeCardDevice::serve() {
@@ -41,24 +53,22 @@ void FakeCardDevice::answer(const Bytes& packet) {
     const auto length = static_cast<std::uint32_t>(packet.size() - kFrameHeaderSize);
     alignas(16) std::uint8_t reply[kPayloadCapacity];
     std::int32_t reply_length = -1;
+    std::lock_guard<std::mutex> hold(lock_);
+    ++requests_[code & 15];
     switch (code) {
-    case kOpNull:
-        ++nulls_;
-        reply_length = give(code, reply, StatusReply{0});
-        break;
+    case kOpNull: reply_length = give(code, reply, StatusReply{0}); break;
     case kOpMount: reply_length = give(code, reply, MountReply{1, MountFlags{{0, 1, 1, 1}}, 0}); break;
     case kOpLookup: {
         LookupReply r{};
         r.handle = FileHandle{0, 1};
         r.attributes.words[1] = kind_;
-        r.attributes.words[2] = static_cast<std::uint32_t>(image_.size());
+        r.attributes.words[2] = word2_;
         reply_length = give(code, reply, r);
         break;
     }
     case kOpRead: {
         ReadRequest request;
         if (!take(code, payload, length, request)) return;
-        ++reads_;
         const std::size_t at = std::min(static_cast<std::size_t>(request.position), image_.size());
         const std::size_t count = std::min<std::size_t>({request.count, 1024, image_.size() - at});
         ReadReply r{};
@@ -66,6 +76,15 @@ void FakeCardDevice::answer(const Bytes& packet) {
         r.data = WireBuffer{static_cast<std::int32_t>(count), reinterpret_cast<const std::uint8_t*>(image_.data() + at)};
         r.eof = count == 0 ? 1 : 0;
         reply_length = give(code, reply, r);
+        break;
+    }
+    case kOpWrite: {
+        WriteRequest request;
+        if (!take(code, payload, length, request)) return;
+        const std::size_t at = static_cast<std::size_t>(request.position);
+        const std::size_t count = at < image_.size() ? std::min<std::size_t>(request.count, image_.size() - at) : 0;
+        if (count > 0) image_.replace(at, count, reinterpret_cast<const char*>(request.data.data), count);
+        reply_length = give(code, reply, WriteReply{static_cast<std::uint32_t>(count), count > 0 ? 0 : refusal_});
         break;
     }
     default: reply_length = give_status(code, reply, 29); break;

@@ -1,6 +1,9 @@
-// A device on a pseudo-terminal that answers mount, null, lookup and read
-// from a card image held in memory: for the image transfer's refusals and
-// for counting the timer's status requests.
+// A device on a pseudo-terminal that answers mount, null, lookup, read and
+// write from a card held in memory: for the image transfer (crafted
+// images, cards that end early, writes the card refuses) and for counting
+// the timer's status requests. Its lookup answers the third attribute word
+// with what a device may put there (0x1A4 by default, not the card's
+// size): the transfer must not rely on it.
 #pragma once
 
 #include "support/pty_pair.h"
@@ -8,6 +11,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -15,25 +19,34 @@ namespace vukra::test {
 
 class FakeCardDevice {
 public:
-    // kind: the second attribute word a lookup answers (2: a device node).
-    explicit FakeCardDevice(std::string image, std::uint32_t kind = 2);
+    // kind: the second attribute word a lookup answers (2: a device node);
+    // word2: its third.
+    explicit FakeCardDevice(std::string image, std::uint32_t kind = 2, std::uint32_t word2 = 0x1A4);
     ~FakeCardDevice();
     FakeCardDevice(const FakeCardDevice&) = delete;
     FakeCardDevice& operator=(const FakeCardDevice&) = delete;
 
     const std::string& port() const { return pty_.slave_path; }
-    int nulls() const { return nulls_.load(); }
-    int reads() const { return reads_.load(); }
+    // Requests served of an operation code.
+    int requests(std::uint8_t code) const { return requests_[code & 15].load(); }
+    int nulls() const { return requests(0); }
+    // The card as it stands.
+    std::string card() const;
+    // The card ends at size from now on: reads and writes stop there. A
+    // write that starts at the end moves no byte, or, with refusal non-zero,
+    // is answered with that status.
+    void cut(std::size_t size, std::int32_t refusal = 0);
 
 private:
     void serve();
     void answer(const Bytes& packet);
 
     PtyPair pty_;
+    mutable std::mutex lock_;
     std::string image_;
-    std::uint32_t kind_;
-    std::atomic<int> nulls_{0};
-    std::atomic<int> reads_{0};
+    std::uint32_t kind_, word2_;
+    std::int32_t refusal_ = 0;
+    std::atomic<int> requests_[16] = {};
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };

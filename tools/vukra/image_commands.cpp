@@ -60,11 +60,23 @@ void follow(void* argument) {
     }
 }
 
-// What a failed transfer leaves behind, for the message.
+// What a failed transfer leaves behind, for the message. An image the
+// library does not take and a local card it cannot open leave the error
+// word as the lookup before them left it, 0; so does a reply that cannot
+// be read, which may come later.
 const char* left_behind(bool get, std::int32_t error) {
     if (error == -12) return get ? "neither card was changed" : "the device's card was not changed";
+    if (error == 0) return get ? "when refused, neither card was changed; /mem stays on the device"
+                               : "when refused, the device's card was not changed";
     return get ? "the local card is partly written and /mem stays on the device"
                : "the device's card is partly rewritten: put it again before the device uses it";
+}
+
+// Why a transfer failed, for the message.
+std::string failure(modbus_vukra_session* s) {
+    if (modbus_vukra_op_session_error(s) != 0) return device_status(s);
+    return "the image was refused (not a file or device node, a signature other than \"ufs 1.2\" or \"ufs 1.5\", "
+           "or a block size above 512), the local card could not be opened, or a reply could not be read";
 }
 
 int transfer(Options& o, bool get) {
@@ -97,7 +109,7 @@ int transfer(Options& o, bool get) {
         const std::int32_t error = modbus_vukra_op_session_error(r.session);
         if (error == -11)
             return fail(std::string(label) + " cancelled at Ctrl-C (status -11): " + left_behind(get, error));
-        return fail(std::string(label) + " failed: " + device_status(r.session) + "; " + left_behind(get, error));
+        return fail(std::string(label) + " failed: " + failure(r.session) + "; " + left_behind(get, error));
     }
     if (!o.quiet) {
         std::fflush(stdout);

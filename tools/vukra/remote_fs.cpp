@@ -23,9 +23,9 @@ struct StatusName {
 };
 constexpr StatusName kStatusNames[] = {
     {-11, "cancelled"},
-    {-12, "not a card image the library takes"},
-    {-13, "the source gave no bytes where bytes were due"},
-    {-14, "the local card could not be opened, read, written or mounted"},
+    {-12, "the image does not fit the local card"},
+    {-13, "no bytes came, or none were taken, where bytes were due"},
+    {-14, "the local card could not be read, written or mounted"},
     {-20, "exists, or not empty"},
     {-22, "invalid move"},
     {-29, "refused by the device or filesystem"},
