@@ -2,7 +2,8 @@
 // holds one session):
 //   python_bench_peer reads PORT NAME SECONDS   reads the register NAME
 //       (table.xml in the working directory) as often as it can for
-//       SECONDS through the library and prints the reads per second;
+//       SECONDS through the library and prints the reads per second on
+//       standard error;
 //   python_bench_peer line SIM_PTY              the paced line of
 //       paced_line.h at 400000 baud to the sim: prints the path the
 //       session opens, then, for every line read on standard input, the
@@ -34,7 +35,7 @@ int reads(const char* port, const char* name, double seconds) {
         elapsed = std::chrono::duration<double>(Clock::now() - start).count();
     }
     modbus_vukra_op_session_close(s);
-    std::printf("%.1f\n", count / elapsed);
+    std::fprintf(stderr, "%.1f\n", count / elapsed); // standard output carries the library's lines
     return 0;
 }
 

@@ -125,6 +125,7 @@ class Device:
         self._mounted = False
         self._callback = None            # the ctypes callback object, kept alive while set
         self._cancel_asked = False
+        self._transferring = False
         self._files = weakref.WeakSet()
         self.current_file = None         # the file object whose handle the session holds
         self.port = port
@@ -150,7 +151,10 @@ class Device:
         return self._handle is None
 
     def close(self) -> None:
-        """Closes the session; its files flush what they hold first. Closing twice does nothing."""
+        """Closes the session; its files flush what they hold first, and a transfer running on
+        another thread is cancelled. Closing twice does nothing."""
+        if self._transferring:
+            self.cancel()
         with self._lock:
             if self._handle is None:
                 return
@@ -275,6 +279,7 @@ class Device:
             worker = threading.Thread(target=lambda: result.append(getattr(self._lib, name)(handle)),
                                       name="modbus_vukra " + name[10:], daemon=True)
             self._cancel_asked = False
+            self._transferring = True
             pending = None  # a Ctrl-C, or what the progress callable raised: raised once the transfer stopped
             last = None
             worker.start()
@@ -295,6 +300,7 @@ class Device:
                 except BaseException as error:
                     pending = pending or error
                     self._lib.cancelfs(handle)
+            self._transferring = False
             if pending is not None:
                 raise pending
             if result[0] != 0:

@@ -45,7 +45,14 @@ class LibraryNotFound(VukraError, ImportError):
 
 
 class DeviceTimeout(VukraError, TimeoutError):
-    """The device did not answer within the time-out (error word 513)."""
+    """The device did not answer within the time-out (error word 513; errno ETIMEDOUT)."""
+
+    def __init__(self, message: str, status: int | None = NO_REPLY):
+        TimeoutError.__init__(self, _errno.ETIMEDOUT, message)
+        self.status = status
+
+    def __str__(self) -> str:
+        return self.strerror
 
 
 class TransferCancelled(VukraError):
