@@ -76,7 +76,7 @@ def put(fs, local: str, remote: str) -> None:
                 with fs.open(temporary, "xb") as out:
                     shutil.copyfileobj(source, out, _BLOCK)
                 if fs._call("protected_rename", _encoded(temporary), _encoded(remote)) != 0:
-                    raise fs._fail(f"rename {temporary} to", remote)
+                    raise fs._fail("rename", temporary, path2=remote)
             except BaseException:
                 try:  # best effort: remote is untouched
                     fs._call("protected_remove", _encoded(temporary))

@@ -62,8 +62,8 @@ class TransferCancelled(VukraError):
 class DeviceOSError(VukraError, OSError):
     """A file operation the device refused, as the matching OSError."""
 
-    def __init__(self, code: int, message: str, path: str | None, status: int):
-        OSError.__init__(self, code, message, path)
+    def __init__(self, code: int, message: str, path: str | None, status: int, path2: str | None = None):
+        OSError.__init__(self, code, message, path, None, path2)
         self.status = status
 
     def __str__(self) -> str:
@@ -92,19 +92,21 @@ def status_words(status: int) -> str:
     return f"status {status} ({meaning})" if meaning else f"status {status}"
 
 
-def file_error(status: int, what: str, path: str, exists_means: int = _errno.EEXIST) -> VukraError:
+def file_error(status: int, what: str, path: str, exists_means: int = _errno.EEXIST,
+               path2: str | None = None) -> VukraError:
     """The exception for a file operation that failed with the error word status.
 
     The device says "exists, or not empty" with one word; exists_means says
     which the operation meant (ENOTEMPTY for rmdir and rename).
     """
+    paths = path if path2 is None else f"{path} to {path2}"
     if status == NO_REPLY:
-        return DeviceTimeout(f"cannot {what} {path}: {status_words(status)}", status)
+        return DeviceTimeout(f"cannot {what} {paths}: {status_words(status)}", status)
     code = {-44: _errno.ENOENT, -56: _errno.ENOTDIR, 24: _errno.EISDIR, -20: exists_means,
             -22: _errno.EINVAL, -29: _errno.EACCES, -40: _errno.EMFILE, -43: _errno.ENODEV,
             22: _errno.EACCES}.get(_low_byte_meaning(status))
     if status == 0:
-        return VukraError(f"cannot {what} {path}: the request or the device's reply could not be read", status)
+        return VukraError(f"cannot {what} {paths}: the request or the device's reply could not be read", status)
     if code is None:
-        return VukraError(f"cannot {what} {path}: {status_words(status)}", status)
-    return _oserror_class(code)(code, f"cannot {what}: {status_words(status)}", path, status)
+        return VukraError(f"cannot {what} {paths}: {status_words(status)}", status)
+    return _oserror_class(code)(code, f"cannot {what}: {status_words(status)}", path, status, path2)

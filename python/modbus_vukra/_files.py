@@ -110,8 +110,8 @@ class FileSystem:
             device.current_file = None
             return device.call(export, *arguments)
 
-    def _fail(self, what: str, path: str, exists_means: int = errno.EEXIST):
-        return file_error(self._device.error(), what, path, exists_means)
+    def _fail(self, what: str, path: str, exists_means: int = errno.EEXIST, path2: Optional[str] = None):
+        return file_error(self._device.error(), what, path, exists_means, path2)
 
     def _lookup(self, path: str) -> Optional[tuple]:
         attributes = _library.Attributes()
@@ -238,7 +238,7 @@ class FileSystem:
         o, n = remote_path(old), remote_path(new)
         with self._device._lock:
             if self._call("protected_rename", _encoded(o), _encoded(n)) != 0:
-                raise self._fail(f"rename {o} to", n, errno.ENOTEMPTY)
+                raise self._fail("rename", o, errno.ENOTEMPTY, n)
 
     replace = rename
 

