@@ -86,7 +86,8 @@ def open(port, table: str = TABLE_FILE, timeout: Optional[float] = None) -> "Dev
     table is the register table file, from the caller's working directory
     or absolute; timeout is how long each request waits for its reply: the
     library's 4 seconds (None) is the only one it has, and any other value
-    raises ValueError. Only one session is open per process at a time.
+    raises ValueError. Only one session is open per process at a time. A port
+    that cannot be opened raises the OSError of the system (FileNotFoundError, ...).
     Use it as a context manager, or close() it.
     """
     name = _port_name(port)
@@ -100,6 +101,10 @@ def open(port, table: str = TABLE_FILE, timeout: Optional[float] = None) -> "Dev
             raise TypeError(f"timeout must be a number of seconds or None, not {type(timeout).__name__}")
         if timeout != LIBRARY_TIMEOUT:
             raise ValueError(f"the library waits {LIBRARY_TIMEOUT:g} s for every reply; it cannot wait {timeout} s")
+    if os.name == "posix":
+        # The library gives a session even on a port it cannot open (every
+        # request then fails): the port is tried here first, for a clear error.
+        os.close(os.open(name, os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK))
     from . import _table
     registers = _table.load(table)  # refuses a malformed table before the library sees it
     lib = _library.library()
@@ -290,7 +295,7 @@ class Device:
                     if (pending is not None or self._cancel_asked) and not ended:
                         self._lib.cancelfs(handle)  # asked again: a transfer clears it as it starts
                     self._lib.session_info(handle, words)
-                    seen = (4, 100) if ended and result == [0] else (words[5], words[6])
+                    seen = (words[5], words[6])
                     if progress is not None and pending is None and words[4] == direction \
                             and 1 <= seen[0] <= 4 and seen != last:
                         last = seen

@@ -9,6 +9,7 @@ host-order number; the library puts them on the wire.
 from __future__ import annotations
 
 import math
+import numbers
 import struct
 import xml.etree.ElementTree as ElementTree
 from dataclasses import dataclass
@@ -126,7 +127,7 @@ class Register:
 
     def _check(self, item, kind, low, high):
         if kind is float:
-            if not isinstance(item, (int, float)) or isinstance(item, bool):
+            if not isinstance(item, numbers.Real) or isinstance(item, bool):
                 raise TypeError(f"{self.name} ({self.type}) takes a number, not {type(item).__name__}")
             item = float(item)
             if not math.isfinite(item) or abs(item) > 3.4028234663852886e38:
@@ -134,11 +135,11 @@ class Register:
             return item
         if kind is bool and isinstance(item, bool):
             return int(item)
-        if not isinstance(item, int) or (isinstance(item, bool) and kind is not bool):
+        if not isinstance(item, numbers.Integral) or (isinstance(item, bool) and kind is not bool):
             raise TypeError(f"{self.name} ({self.type}) takes an int, not {type(item).__name__}")
         if not low <= item <= high:
             raise ValueError(f"{item} is out of the range of {self.name} ({self.type}): {low} to {high}")
-        return item
+        return int(item)
 
 
 def load(path: str) -> dict[str, Register]:
