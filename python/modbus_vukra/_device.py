@@ -128,7 +128,7 @@ class Device:
         self._lock = threading.RLock()   # one operation (or one file transfer step) at a time
         self._life = threading.Lock()    # held while the handle is used outside _lock, or cleared
         self._mounted = False
-        self._callback = None            # the ctypes callback object, kept alive while set
+        self._callbacks = []             # the ctypes callback objects, kept alive until the close
         self._cancel_asked = False
         self._transferring = False
         self._files = weakref.WeakSet()
@@ -174,6 +174,7 @@ class Device:
         # Outside the lock: the close waits for a running status callback,
         # which may itself be waiting for the lock.
         self._lib.session_close(handle)
+        self._callbacks = []
 
     def __del__(self):
         try:
@@ -246,7 +247,9 @@ class Device:
         with self._lock:
             if self.call("session_callback", callback) != 0:
                 raise VukraError("cannot set the status callback")
-            self._callback = callback if handler is not None else None
+            # Every callback set stays alive until the session is closed: the
+            # timer thread may be running the one just replaced.
+            self._callbacks.append(callback)
 
     # -- image transfers ----------------------------------------------------
     def cancel(self) -> None:
@@ -279,10 +282,18 @@ class Device:
             if handle is None:
                 raise VukraError("the device is closed")
             words = (ctypes.c_int32 * _library.INFO_WORDS)()
+            transfer, error_word = getattr(self._lib, name), self._lib.session_error
+
+            def run():
+                # The error word at once: once the transfer lets the operations
+                # lock go, the timer's status request (due since long) takes it
+                # and writes its own answer there.
+                code = transfer(handle)
+                result.append((code, error_word(handle) if code != 0 else 0))
+
             # The transfer runs on its own thread, so that this one stays free
             # to follow it and to take a Ctrl-C, which becomes a cancel.
-            worker = threading.Thread(target=lambda: result.append(getattr(self._lib, name)(handle)),
-                                      name="modbus_vukra " + name[10:], daemon=True)
+            worker = threading.Thread(target=run, name="modbus_vukra " + name[10:], daemon=True)
             self._cancel_asked = False
             self._transferring = True
             pending = None  # a Ctrl-C, or what the progress callable raised: raised once the transfer stopped
@@ -308,10 +319,10 @@ class Device:
             self._transferring = False
             if pending is not None:
                 raise pending
-            if result[0] != 0:
-                status = self.error()
+            code, status = result[0]
+            if code != 0:
                 what = "getfs" if direction == 1 else "putfs"
-                if status == CANCELLED:
+                if status == CANCELLED or (status == 0 and self._cancel_asked):
                     raise TransferCancelled(f"{what} cancelled", status)
                 if status == NO_REPLY:
                     raise DeviceTimeout(f"{what} failed: {status_words(status)}", status)
