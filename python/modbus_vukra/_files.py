@@ -17,7 +17,7 @@ from collections import namedtuple
 from typing import Iterator, Optional, Union
 
 from . import _library
-from ._errors import NO_REPLY, DeviceTimeout, VukraError, file_error
+from ._errors import NO_REPLY, VukraError, file_error
 
 # Attribute word 1: what kind of object a node is.
 KIND_FILE, KIND_DEVICE, KIND_CHARACTER, KIND_DIRECTORY, KIND_FIFO, KIND_LINK = 1, 2, 4, 8, 16, 32
@@ -311,15 +311,13 @@ class RemoteFile(io.RawIOBase):
         fs = device.fs
         with device._lock:
             words = fs._lookup(path)
-            if mode == "r" or mode == "a":
-                if words is None:
-                    raise fs._fail("open", path)
-            elif words is not None and mode == "x":
+            status = 0 if words is not None else device.error()
+            if status == NO_REPLY or (words is None and mode == "r"):
+                raise file_error(status, "open", path)
+            if words is not None and mode == "x":
                 raise file_error(-20, "create", path)
             if words is not None and words[1] & KIND_DIRECTORY:
                 raise file_error(24, "open", path)
-            if words is None and device.error() == NO_REPLY:
-                raise DeviceTimeout(f"cannot open {path}: no reply from the device (time-out)", NO_REPLY)
             if mode in ("w", "x") or words is None:
                 if words is not None:  # "w": the file starts again empty
                     if fs._call("protected_remove", _encoded(path)) != 0:
