@@ -146,10 +146,10 @@ def library() -> Library:
                 except (OSError, AttributeError) as error:
                     tried.append(f"{label} ({error})" if os.path.sep in path else label)
             else:
+                if os.environ.get("MODBUS_VUKRA_LIBRARY"):
+                    raise LibraryNotFound("modbus_vukra: cannot load the library named by " + tried[0])
                 here = os.path.dirname(os.path.abspath(__file__))
-                raise LibraryNotFound(
-                    "modbus_vukra: no shared library found; looked at MODBUS_VUKRA_LIBRARY (unset), "
-                    f"beside the package in {here}, and by the system's search: " + "; ".join(tried)
-                    if "MODBUS_VUKRA_LIBRARY" not in os.environ or not os.environ["MODBUS_VUKRA_LIBRARY"]
-                    else "modbus_vukra: cannot load the library named by " + "; ".join(tried))
+                raise LibraryNotFound("modbus_vukra: no shared library found; looked at MODBUS_VUKRA_LIBRARY "
+                                      f"(unset), beside the package in {here}, and by the system's search: "
+                                      + "; ".join(tried))
         return _loaded
