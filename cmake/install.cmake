@@ -44,3 +44,8 @@ if(WIN32)
   install(FILES ${PROJECT_BINARY_DIR}/src/modbus_vukra.def DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
   install(FILES ${PROJECT_SOURCE_DIR}/docs/windows.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT dev)
 endif()
+
+# The Python package (python/modbus_vukra, pure Python over the shared
+# library) where Debian's python3 finds it: component python.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/python/modbus_vukra DESTINATION lib/python3/dist-packages COMPONENT python
+  PATTERN __pycache__ EXCLUDE)

@@ -3,6 +3,7 @@
 #   libmodbus-vukra0     the shared library
 #   libmodbus-vukra-dev  the header, the link name, the CMake package, the pkg-config file
 #   vukra-tools          vukra, vukra-sim, vukra-ufs, vukra-gen, their manual pages, the completion
+#   python3-modbus-vukra the Python package modbus_vukra, over the library's package
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME modbus-vukra)
 set(CPACK_PACKAGE_VENDOR "modbus_vukra")
@@ -13,7 +14,7 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_STRIP_FILES ON)
 
-set(CPACK_COMPONENTS_ALL library dev tools)
+set(CPACK_COMPONENTS_ALL library dev tools python)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
@@ -37,5 +38,12 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "The command-line tools: vukra reads and writes registers and files of a device, vukra-sim plays a
 device on a pseudo-terminal, vukra-ufs prepares SD card images and vukra-gen
 writes the device side's C sources and HTML pages from a register table.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-modbus-vukra)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3, libmodbus-vukra${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "The Python package modbus_vukra: registers by name, the device's files as Python file
+objects and the image transfer with progress, over the shared library through ctypes.")
 
 include(CPack)

@@ -6,3 +6,6 @@ for b in "$build"/bench/*_bench; do
   echo "== $(basename "$b")"
   "$b"
 done
+# The Python package next to the C library, in the same run.
+echo "== python_bench.py"
+/usr/bin/python3 "$(dirname "$0")/../bench/python_bench.py" "$build"

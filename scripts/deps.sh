@@ -12,6 +12,7 @@ packages=(
   chromium python3
   clang libclang-rt-14-dev
   libcli11-dev
+  python3-pytest python3-setuptools python3-pip
   help2man dpkg-dev llvm zip
 )
 

@@ -40,6 +40,7 @@ $libdir/libmodbus_vukra.so.$version
 $libdir/pkgconfig/modbus_vukra.pc
 share/bash-completion/completions/vukra
 $([ "$man_pages" = ON ] && printf 'share/man/man1/%s.1\n' vukra vukra-gen vukra-sim vukra-ufs)
+$(cd "$source/python" && find modbus_vukra -name '*.py' -o -name py.typed | sed 's|^|lib/python3/dist-packages/|')
 LIST
 )
 actual=$(cd "$work/stage" && find . -type f -o -type l | sed 's|^\./||; s|targets-[a-z]*\.cmake$|targets-CONFIG.cmake|' | sort)

@@ -18,8 +18,9 @@ deb() { ls "$work"/out/"$1"_"$version"_*.deb 2>/dev/null | head -n 1; }
 lib=$(deb libmodbus-vukra$major)
 dev=$(deb libmodbus-vukra-dev)
 tools=$(deb vukra-tools)
-for p in "$lib" "$dev" "$tools"; do [ -f "$p" ] && ok || ko "a package is missing: $(ls "$work/out")"; done
-[ -f "$lib" ] && [ -f "$dev" ] && [ -f "$tools" ] || finish
+python=$(deb python3-modbus-vukra)
+for p in "$lib" "$dev" "$tools" "$python"; do [ -f "$p" ] && ok || ko "a package is missing: $(ls "$work/out")"; done
+[ -f "$lib" ] && [ -f "$dev" ] && [ -f "$tools" ] && [ -f "$python" ] || finish
 
 # contents PACKAGE: its files and links, as paths from the root.
 contents() { dpkg-deb -c "$1" | awk '$1 !~ /^d/ {print $6}' | sed 's|^\./|/|' | sort; }
@@ -48,6 +49,8 @@ for need in libc6 libstdc++6; do
   depends "$tools" | grep -q "\b$need\b" && ok || ko "the tools package depends on $need: $(depends "$tools")"
 done
 depends "$dev" | grep -q "libmodbus-vukra$major (= $version)" && ok || ko "the development package needs the library: $(depends "$dev")"
+depends "$python" | grep -q "python3, libmodbus-vukra$major (= $version)" && ok || ko "the Python package needs python3 and the library: $(depends "$python")"
+contents "$python" | grep -qx /usr/lib/python3/dist-packages/modbus_vukra/__init__.py && ok || ko "the Python package: $(contents "$python")"
 dpkg-deb --ctrl-tarfile "$lib" | tar -xO ./shlibs 2>/dev/null | grep -q "^libmodbus_vukra $major libmodbus-vukra$major" &&
   ok || ko "the library package has a shlibs file"
 
@@ -56,5 +59,11 @@ for p in "$lib" "$dev"; do dpkg-deb -x "$p" "$work/root"; done
 root_flags=$(PKG_CONFIG_PATH=$work/root/usr/lib/pkgconfig pkg-config --cflags --libs modbus_vukra)
 printf '#include <modbus_vukra.h>\nint main(void) { return modbus_vukra_op_session_error(0) == 4095 ? 0 : 1; }\n' >"$work/p.c"
 if cc "$work/p.c" $root_flags -o "$work/p" && LD_LIBRARY_PATH=$work/root/usr/lib "$work/p"; then ok; else ko "a program on the unpacked packages"; fi
+
+# The Python package finds the library of its package by the system's search.
+dpkg-deb -x "$python" "$work/root"
+found=$(cd / && env -u MODBUS_VUKRA_LIBRARY PYTHONPATH=$work/root/usr/lib/python3/dist-packages LD_LIBRARY_PATH=$work/root/usr/lib \
+  /usr/bin/python3 -c 'import modbus_vukra; print(modbus_vukra.library().path)' 2>&1)
+[ "$found" = "libmodbus_vukra.so.$major" ] && ok || ko "the Python package from its .deb finds the library: $found"
 
 finish

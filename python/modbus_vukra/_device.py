@@ -1,0 +1,332 @@
+"""The Device: one session with the library, its registers, files and transfers."""
+from __future__ import annotations
+
+import atexit
+import ctypes
+import io
+import logging
+import os
+import shutil
+import tempfile
+import threading
+import weakref
+from typing import Callable, Optional
+
+from . import _library
+from ._errors import CANCELLED, NO_REPLY, DeviceTimeout, TransferCancelled, VukraError, status_words
+from ._registers import Registers
+
+log = logging.getLogger("modbus_vukra")
+
+# The library's reply time-out, fixed inside it for every session.
+LIBRARY_TIMEOUT = 4.0
+TABLE_FILE = "table.xml"
+
+# The working directory is the process's: opens that move it are taken one at a time.
+_directory_lock = threading.Lock()
+
+# The open devices, closed when the interpreter ends: the timer thread must
+# not call a status handler into an interpreter that is going away.
+_open_devices: "weakref.WeakSet[Device]" = weakref.WeakSet()
+
+
+@atexit.register
+def _close_all() -> None:
+    for device in list(_open_devices):
+        device.close()
+
+
+def _port_name(port) -> bytes:
+    if not isinstance(port, (str, bytes, os.PathLike)):
+        raise TypeError(f"port must be a str or a path, not {type(port).__name__}")
+    name = os.fsencode(port)
+    if b"\0" in name or not name:
+        raise ValueError("port must be a non-empty name without NUL")
+    return name
+
+
+def _open_with_table(lib, port: bytes, table: str):
+    """Opens a session whose register table is the file table.
+
+    The library reads "table.xml" from the working directory when it opens
+    a session. As the command-line tools let --table name any file, so does
+    open: when table is not ./table.xml already, the working directory
+    moves for the duration of the open call to a directory holding the
+    table as "table.xml" (its own directory when it bears that name, else a
+    scratch directory with a copy), and comes back before open returns.
+    The working directory belongs to the whole process: while the open
+    runs, another thread's relative paths resolve there, and opens are
+    taken one at a time.
+    """
+    table = os.path.abspath(table)
+    here = os.getcwd()
+    if os.path.dirname(table) == here and os.path.basename(table) == TABLE_FILE:
+        return lib.session_open(port)
+    with _directory_lock:
+        scratch = None
+        try:
+            if os.path.basename(table) == TABLE_FILE:
+                directory = os.path.dirname(table)
+            else:
+                scratch = directory = tempfile.mkdtemp(prefix="modbus_vukra-")
+                shutil.copyfile(table, os.path.join(scratch, TABLE_FILE))
+            os.chdir(directory)
+            try:
+                return lib.session_open(port)
+            finally:
+                os.chdir(here)
+        finally:
+            if scratch is not None:
+                shutil.rmtree(scratch, ignore_errors=True)
+
+
+def open(port, table: str = TABLE_FILE, timeout: Optional[float] = None) -> "Device":  # noqa: A001
+    """Opens a session with the device on the serial port (a device path, or "COM1" on Windows).
+
+    table is the register table file, from the caller's working directory
+    or absolute; timeout is how long each request waits for its reply: the
+    library's 4 seconds (None) is the only one it has, and any other value
+    raises ValueError. Only one session is open per process at a time. A port
+    that cannot be opened raises the OSError of the system (FileNotFoundError, ...).
+    Use it as a context manager, or close() it.
+    """
+    name = _port_name(port)
+    if not isinstance(table, (str, os.PathLike)):
+        raise TypeError(f"table must be a path, not {type(table).__name__}")
+    table = os.fspath(table)
+    if "\0" in table:
+        raise ValueError("table must not hold NUL")
+    if timeout is not None:
+        if not isinstance(timeout, (int, float)) or isinstance(timeout, bool):
+            raise TypeError(f"timeout must be a number of seconds or None, not {type(timeout).__name__}")
+        if timeout != LIBRARY_TIMEOUT:
+            raise ValueError(f"the library waits {LIBRARY_TIMEOUT:g} s for every reply; it cannot wait {timeout} s")
+    if os.name == "posix":
+        # The library gives a session even on a port it cannot open (every
+        # request then fails): the port is tried here first, for a clear error.
+        os.close(os.open(name, os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK))
+    from . import _table
+    registers = _table.load(table)  # refuses a malformed table before the library sees it
+    lib = _library.library()
+    handle = _open_with_table(lib, name, table)
+    if not handle:
+        raise VukraError(f"cannot open a session on {os.fsdecode(name)} (the port cannot be opened, "
+                         "or another session of this process is open)")
+    return Device(lib, handle, os.fsdecode(name), table, registers)
+
+
+class Device:
+    """A session with one device: registers, files, image transfers, notifications.
+
+    Calls from several threads are taken one at a time; cancel() may come
+    from any thread at any moment.
+    """
+
+    def __init__(self, lib, handle: int, port: str, table: str, registers):
+        self._lib = lib
+        self._handle: Optional[int] = handle
+        self._lock = threading.RLock()   # one operation (or one file transfer step) at a time
+        self._life = threading.Lock()    # held while the handle is used outside _lock, or cleared
+        self._mounted = False
+        self._callbacks = []             # the ctypes callback objects, kept alive until the close
+        self._cancel_asked = False
+        self._transferring = False
+        self._files = weakref.WeakSet()
+        self.current_file = None         # the file object whose handle the session holds
+        self.port = port
+        self.table = table
+        self.timeout = LIBRARY_TIMEOUT
+        self.registers = Registers(self, registers)
+        from ._files import FileSystem
+        self.fs = FileSystem(self)
+        _open_devices.add(self)
+
+    # -- life ---------------------------------------------------------------
+    def __enter__(self) -> "Device":
+        return self
+
+    def __exit__(self, *exc) -> None:
+        self.close()
+
+    def __repr__(self) -> str:
+        return f"<modbus_vukra.Device {self.port} {'closed' if self.closed else 'open'}>"
+
+    @property
+    def closed(self) -> bool:
+        return self._handle is None
+
+    def close(self) -> None:
+        """Closes the session; its files flush what they hold first, and a transfer running on
+        another thread is cancelled. Closing twice does nothing."""
+        if self._transferring:
+            self.cancel()
+        with self._lock:
+            if self._handle is None:
+                return
+            # The outer objects first: their buffers flush into the raw files.
+            for f in sorted(self._files, key=lambda f: isinstance(f, io.RawIOBase)):
+                try:
+                    f.close()
+                except Exception as error:  # the device may be gone: the session closes anyway
+                    log.warning("modbus_vukra: closing %s: %s", getattr(f, "name", "a file"), error)
+            with self._life:
+                handle, self._handle = self._handle, None
+        # Outside the lock: the close waits for a running status callback,
+        # which may itself be waiting for the lock.
+        self._lib.session_close(handle)
+        self._callbacks = []
+
+    def __del__(self):
+        try:
+            self.close()
+        except Exception:
+            pass
+
+    def call(self, name: str, *arguments):
+        """Calls the export name on this session under the device's lock."""
+        with self._lock:
+            if self._handle is None:
+                raise VukraError("the device is closed")
+            return getattr(self._lib, name)(self._handle, *arguments)
+
+    def error(self) -> int:
+        """The session's error word: the status of the last operation."""
+        return self.call("session_error")
+
+    def info(self) -> list[int]:
+        """The seven words of session_info: flags, duration, bits per second, direction, phase, progress."""
+        words = (ctypes.c_int32 * _library.INFO_WORDS)()
+        with self._life:
+            if self._handle is None:
+                raise VukraError("the device is closed")
+            self._lib.session_info(self._handle, words)
+        return list(words)
+
+    def ping(self) -> None:
+        """The status request; raises when the device does not answer or answers a failure."""
+        if self.call("protected_null") != 0:
+            self._raise_status("reach", "the device")
+
+    def mount(self) -> None:
+        """Mounts the device's filesystem (the file calls do it on first use); from then on the
+        session's timer sends a status request once a second and on_status hears of each."""
+        with self._lock:
+            if self._handle is None:
+                raise VukraError("the device is closed")
+            if not self._mounted:
+                if self.call("protected_mount") != 0:
+                    self._raise_status("mount", "the device's filesystem")
+                self._mounted = True
+
+    def _raise_status(self, what: str, target: str):
+        status = self.error()
+        if status == NO_REPLY:
+            raise DeviceTimeout(f"cannot {what} {target}: {status_words(status)}", status)
+        raise VukraError(f"cannot {what} {target}: {status_words(status)}", status)
+
+    # -- notifications ------------------------------------------------------
+    def on_status(self, handler: Optional[Callable[["Device", int], None]]) -> None:
+        """Calls handler(device, status) on the session's timer thread after each once-a-second status
+        request while mounted (status 0 is an answer, 513 none); None stops it. The handler should return
+        promptly; an exception in it is logged on the "modbus_vukra" logger."""
+        if handler is not None and not callable(handler):
+            raise TypeError("on_status takes a callable or None")
+        device = weakref.ref(self)
+        lib = self._lib
+
+        def deliver(session):
+            # On the timer thread; ctypes holds the GIL while this runs.
+            try:
+                target = device()
+                if target is not None:
+                    handler(target, lib.session_error(session))
+            except BaseException:
+                log.exception("modbus_vukra: the on_status handler raised")
+
+        callback = _library.CALLBACK(deliver) if handler is not None else _library.CALLBACK()
+        with self._lock:
+            if self.call("session_callback", callback) != 0:
+                raise VukraError("cannot set the status callback")
+            # Every callback set stays alive until the session is closed: the
+            # timer thread may be running the one just replaced.
+            self._callbacks.append(callback)
+
+    # -- image transfers ----------------------------------------------------
+    def cancel(self) -> None:
+        """Asks a running getfs or putfs to stop (it then raises TransferCancelled); from any thread."""
+        self._cancel_asked = True
+        with self._life:
+            if self._handle is not None:
+                self._lib.cancelfs(self._handle)
+
+    def getfs(self, progress: Optional[Callable[[int, int], None]] = None) -> None:
+        """Copies the device's whole card into the library's local card ("sdcard0.o" in the working
+        directory) and mounts it on "/mem": from then on paths holding "/mem" are served from that copy.
+        progress(phase, percent) hears the transfer (phase 1 header, 2 data, 3 signature, 4 done).
+        cancel() or Ctrl-C stops it: TransferCancelled, or KeyboardInterrupt once the session is usable."""
+        self._transfer("protected_getfs", 1, progress)
+
+    def putfs(self, progress: Optional[Callable[[int, int], None]] = None) -> None:
+        """Copies the local card back to the device after a getfs; as getfs for progress and cancel.
+        A failed or cancelled put leaves the device's card partly written: put it again."""
+        self._transfer("protected_putfs", 2, progress)
+
+    def _transfer(self, name: str, direction: int, progress) -> None:
+        if progress is not None and not callable(progress):
+            raise TypeError("progress must be a callable or None")
+        with self._lock:
+            self.mount()
+            self.current_file = None
+            result = []
+            handle = self._handle  # valid throughout: close waits for the lock
+            if handle is None:
+                raise VukraError("the device is closed")
+            words = (ctypes.c_int32 * _library.INFO_WORDS)()
+            transfer, error_word = getattr(self._lib, name), self._lib.session_error
+
+            def run():
+                # The error word at once: once the transfer lets the operations
+                # lock go, the timer's status request (due since long) takes it
+                # and writes its own answer there.
+                code = transfer(handle)
+                result.append((code, error_word(handle) if code != 0 else 0))
+
+            # The transfer runs on its own thread, so that this one stays free
+            # to follow it and to take a Ctrl-C, which becomes a cancel.
+            worker = threading.Thread(target=run, name="modbus_vukra " + name[10:], daemon=True)
+            self._cancel_asked = False
+            self._transferring = True
+            pending = None  # a Ctrl-C, or what the progress callable raised: raised once the transfer stopped
+            last = None
+            worker.start()
+            while True:
+                try:
+                    worker.join(0.1)
+                    ended = not worker.is_alive()
+                    if (pending is not None or self._cancel_asked) and not ended:
+                        self._lib.cancelfs(handle)  # asked again: a transfer clears it as it starts
+                    self._lib.session_info(handle, words)
+                    seen = (words[5], words[6])
+                    if progress is not None and pending is None and words[4] == direction \
+                            and 1 <= seen[0] <= 4 and seen != last:
+                        last = seen
+                        progress(*seen)
+                    if ended:
+                        break
+                except BaseException as error:
+                    pending = pending or error
+                    self._lib.cancelfs(handle)
+            self._transferring = False
+            if pending is not None:
+                raise pending
+            code, status = result[0]
+            if code != 0:
+                what = "getfs" if direction == 1 else "putfs"
+                if status == CANCELLED or (status == 0 and self._cancel_asked):
+                    raise TransferCancelled(f"{what} cancelled", status)
+                if status == NO_REPLY:
+                    raise DeviceTimeout(f"{what} failed: {status_words(status)}", status)
+                raise VukraError(f"{what} failed: {status_words(status)}", status)
+
+
+__all__ = ["Device", "open"]
