@@ -226,6 +226,7 @@ std::string device_path_check(const std::string& word) {
 }
 
 std::string local_path_check(const std::string& word) {
+    if (word.empty()) return "an empty local path";
     // Only a path below a first directory: "/x.txt" is a file in the root.
     const std::size_t second = word.find('/', 1);
     if (word.size() < 2 || word[0] != '/' || word[1] == '/' || second == std::string::npos) return "";
