@@ -78,6 +78,9 @@ printf 'written under /mem by the demo\n' >notes.txt
 # transfer.
 echo "-- vukra fs getfs + fs put notes.txt /mem/etc/notes.txt + fs cat /mem/etc/notes.txt + fs putfs"
 "$vukra" -p "$card_port" fs getfs + fs put notes.txt /mem/etc/notes.txt + fs cat /mem/etc/notes.txt + fs putfs
+echo "-- vukra fs get -r /mem card-files (the card's tree, file by file)"
+"$vukra" -p "$card_port" fs get -r /mem card-files
+find card-files | sort
 echo "-- vukra watch (the device's status each second; Ctrl-C after 2.5 s)"
 timeout -s INT 2.5 "$vukra" -p "$card_port" watch || true
 kill "$card_sim" && wait "$card_sim" || true # the emulator writes the card back as it ends

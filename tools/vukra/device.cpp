@@ -35,6 +35,8 @@ std::FILE* data_stream(Options& options) {
         dup2(lines, STDOUT_FILENO);
         close(lines);
     }
+    // Line by line, as standard error goes, so that they keep their order with the tool's own lines.
+    if (options.verbose) std::setvbuf(stdout, nullptr, _IOLBF, 0);
     return options.data = out;
 }
 
