@@ -343,7 +343,8 @@ void add_fs_commands(CLI::App& app, Options& options) {
     CLI::App* get_cmd = group->add_subcommand(
         "get", "copy a device file to LOCAL (\"-\": standard output); -r: a directory and all below it");
     get_cmd->add_flag("-r,--recursive", words->recursive,
-                      "copy the directory REMOTE to the directory LOCAL (made when missing), file by file");
+                      "what the directory REMOTE holds, all below it, into the directory LOCAL (made when\n"
+                      "missing), file by file");
     remote_word(get_cmd, "REMOTE", words->path, "a file (with -r a directory) on the device")->required();
     get_cmd->add_option("LOCAL", words->other, "the local file, replaced only once complete")
         ->required()
@@ -355,7 +356,8 @@ void add_fs_commands(CLI::App& app, Options& options) {
     CLI::App* put_cmd = group->add_subcommand(
         "put", "copy LOCAL to a device file, replaced only once complete; -r: a directory and all below it");
     put_cmd->add_flag("-r,--recursive", words->recursive,
-                      "copy the directory LOCAL to the directory REMOTE (made when missing), file by file");
+                      "what the directory LOCAL holds, all below it, into the directory REMOTE (made when\n"
+                      "missing), file by file");
     put_cmd->add_option("LOCAL", words->other, "a local file (with -r a directory)")->required()->check(local_path);
     remote_word(put_cmd, "REMOTE", words->path, "the file on the device")->required();
     choose(put_cmd, o, [&o, words] {

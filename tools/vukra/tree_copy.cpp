@@ -16,6 +16,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <system_error>
@@ -34,8 +35,6 @@ struct Entry {
     bool directory = false;
     std::uint64_t size = 0;
 };
-
-std::string utf8(const fs::path& p) { return shown(p); }
 
 fs::path local_name(const std::string& utf8_name) {
     return fs::path(std::u8string(utf8_name.begin(), utf8_name.end()));
@@ -60,10 +59,17 @@ int into_itself(const std::string& source, const std::string& destination) {
     return fail("cannot copy " + source + " into " + destination + ": that lies inside it (a directory into itself)");
 }
 
-// A name the host's files cannot have: empty, or one Windows refuses.
+// A name the host's files cannot have: empty, or one Windows refuses
+// (its reserved characters, or bytes that are not UTF-8 and so have no
+// wide form).
 bool bad_local_name(const std::string& name) {
 #if defined(_WIN32)
     if (name.find_first_of("<>:\"\\|?*") != std::string::npos) return true;
+    try {
+        (void)local_name(name);
+    } catch (const std::exception&) {
+        return true;
+    }
 #endif
     return name.empty();
 }
@@ -144,8 +150,8 @@ int local_directory(const fs::path& path) {
     std::error_code e;
     if (fs::is_directory(path, e)) return 0;
     if (fs::exists(fs::symlink_status(path, e)))
-        return fail("cannot copy into " + utf8(path) + ": it is not a directory");
-    if (!fs::create_directory(path, e) && e) return fail("cannot make the directory " + utf8(path) + ": " + e.message());
+        return fail("cannot copy into " + shown(path) + ": it is not a directory");
+    if (!fs::create_directory(path, e) && e) return fail("cannot make the directory " + shown(path) + ": " + e.message());
     return 0;
 }
 
