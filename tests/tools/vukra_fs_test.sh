@@ -59,7 +59,6 @@ printf 'x\n' >"tree/a b/x.txt"
 check "put -r of a tree" fs put -r tree /mem/tree
 check "get -r of it back" fs get -r /mem/tree back
 check "the tree came back whole" diff -r tree back
-[ "$(find tree | wc -l)" = "$(find back | wc -l)" ] && ok || ko "the empty file and directory came back"
 fs tree /mem/tree | grep -q vukra- && ko "a tree copy left temporary files" || ok
 if command -v script >/dev/null; then
   script -qc "'$vukra' -p '$PTY_PATH' fs get -r /mem/tree tty.tree" /dev/null >tty.out 2>&1
