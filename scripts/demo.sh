@@ -2,7 +2,8 @@
 # The demonstration of `make demo`, on a finished native build: vukra-sim
 # plays the device of examples/table.xml on a pseudo-terminal, and the vukra
 # command line reads and writes registers of every type through the
-# library, showing each frame that goes over the line; then a second
+# library (one read with -v shows the frames that go over the line, the
+# others only their values); then a second
 # vukra-sim serves an SD card image, which vukra copies, changes under /mem
 # and writes back in one session.
 set -eu
@@ -23,15 +24,16 @@ step "SLIP packets both ways on a pseudo-terminal"
 start_pty_program sim.out "$build/tools/vukra-sim" --table table.xml 2>sim.err
 port=$PTY_PATH
 step "vukra-sim plays the device on $port"
-cat sim.err
 
 step "The register table"
 "$vukra" reg list
 
-step "Reading every register (the frames on the line, then the value)"
-for name in setpoint offset_trim heater_on cycle_count energy uptime gain temperature probe_raw alarm history serial_number; do
-  "$vukra" -p "$port" reg read "$name"
-done
+step "One read with -v: the library's lines about the exchange (the frames on the line), then the value"
+"$vukra" -v -p "$port" reg read setpoint
+
+step "Reading every register (quiet by default: only the values)"
+"$vukra" -p "$port" reg read setpoint offset_trim heater_on cycle_count energy uptime gain temperature probe_raw \
+  alarm history serial_number
 
 step "Writing the writable registers, then reading them back"
 "$vukra" -p "$port" reg write setpoint 19.75
@@ -40,7 +42,7 @@ step "Writing the writable registers, then reading them back"
 "$vukra" -p "$port" reg write energy -2000000000
 "$vukra" -p "$port" reg write gain 1.25
 "$vukra" -p "$port" reg write alarm 1
-"$vukra" -q -p "$port" reg read setpoint offset_trim heater_on energy gain alarm
+"$vukra" -p "$port" reg read setpoint offset_trim heater_on energy gain alarm
 
 step "The device side's C sources and the HTML pages, from the same table"
 "$build/tools/vukra-gen" table.xml --all --host device.local --port "$port" >/dev/null
@@ -69,15 +71,18 @@ step "The card on a device: copied whole, changed under /mem, written back"
 start_pty_program card-sim.out "$build/tools/vukra-sim" --table table.xml --image card.o --baud 115200 2>card-sim.err
 card_port=$PTY_PATH card_sim=$PTY_PID
 echo "-- vukra fs ls /mem"
-"$vukra" -q -p "$card_port" fs ls /mem
+"$vukra" -p "$card_port" fs ls /mem
 printf 'written under /mem by the demo\n' >notes.txt
 # One session for the four commands: after getfs, /mem paths are the local
-# copy until putfs. The library's lines on stderr: the port, the copy's
-# listing of /mem, the timer thread's end; on a terminal a progress line.
+# copy until putfs. On a terminal a progress line and a summary for each
+# transfer.
 echo "-- vukra fs getfs + fs put notes.txt /mem/etc/notes.txt + fs cat /mem/etc/notes.txt + fs putfs"
 "$vukra" -p "$card_port" fs getfs + fs put notes.txt /mem/etc/notes.txt + fs cat /mem/etc/notes.txt + fs putfs
+echo "-- vukra fs get -r /mem card-files (the card's tree, file by file)"
+"$vukra" -p "$card_port" fs get -r /mem card-files
+find card-files | sort
 echo "-- vukra watch (the device's status each second; Ctrl-C after 2.5 s)"
-timeout -s INT 2.5 "$vukra" -q -p "$card_port" watch || true
+timeout -s INT 2.5 "$vukra" -p "$card_port" watch || true
 kill "$card_sim" && wait "$card_sim" || true # the emulator writes the card back as it ends
 echo "-- the emulator has ended and written its card back: vukra-ufs card.o tree, cat /etc/notes.txt"
 "$ufs" card.o tree

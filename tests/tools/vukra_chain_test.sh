@@ -40,9 +40,11 @@ v fs getfs + fs ls /mem/etc + fs put notes.txt /mem/etc/notes.txt + fs cat /mem/
 rc=$?
 [ $rc = 0 ] && [ "$(cat chain.out)" = "$(printf 'hello.txt\nnotes of the day')" ] && ok ||
   ko "the chain (status $rc): $(cat chain.out chain.err)"
-"$vukra" -p "$PTY_PATH" fs getfs + fs putfs >loud.out 2>loud.err
+"$vukra" -v -p "$PTY_PATH" fs getfs + fs putfs >loud.out 2>loud.err
 grep -q '^getfs: done in .* bytes/s' loud.err && grep -q '^putfs: done' loud.err && [ ! -s loud.out ] && ok ||
   ko "the transfers' summaries on stderr: $(cat loud.err)"
+"$vukra" -p "$PTY_PATH" fs getfs + fs ls /mem + fs putfs >quiet.out 2>quiet.err
+[ -s quiet.out ] && [ ! -s quiet.err ] && ok || ko "a chain is quiet on success: $(cat quiet.err)"
 
 # A failing command ends the chain: the ones after it do not run.
 "$vukra" -p "$PTY_PATH" fs ls /mem + fs cat /mem/missing + fs put hello.txt /mem/after.txt >fail.out 2>fail.err

@@ -71,10 +71,17 @@ fails "vukra-gen without a table" "" "$gen"
 fails "vukra-gen --html-live without --host" "" "$gen" table.xml --html-live x.html
 fails "vukra-gen with an unknown option" "" "$gen" table.xml --frob
 
-# Standard output holds only the data; the library's lines go to stderr, or nowhere with -q.
-gives "reg read -q" "offset_trim = -12" "$vukra" -q -p "$port" reg read offset_trim
-gives "reg read without -q" "offset_trim = -12" "$vukra" -p "$port" reg read offset_trim
-if grep -q "Frame : \[:" "$work/e"; then ok; else ko "the frames go to stderr without -q"; fi
+# Standard output holds only the data; the library's lines go to stderr with -v, else nowhere.
+for q in -q "" -v; do
+  gives "reg read $q" "offset_trim = -12" "$vukra" $q -p "$port" reg read offset_trim
+  if [ "$(grep -c -e "Frame : \[:" -e '^read -12$' "$work/e")" = "$([ "$q" = -v ] && echo 3 || echo 0)" ] &&
+     { [ "$q" = -v ] || [ ! -s "$work/e" ]; }; then ok; else ko "reg read $q: stderr $(cat "$work/e")"; fi
+done
+start_pty_program quiet.out "$sim" --table table.xml 2>quiet.err && [ ! -s quiet.err ] && ok || ko "vukra-sim is quiet"
+start_pty_program loud.out "$sim" -v --table table.xml 2>loud.err && grep -q "13 registers from table.xml" loud.err &&
+  ok || ko "vukra-sim -v shows what it serves: $(cat loud.err)"
+# Words starting with "/" are paths on every build, never Windows-style options.
+gives "--table /x" "offset_trim = -12" "$vukra" --table "$work/table.xml" -q -p "$port" reg read offset_trim
 
 # A malformed table ends every tool with the reader's message on stderr and a failure status.
 printf '<root><config/><type_list></types></root>' >bad.xml
@@ -105,7 +112,7 @@ gives "blanks in a buffer" "three = 1 -2 3" "$vukra" -q --table big.xml -p "$big
 gives "a 100-element buffer is shown whole" "long = $values" "$vukra" -q --table big.xml -p "$big" reg read long
 
 # The table says what may be done, and one request must carry the value.
-says "a write of an R register" 'read-only' "$vukra" -p "$port" reg write cycle_count 5
+says "a write of an R register" 'read-only' "$vukra" -v -p "$port" reg write cycle_count 5
 if ! grep -q "Frame" "$work/e"; then ok; else ko "nothing is sent for a refused write"; fi
 says "the device refuses it too" "exception 2 (illegal data address)" "$vukra" --table open.xml -p "$port" reg write cycle_count 5
 says "a read of a W register" 'write-only' "$vukra" -p "$port" reg read reset

@@ -23,7 +23,7 @@ cp card.o spare.o
 
 start_pty_program sim.out "$sim" --table table.xml --image card.o 2>sim.err || exit 1
 fs() { "$vukra" -q -p "$PTY_PATH" fs "$@"; }
-loud() { "$vukra" -p "$PTY_PATH" fs "$@"; } # the library's lines on stderr
+loud() { "$vukra" -v -p "$PTY_PATH" fs "$@"; } # the library's lines on stderr
 
 # Files in and out.
 free_before=$(fs df /mem | sed -n 's/^free blocks *//p')
@@ -32,12 +32,16 @@ check "get it back" fs get /mem/big.bin big.out
 check "byte-identical" cmp big.bin big.out
 loud get /mem/big.bin - >big.stdout 2>loud.err
 check "get to standard output: only the file's bytes" cmp big.bin big.stdout
-check "the library's lines went to stderr" test -s loud.err
+check "the library's lines went to stderr with -v" grep -q ready loud.err
+"$vukra" -p "$PTY_PATH" fs get /mem/big.bin big.out 2>quiet.err
+check "and nowhere without it" test ! -s quiet.err
 grep -q 'bytes/s' loud.err && ko "a progress line on a stderr that is no terminal" || ok
 if command -v script >/dev/null; then # a terminal for stderr
-  script -qc "'$vukra' -p '$PTY_PATH' fs get /mem/big.bin big.tty" /dev/null >tty.out 2>&1
-  tr '\r' '\n' <tty.out | grep -q '^/mem/big.bin: 102400 of 102400 bytes (100%), [0-9]* bytes/s' && ok ||
-    ko "no progress line on a terminal: $(tr '\r' '\n' <tty.out | tail -3)"
+  for q in "" -q; do
+    script -qc "'$vukra' $q -p '$PTY_PATH' fs get /mem/big.bin big.tty" /dev/null >tty.out 2>&1
+    lines=$(tr '\r' '\n' <tty.out | grep -c '^/mem/big.bin: 102400 of 102400 bytes (100%), [0-9]* bytes/s')
+    [ "$lines" = "$([ -z "$q" ] && echo 1 || echo 0)" ] && ok || ko "progress line on a terminal ($q): $(tail -3 tty.out)"
+  done
 fi
 loud cat /mem/big.bin >cat.out 2>/dev/null
 check "cat of a binary file is exactly the file" cmp big.bin cat.out
@@ -48,6 +52,41 @@ check "the file is the new one" cmp other.bin other.out
 fs ls /mem | grep -q vukra-put && ko "put left its temporary file" || ok
 check "put into a directory by relative path" fs put hello.txt mem/docs/again.txt
 [ "$(fs cat /mem/docs/again.txt)" = hello ] && ok || ko "the relative path is from the root"
+
+# Trees: spaces, UTF-8, empty files and directories, both ways byte for byte.
+mkdir -p "tree/empty dir" "tree/a b/été" && : >"tree/empty file" && cp big.bin "tree/a b/été/ü big.bin"
+printf 'x\n' >"tree/a b/x.txt"
+check "put -r of a tree" fs put -r tree /mem/tree
+check "get -r of it back" fs get -r /mem/tree back
+check "the tree came back whole" diff -r tree back
+fs tree /mem/tree | grep -q vukra- && ko "a tree copy left temporary files" || ok
+if command -v script >/dev/null; then
+  script -qc "'$vukra' -p '$PTY_PATH' fs get -r /mem/tree tty.tree" /dev/null >tty.out 2>&1
+  [ "$(tr '\r' '\n' <tty.out | grep -c '^/mem/tree: 102402 of 102402 bytes (100%)')" = 1 ] && ok ||
+    ko "one progress line over the tree: $(tail -3 tty.out)"
+fi
+ln -s "$work/tree" tree/loop
+# What is refused before anything is copied (status 2 for a word that reads wrong).
+while IFS='|' read -r rc pattern args; do
+  eval "set -- $args"
+  "$vukra" -q -p "$PTY_PATH" fs "$@" >o 2>e </dev/null
+  got=$?
+  [ $got = "$rc" ] && grep -q -- "$pattern" e && [ "$(wc -l <e)" = 1 ] && [ ! -s o ] && ok || ko "fs $args ($got): $(cat e)"
+done <<'TABLE'
+2|Windows path|ls 'C:\mem'
+2|Windows path|put hello.txt 'mem\docs\x.txt'
+2|reads as a device path: there is no local /mem|get /mem/big.bin /mem/big.bin
+2|reads as a device path|put -r /mem/tree /mem/tree2
+1|lies inside it|put -r "$work/tree" "$work/tree/in"
+1|lies inside it|get -r /dev /dev/shm/x
+1|tree/loop is a link to a directory|put -r tree /mem/tree3
+1|is not a directory: fs put without -r|put -r hello.txt /mem/x
+1|is not a directory: fs get without -r|get -r /mem/big.bin x
+1|device, not a file nor a directory; nothing was copied|get -r /dev devices
+TABLE
+rm tree/loop
+fs ls /mem | grep -q tree3 && ko "a refused tree copy made its directory" || ok
+[ ! -e devices ] && ok || ko "a refused get -r made its directory"
 
 # Listings: 150 entries come in several pages.
 seq -w 1 150 | sed 's/^/entry-/' >many.expected
@@ -94,7 +133,7 @@ fails "rmdir of a non-empty directory" "/mem/many.*status -20" fs rmdir /mem/man
 fails "rm of a directory" "/mem/many.*status 24" fs rm /mem/many
 fails "cat of a directory" "/mem/docs.*directory" fs cat /mem/docs
 fails "put of a missing local file" "nothing.bin" fs put nothing.bin /mem/big.bin
-fails "put of a directory" "is not a regular file" fs put . /mem/big.bin
+fails "put of a directory" "is a directory: fs put -r" fs put . /mem/big.bin
 fails "put into a missing directory" "/mem/none/x.*status" fs put hello.txt /mem/none/x
 fails "get into a directory" "is a directory" fs get /mem/big.bin .
 fails "mv of a missing file" "/mem/missing" fs mv /mem/missing /mem/other
@@ -132,6 +171,13 @@ fails "get from a vanishing device" "/mem/big.bin.*513" fs get /mem/big.bin kept
 stop_sim
 check "a failed get left the local file as it was" cmp other.bin kept.bin
 ls -A | grep -q vukra-get && ko "a failed get left its temporary file" || ok
+
+# A device that vanishes in a tree copy: the file is named, status 1, no half-written final name.
+"$ufs" spare.o mkdir /t >/dev/null && "$ufs" spare.o put big.bin /t/big.bin >/dev/null || exit 1
+start_pty_program drop.out "$sim" --table table.xml --image spare.o --drop-after 15 2>/dev/null || exit 1
+fails "get -r from a vanishing device" "/mem/t/big.bin.*513" fs get -r /mem/t partial
+[ ! -e partial/big.bin ] && ! ls -A partial | grep -q vukra-get && ok || ko "a failed get -r left a partial file"
+stop_sim
 
 # A device whose listing never ends: ls and tree give up with one line.
 start_pty_program endless.out "$sim" --table table.xml --image spare.o --endless-listing 2>/dev/null || exit 1

@@ -1,6 +1,9 @@
 // How every tool reads its command line: --help and --version print and end
 // the program with status 0; anything the parser refuses ends it with
 // status 2 and one line on standard error, "TOOL: <why> (see TOOL --help)".
+// Every word is read the POSIX way on every build: a Windows build of CLI11
+// would otherwise take "/mem" or "/tmp/x" for a "/option", so that device
+// paths, --table /x and local files from the root could not be named.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -12,7 +15,13 @@
 
 namespace vukra::tools {
 
+inline void no_windows_style_options(CLI::App& app) {
+    app.allow_windows_style_options(false);
+    for (CLI::App* sub : app.get_subcommands([](CLI::App*) { return true; })) no_windows_style_options(*sub);
+}
+
 inline void parse_command_line(CLI::App& app, int argc, char** argv) {
+    no_windows_style_options(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

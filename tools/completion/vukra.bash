@@ -1,6 +1,7 @@
 # bash completion for vukra: command groups and their verbs, the options,
 # serial ports after -p, tables after --table, register names from the
-# table in use after reg read and reg write, local files for fs get and put.
+# table in use after reg read and reg write, local files for fs get and put
+# (-r for a directory).
 # After a "+" (which joins commands into one run) a new command begins.
 
 _vukra_registers() {
@@ -43,12 +44,14 @@ _vukra() {
         esac
     done
 
+    local group=${words[0]-} verb=${words[1]-} nargs=$((${#words[@]} - 2))
     if [[ $cur == -* ]]; then
-        COMPREPLY=($(compgen -W "-p --port --table -q --quiet -h --help --version" -- "$cur"))
+        local options="-p --port --table -v --verbose -q --quiet -h --help --version"
+        [[ $group/$verb == fs/get || $group/$verb == fs/put ]] && options+=" -r --recursive"
+        COMPREPLY=($(compgen -W "$options" -- "$cur"))
         return 0
     fi
 
-    local group=${words[0]-} verb=${words[1]-} nargs=$((${#words[@]} - 2))
     case ${#words[@]} in
     0)
         COMPREPLY=($(compgen -W "reg fs watch" -- "$cur"))

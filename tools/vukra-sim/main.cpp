@@ -25,6 +25,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 using namespace vukra;
@@ -68,7 +69,7 @@ Options parse(int argc, char** argv) {
                  "Remote-filesystem requests on the same line are answered from the device's own\n"
                  "filesystem: \"/dev/sdcard0\" is the SD card image as one file, \"/mem/...\" the\n"
                  "files of the card's volume, and the rest of the device's namespace is there too.\n"
-                 "Its other messages go to standard error.",
+                 "Warnings and errors go to standard error; with -v also what it serves and the kernel's lines.",
                  "vukra-sim"};
     app.add_option("--table", o.table, "the register table; initial values from \"value\" attributes")->required();
     app.add_option("--port", o.port, "use this serial device instead of a pseudo-terminal");
@@ -79,7 +80,9 @@ Options parse(int argc, char** argv) {
                    "the SD card: a ufs image (vukra-ufs makes them), locked while the sim runs and written\n"
                    "as the device writes its card; a FILE that does not exist is made (8 MiB, a new\n"
                    "volume). Without it the card is a new temporary one");
-    app.add_flag("-v,--verbose", o.card.verbose, "show the device kernel's messages on standard error");
+    app.add_flag("-v,--verbose", o.card.verbose,
+                 "show what it serves, the library's own lines (such as \"Erreur LRC\") and the device\n"
+                 "kernel's messages on standard error (without it only warnings and errors go there)");
     app.add_option("--seed", seed, "seed of the random choices (default: from the clock)")->check(sim::not_empty);
     app.set_version_flag("--version", "vukra-sim " VUKRA_VERSION);
     tools::parse_command_line(app, argc, argv);
@@ -243,11 +246,18 @@ int main(int argc, char** argv) {
     if (!sim::card_open(options.card)) return 1;
     port->timeout_ms = 60000;
     std::printf("%s\n", path.c_str());
-    std::fprintf(stderr, "vukra-sim: %d registers from %s on %s; the card %s\n", registers, options.table.c_str(),
-                 path.c_str(), options.card.image.empty() ? "is a temporary one" : options.card.image.c_str());
     std::fflush(stdout);
-    // What the link code prints about frames is not this program's output.
-    if (!std::freopen(tools::kNullDevice, "w", stdout)) return 1;
+    // What the link code prints ("Erreur LRC") is not this program's output:
+    // it goes nowhere, or with -v to standard error, after what it serves.
+    if (options.card.verbose) {
+        std::fprintf(stderr, "vukra-sim: %d registers from %s on %s; the card %s\n", registers,
+                     options.table.c_str(), path.c_str(),
+                     options.card.image.empty() ? "is a temporary one" : options.card.image.c_str());
+        if (dup2(STDERR_FILENO, STDOUT_FILENO) < 0) return 1;
+        std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    } else if (!std::freopen(tools::kNullDevice, "w", stdout)) {
+        return 1;
+    }
 
     device.options = options;
     device.port = port;

@@ -8,6 +8,7 @@
 //   chain.cpp           commands joined by "+": split, parsed, run on one session
 //   reg_commands.cpp    vukra reg read|write|list
 //   fs_commands.cpp     vukra fs ls|cat|get|put|rm|mkdir|rmdir|mv|df|stat|tree
+//   tree_copy.cpp       vukra fs get -r|put -r (a directory and all below it)
 //   image_commands.cpp  vukra fs getfs|putfs (the whole card and the /mem mirror)
 //   watch_command.cpp   vukra watch
 //   remote_fs.cpp       what the fs commands share: the mounted session, statuses, transfers
@@ -37,7 +38,8 @@ struct Command {
 struct Options {
     std::string port;                 // -p, --port: the device's serial port
     std::string table = "table.xml";  // --table: the register table
-    bool quiet = false;               // -q: only the data, not the library's lines
+    bool quiet = false;               // -q: no progress line either
+    bool verbose = false;             // -v: the library's lines about the exchange on standard error
 
     Command chosen; // what the last parse chose
 

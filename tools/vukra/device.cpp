@@ -30,11 +30,13 @@ std::FILE* data_stream(Options& options) {
     int data = dup(STDOUT_FILENO);
     std::FILE* out = data >= 0 ? fdopen(data, "w") : nullptr;
     if (out == nullptr) return options.data = stdout;
-    int lines = options.quiet ? open(tools::kNullDevice, O_WRONLY) : dup(STDERR_FILENO);
+    int lines = options.verbose ? dup(STDERR_FILENO) : open(tools::kNullDevice, O_WRONLY);
     if (lines >= 0) {
         dup2(lines, STDOUT_FILENO);
         close(lines);
     }
+    // Line by line, as standard error goes, so that they keep their order with the tool's own lines.
+    if (options.verbose) std::setvbuf(stdout, nullptr, _IOLBF, 0);
     return options.data = out;
 }
 
@@ -79,6 +81,8 @@ modbus_vukra_session* device_session(Options& options) {
         fail("cannot open the port " + options.port);
         return nullptr;
     }
+    // With -v the named register calls also tell each value they move.
+    if (options.verbose) s->verbose = 1;
     options.session_failed = false;
     return options.session = s;
 }

@@ -2,8 +2,8 @@
 //
 // Standard output carries only the data a command gives. The library prints
 // its own lines (frames on the line, times, the system's messages) on
-// standard output; once a device command runs they go to standard error,
-// or nowhere with -q, for the rest of the invocation.
+// standard output; once a device command runs they go nowhere, or to
+// standard error with -v, for the rest of the invocation.
 #pragma once
 
 #include "cli.h"
@@ -22,8 +22,8 @@ int fail(const std::string& why);
 // no register.
 bool load_table(const Options& options);
 
-// From the first call on the library's lines go to standard error (or
-// nowhere with quiet); returns the stream for the data, the former
+// From the first call on the library's lines go nowhere (to standard
+// error with verbose); returns the stream for the data, the former
 // standard output (the same stream on every call).
 std::FILE* data_stream(Options& options);
 

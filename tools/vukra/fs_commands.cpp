@@ -96,7 +96,10 @@ int cat(Options& o, const std::string& user_path) {
         modbus_vukra_attributes a;
         int status = 0;
         if (!readable(r, path, a, status)) return status;
-        return report(r, read_to(r, o, path, a.words[kAttrSize], out), "read", path, "writing standard output");
+        Progress progress = progress_start(path, a.words[kAttrSize], o.quiet);
+        const Moved moved = read_to(r, progress, out);
+        progress_end(progress);
+        return report(r, moved, "read", path, "writing standard output");
     });
 }
 
@@ -115,101 +118,36 @@ fs::path local_target(const std::string& local) {
     return target;
 }
 
-// The device file path into a temporary file beside target, renamed over
-// it once complete.
-int get_file(const Remote& r, const Options& o, const std::string& path, const std::string& local,
-             const fs::path& target) {
-    modbus_vukra_attributes a;
-    int status = 0;
-    if (!readable(r, path, a, status)) return status;
-    fs::path temporary;
-    std::FILE* file = nullptr;
-    const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    for (int n = 0; file == nullptr && n < 100; ++n) {
-        temporary = dir / ("." + target.filename().string() + ".vukra-get-" + std::to_string(getpid()) + "-" +
-                           std::to_string(n));
-        file = std::fopen(temporary.string().c_str(), "wbx");
-        if (file == nullptr && errno != EEXIST) break;
-    }
-    if (file == nullptr) return fail("cannot write in " + dir.string() + ": " + std::strerror(errno));
-    status = report(r, read_to(r, o, path, a.words[kAttrSize], file), "read", path, "writing " + local);
-    if (std::fclose(file) != 0 && status == 0) status = fail("cannot write " + local + ": " + std::strerror(errno));
-    std::error_code e;
-    if (status == 0) {
-        if (fs::exists(target, e)) fs::permissions(temporary, fs::status(target, e).permissions(), e);
-        fs::rename(temporary, target, e);
-        if (e) status = fail("cannot replace " + local + ": " + e.message());
-    }
-    if (status != 0) fs::remove(temporary, e);
-    return status;
-}
-
 int get(Options& o, const std::string& user_path, const std::string& local) {
     if (local == "-") return cat(o, user_path);
     const fs::path target = local_target(local);
     if (target.empty()) return 1;
     return on_device(o, user_path, [&](const Remote& r, std::FILE*, const std::string& path) {
-        return get_file(r, o, path, local, target);
-    });
-}
-
-// A name in dir that names nothing yet, for put's temporary file; empty
-// when none could be found (the lookup's status then tells why).
-std::string free_name(const Remote& r, const std::string& dir, const std::string& base) {
-    const std::string stem = "." + base.substr(0, 200) + ".vukra-put-" + std::to_string(getpid());
-    for (int n = 0; n < 100; ++n) {
-        const std::string candidate = joined(dir, stem + "-" + std::to_string(n));
         modbus_vukra_attributes a;
-        if (!look_up(r, candidate, a)) {
-            // Only "no such file" frees the name; a silent device does not.
-            if (modbus_vukra_op_session_error(r.session) == remotefs::kNoReply) return "";
-            return candidate;
-        }
-    }
-    return "";
-}
-
-// Writes in (size bytes) to a temporary file beside path, renamed over it
-// once complete.
-int put_file(const Remote& r, const Options& o, const std::string& path, const std::string& local,
-             std::uint64_t size, std::FILE* in) {
-    modbus_vukra_attributes a;
-    if (look_up(r, path, a)) {
-        if (is_directory(a)) return fail("cannot write " + path + ": it is a directory");
-        if (!(a.words[kAttrKind] & kKindFile)) return fail("cannot write " + path + ": it is not a regular file");
-    } else if (modbus_vukra_op_session_error(r.session) == remotefs::kNoReply) {
-        return device_fail(r, "look up", path);
-    }
-    const std::string temporary = free_name(r, parent_of(path), name_of(path));
-    if (temporary.empty()) return device_fail(r, "write in", parent_of(path));
-    if (modbus_vukra_op_protected_create(r.session, temporary.c_str()) != 0)
-        return device_fail(r, "write", path);
-
-    int status = report(r, write_from(r, o, path, size, in), "write", path, "reading " + local);
-    if (status == 0 && modbus_vukra_op_protected_rename(r.session, temporary.c_str(), path.c_str()) != 0)
-        status = device_fail(r, "rename " + temporary + " to", path);
-    if (status != 0) {
-        modbus_vukra_op_protected_remove(r.session, temporary.c_str()); // best effort: the old file is untouched
+        int status = 0;
+        if (!readable(r, path, a, status)) return status;
+        Progress progress = progress_start(path, a.words[kAttrSize], o.quiet);
+        status = get_file(r, progress, path, local, target);
+        progress_end(progress);
         return status;
-    }
-    if (!look_up(r, path, a)) return device_fail(r, "look up", path);
-    if (a.words[kAttrSize] != size)
-        return fail(path + " holds " + std::to_string(a.words[kAttrSize]) + " bytes on the device, not " +
-                    std::to_string(size));
-    return 0;
+    });
 }
 
 int put(Options& o, const std::string& local, const std::string& user_path) {
     std::error_code e;
     if (!fs::exists(local, e)) return fail("no file " + local);
+    if (fs::is_directory(local, e)) return fail(local + " is a directory: fs put -r copies a tree");
     if (!fs::is_regular_file(local, e)) return fail(local + " is not a regular file");
     const std::uint64_t size = fs::file_size(local, e);
     if (e) return fail("cannot read " + local + ": " + e.message());
-    std::unique_ptr<std::FILE, int (*)(std::FILE*)> in(std::fopen(local.c_str(), "rb"), std::fclose);
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> in(open_local(local, "rb"), std::fclose);
     if (!in) return fail("cannot read " + local + ": " + std::strerror(errno));
     if (remote_path(user_path) == "/") return fail("cannot put " + local + " as /: name a file");
     return on_device(o, user_path, [&](const Remote& r, std::FILE*, const std::string& path) {
-        return put_file(r, o, path, local, size, in.get());
+        Progress progress = progress_start(path, size, o.quiet);
+        const int status = put_file(r, progress, path, local, size, in.get());
+        progress_end(progress);
+        return status;
     });
 }
 
@@ -284,6 +222,85 @@ int tree(const Remote& r, std::FILE* out, const std::string& path) {
 
 } // namespace
 
+int get_file(const Remote& r, Progress& progress, const std::string& path, const std::string& local,
+             const fs::path& target) {
+    int status = 0;
+    fs::path temporary;
+    std::FILE* file = nullptr;
+    const fs::path dir = target.has_parent_path() ? target.parent_path() : fs::path(".");
+    for (int n = 0; file == nullptr && n < 100; ++n) {
+        fs::path name = ".";
+        name += target.filename();
+        name += ".vukra-get-" + std::to_string(getpid()) + "-" + std::to_string(n);
+        temporary = dir / name;
+        file = create_local(temporary);
+        if (file == nullptr && errno != EEXIST) break;
+    }
+    if (file == nullptr) return fail("cannot write in " + shown(dir) + ": " + std::strerror(errno));
+    const Moved moved = read_to(r, progress, file);
+    if (moved != Moved::kAll || progress.done >= progress.total) progress_end(progress);
+    status = report(r, moved, "read", path, "writing " + local);
+    if (std::fclose(file) != 0 && status == 0) status = fail("cannot write " + local + ": " + std::strerror(errno));
+    std::error_code e;
+    if (status == 0) {
+        if (fs::exists(target, e)) fs::permissions(temporary, fs::status(target, e).permissions(), e);
+        fs::rename(temporary, target, e);
+        if (e) status = fail("cannot replace " + local + ": " + e.message());
+    }
+    if (status != 0) fs::remove(temporary, e);
+    return status;
+}
+
+namespace {
+
+// A name in dir that names nothing yet, for put's temporary file; empty
+// when none could be found (the lookup's status then tells why).
+std::string free_name(const Remote& r, const std::string& dir, const std::string& base) {
+    const std::string stem = "." + base.substr(0, 200) + ".vukra-put-" + std::to_string(getpid());
+    for (int n = 0; n < 100; ++n) {
+        const std::string candidate = joined(dir, stem + "-" + std::to_string(n));
+        modbus_vukra_attributes a;
+        if (!look_up(r, candidate, a)) {
+            // Only "no such file" frees the name; a silent device does not.
+            if (modbus_vukra_op_session_error(r.session) == remotefs::kNoReply) return "";
+            return candidate;
+        }
+    }
+    return "";
+}
+
+} // namespace
+
+int put_file(const Remote& r, Progress& progress, const std::string& path, const std::string& local,
+             std::uint64_t size, std::FILE* in) {
+    modbus_vukra_attributes a;
+    if (look_up(r, path, a)) {
+        if (is_directory(a)) return fail("cannot write " + path + ": it is a directory");
+        if (!(a.words[kAttrKind] & kKindFile)) return fail("cannot write " + path + ": it is not a regular file");
+    } else if (modbus_vukra_op_session_error(r.session) == remotefs::kNoReply) {
+        return device_fail(r, "look up", path);
+    }
+    const std::string temporary = free_name(r, parent_of(path), name_of(path));
+    if (temporary.empty()) return device_fail(r, "write in", parent_of(path));
+    if (modbus_vukra_op_protected_create(r.session, temporary.c_str()) != 0)
+        return device_fail(r, "write", path);
+
+    const Moved moved = write_from(r, progress, in);
+    if (moved != Moved::kAll || progress.done >= progress.total) progress_end(progress);
+    int status = report(r, moved, "write", path, "reading " + local);
+    if (status == 0 && modbus_vukra_op_protected_rename(r.session, temporary.c_str(), path.c_str()) != 0)
+        status = device_fail(r, "rename " + temporary + " to", path);
+    if (status != 0) {
+        modbus_vukra_op_protected_remove(r.session, temporary.c_str()); // best effort: the old file is untouched
+        return status;
+    }
+    if (!look_up(r, path, a)) return device_fail(r, "look up", path);
+    if (a.words[kAttrSize] != size)
+        return fail(path + " holds " + std::to_string(a.words[kAttrSize]) + " bytes on the device, not " +
+                    std::to_string(size));
+    return 0;
+}
+
 void add_fs_commands(CLI::App& app, Options& options) {
     CLI::App* group = app.add_subcommand("fs", "the device's filesystem (paths from the device's root)");
     // A missing command is told here with the list of commands (an unknown
@@ -297,15 +314,22 @@ void add_fs_commands(CLI::App& app, Options& options) {
 
     struct Words {
         std::string path, other;
-        bool long_form = false;
+        bool long_form = false, recursive = false;
     };
     auto words = std::make_shared<Words>();
 
     Options& o = options;
+    // Every path word is checked as it is read: a Windows path is refused
+    // where the device's is expected, a device path where a local one is.
+    const CLI::Validator device_path(device_path_check, "", "device path");
+    const CLI::Validator local_path(local_path_check, "", "local path");
+    auto remote_word = [&](CLI::App* command, const char* name, std::string& into, const char* what) {
+        return command->add_option(name, into, what)->check(device_path);
+    };
 
     CLI::App* ls = group->add_subcommand("ls", "list a directory, one name a line (-l: kind, size, name)");
     ls->add_flag("-l", words->long_form, "kind (d directory, - file, b c devices), size in bytes, name");
-    ls->add_option("PATH", words->path, "a directory or file on the device")->required();
+    remote_word(ls, "PATH", words->path, "a directory or file on the device")->required();
     choose(ls, o, [&o, words] {
         return on_device(o, words->path, [words](const Remote& r, std::FILE* out, const std::string& path) {
             return list(r, out, path, words->long_form);
@@ -313,48 +337,62 @@ void add_fs_commands(CLI::App& app, Options& options) {
     });
 
     CLI::App* cat_cmd = group->add_subcommand("cat", "a file's bytes to standard output");
-    cat_cmd->add_option("PATH", words->path, "a file on the device")->required();
+    remote_word(cat_cmd, "PATH", words->path, "a file on the device")->required();
     choose(cat_cmd, o, [&o, words] { return cat(o, words->path); });
 
-    CLI::App* get_cmd = group->add_subcommand("get", "copy a device file to LOCAL (\"-\": standard output)");
-    get_cmd->add_option("REMOTE", words->path, "a file on the device")->required();
-    get_cmd->add_option("LOCAL", words->other, "the local file, replaced only once complete")->required();
-    choose(get_cmd, o, [&o, words] { return get(o, words->path, words->other); });
+    CLI::App* get_cmd = group->add_subcommand(
+        "get", "copy a device file to LOCAL (\"-\": standard output); -r: a directory and all below it");
+    get_cmd->add_flag("-r,--recursive", words->recursive,
+                      "what the directory REMOTE holds, all below it, into the directory LOCAL (made when\n"
+                      "missing), file by file");
+    remote_word(get_cmd, "REMOTE", words->path, "a file (with -r a directory) on the device")->required();
+    get_cmd->add_option("LOCAL", words->other, "the local file, replaced only once complete")
+        ->required()
+        ->check(local_path);
+    choose(get_cmd, o, [&o, words] {
+        return words->recursive ? get_tree(o, words->path, words->other) : get(o, words->path, words->other);
+    });
 
-    CLI::App* put_cmd = group->add_subcommand("put", "copy LOCAL to a device file, replaced only once complete");
-    put_cmd->add_option("LOCAL", words->other, "a local file")->required();
-    put_cmd->add_option("REMOTE", words->path, "the file on the device")->required();
-    choose(put_cmd, o, [&o, words] { return put(o, words->other, words->path); });
+    CLI::App* put_cmd = group->add_subcommand(
+        "put", "copy LOCAL to a device file, replaced only once complete; -r: a directory and all below it");
+    put_cmd->add_flag("-r,--recursive", words->recursive,
+                      "what the directory LOCAL holds, all below it, into the directory REMOTE (made when\n"
+                      "missing), file by file");
+    put_cmd->add_option("LOCAL", words->other, "a local file (with -r a directory)")->required()->check(local_path);
+    remote_word(put_cmd, "REMOTE", words->path, "the file on the device")->required();
+    choose(put_cmd, o, [&o, words] {
+        return words->recursive ? put_tree(o, words->other, words->path) : put(o, words->other, words->path);
+    });
 
     CLI::App* rm = group->add_subcommand("rm", "remove a file");
-    rm->add_option("PATH", words->path, "a file on the device")->required();
+    remote_word(rm, "PATH", words->path, "a file on the device")->required();
     choose(rm, o, [&o, words] { return one_path(o, words->path, "remove", modbus_vukra_op_protected_remove); });
 
     CLI::App* mkdir_cmd = group->add_subcommand("mkdir", "make a directory");
-    mkdir_cmd->add_option("PATH", words->path, "the new directory")->required();
+    remote_word(mkdir_cmd, "PATH", words->path, "the new directory")->required();
     choose(mkdir_cmd, o,
            [&o, words] { return one_path(o, words->path, "make the directory", modbus_vukra_op_protected_mkdir); });
 
     CLI::App* rmdir_cmd = group->add_subcommand("rmdir", "remove an empty directory");
-    rmdir_cmd->add_option("PATH", words->path, "a directory on the device")->required();
+    remote_word(rmdir_cmd, "PATH", words->path, "a directory on the device")->required();
     choose(rmdir_cmd, o,
            [&o, words] { return one_path(o, words->path, "remove the directory", modbus_vukra_op_protected_rmdir); });
 
     CLI::App* mv = group->add_subcommand("mv", "rename OLD to NEW (an existing NEW is replaced)");
-    mv->add_option("OLD", words->path, "the present path")->required();
-    mv->add_option("NEW", words->other, "the new path")->required();
+    remote_word(mv, "OLD", words->path, "the present path")->required();
+    remote_word(mv, "NEW", words->other, "the new path")->required();
     choose(mv, o, [&o, words] { return move(o, words->path, words->other); });
 
     CLI::App* df = group->add_subcommand("df", "the usage of the filesystem holding PATH (default /)");
-    df->add_option("PATH", words->path, "a path on the device");
+    remote_word(df, "PATH", words->path, "a path on the device");
     choose(df, o, [&o, words] { return on_device(o, words->path, usage); });
 
     CLI::App* stat = group->add_subcommand("stat", "the four attribute words of PATH: node, kind, size, time");
-    stat->add_option("PATH", words->path, "a path on the device")->required();
+    remote_word(stat, "PATH", words->path, "a path on the device")->required();
     choose(stat, o, [&o, words] { return on_device(o, words->path, status_of); });
 
     CLI::App* tree_cmd = group->add_subcommand("tree", "PATH (default /) and everything below it");
-    tree_cmd->add_option("PATH", words->path, "a directory on the device");
+    remote_word(tree_cmd, "PATH", words->path, "a directory on the device");
     choose(tree_cmd, o, [&o, words] { return on_device(o, words->path, tree); });
 
     add_image_commands(*group, options);

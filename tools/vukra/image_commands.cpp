@@ -111,7 +111,8 @@ int transfer(Options& o, bool get) {
             return fail(std::string(label) + " cancelled at Ctrl-C (status -11): " + left_behind(get, error));
         return fail(std::string(label) + " failed: " + failure(r.session) + "; " + left_behind(get, error));
     }
-    if (!o.quiet) {
+    // The summary ends the progress line of a terminal, or answers -v.
+    if (o.verbose || f.shown) {
         std::fflush(stdout);
         std::fprintf(stderr, "%s: done in %.2f s (last exchange at %d bytes/s)%s\n", label, seconds, f.bytes_per_second,
                      get ? "; /mem is now the local copy" : "");

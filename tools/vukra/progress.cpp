@@ -1,5 +1,6 @@
 #include "progress.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <unistd.h>
 
@@ -10,7 +11,8 @@ namespace {
 // Transfers up to this size finish before a line would tell anything.
 constexpr std::uint64_t kShownAbove = 8 * 1024;
 
-void draw(Progress& p, std::uint64_t done, std::chrono::steady_clock::time_point now) {
+void draw(Progress& p, std::chrono::steady_clock::time_point now) {
+    const std::uint64_t done = p.done;
     const double seconds = std::chrono::duration<double>(now - p.start).count();
     const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0.0;
     const unsigned percent = p.total > 0 ? static_cast<unsigned>(done * 100 / p.total) : 100;
@@ -33,18 +35,22 @@ Progress progress_start(const std::string& label, std::uint64_t total, bool quie
     return p;
 }
 
-void progress_update(Progress& p, std::uint64_t done) {
+void progress_add(Progress& p, std::uint64_t bytes) {
+    p.done += bytes;
     if (!p.shown) return;
     const auto now = std::chrono::steady_clock::now();
     if (p.drew && now - p.drawn < std::chrono::milliseconds(100)) return;
-    draw(p, done, now);
+    draw(p, now);
 }
 
-void progress_end(Progress& p, std::uint64_t done) {
+void progress_end(Progress& p) {
     if (!p.shown) return;
-    draw(p, done, std::chrono::steady_clock::now());
+    const int why = errno; // a failure's reason, for the message that follows
+    draw(p, std::chrono::steady_clock::now());
     std::fputc('\n', stderr);
     std::fflush(stderr);
+    p.shown = false; // ended once
+    errno = why;
 }
 
 } // namespace vukra::cli

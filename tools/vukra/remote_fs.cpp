@@ -5,7 +5,14 @@
 #include "session/session.h"
 
 #include <cerrno>
+#include <cstring>
 #include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#if defined(_WIN32)
+#include <io.h>
+#endif
 #include <unordered_set>
 #include <vector>
 
@@ -168,9 +175,7 @@ int list_names(const Remote& r, const std::string& path, std::vector<std::string
     }
 }
 
-Moved read_to(const Remote& r, const Options& o, const std::string& label, std::uint64_t total, std::FILE* out) {
-    Progress progress = progress_start(label, total, o.quiet);
-    std::uint64_t done = 0;
+Moved read_to(const Remote& r, Progress& progress, std::FILE* out) {
     Moved result = Moved::kAll;
     char block[1024];
     for (;;) {
@@ -184,18 +189,12 @@ Moved read_to(const Remote& r, const Options& o, const std::string& label, std::
             result = Moved::kLocal;
             break;
         }
-        done += static_cast<std::uint64_t>(got);
-        progress_update(progress, done);
+        progress_add(progress, static_cast<std::uint64_t>(got));
     }
-    const int why = errno; // the local failure's reason, for the message
-    progress_end(progress, done);
-    errno = why;
     return result;
 }
 
-Moved write_from(const Remote& r, const Options& o, const std::string& label, std::uint64_t size, std::FILE* in) {
-    Progress progress = progress_start(label, size, o.quiet);
-    std::uint64_t done = 0;
+Moved write_from(const Remote& r, Progress& progress, std::FILE* in) {
     Moved result = Moved::kAll;
     char block[1024];
     while (result == Moved::kAll) {
@@ -210,15 +209,58 @@ Moved write_from(const Remote& r, const Options& o, const std::string& label, st
                 break;
             }
             at += static_cast<std::size_t>(put);
-            done += static_cast<std::uint64_t>(put);
-            progress_update(progress, done);
+            progress_add(progress, static_cast<std::uint64_t>(put));
         }
     }
-    const int why = errno;
-    progress_end(progress, done);
-    errno = why;
     if (result == Moved::kAll && std::ferror(in)) result = Moved::kLocal;
     return result;
+}
+
+std::string device_path_check(const std::string& word) {
+    const bool drive = word.size() >= 2 && word[1] == ':' &&
+                       ((word[0] >= 'A' && word[0] <= 'Z') || (word[0] >= 'a' && word[0] <= 'z'));
+    if (!drive && word.find('\\') == std::string::npos) return "";
+    // A Windows shell of the MSYS kind turns "/mem" into "C:/.../mem" on its own.
+    return word + " is a Windows path where a device path is expected: the device's paths are written "
+                  "with \"/\" from its root, e.g. /mem/notes.txt (in Git Bash set MSYS_NO_PATHCONV=1)";
+}
+
+std::string local_path_check(const std::string& word) {
+    if (word.empty()) return "an empty local path";
+    // Only a path below a first directory: "/x.txt" is a file in the root.
+    const std::size_t second = word.find('/', 1);
+    if (word.size() < 2 || word[0] != '/' || word[1] == '/' || second == std::string::npos) return "";
+    const std::string top = word.substr(0, second);
+    std::error_code e;
+    if (std::filesystem::exists(top, e)) return "";
+    return word + " reads as a device path: there is no local " + top +
+           " (fs get REMOTE LOCAL copies from the device, fs put LOCAL REMOTE to it)";
+}
+
+std::string shown(const std::filesystem::path& p) {
+    const std::u8string u = p.u8string();
+    return std::string(u.begin(), u.end());
+}
+
+std::FILE* open_local(const std::filesystem::path& p, const char* mode) {
+#if defined(_WIN32)
+    const std::wstring wide_mode(mode, mode + std::strlen(mode));
+    return _wfopen(p.c_str(), wide_mode.c_str());
+#else
+    return std::fopen(p.c_str(), mode);
+#endif
+}
+
+std::FILE* create_local(const std::filesystem::path& p) {
+#if defined(_WIN32)
+    const int fd = _wopen(p.c_str(), _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
+    std::FILE* f = fd >= 0 ? _fdopen(fd, "wb") : nullptr;
+#else
+    const int fd = open(p.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    std::FILE* f = fd >= 0 ? fdopen(fd, "wb") : nullptr;
+#endif
+    if (f == nullptr && fd >= 0) close(fd);
+    return f;
 }
 
 } // namespace vukra::cli

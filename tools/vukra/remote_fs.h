@@ -9,9 +9,11 @@
 
 #include "cli.h"
 #include "modbus_vukra.h"
+#include "progress.h"
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -94,11 +96,39 @@ enum class Moved {
 };
 
 // Moves the current file's bytes from its start to out until the device
-// reports the end; total is the size the lookup told (for the progress
-// line). After kLocal, errno tells why (for this and write_from).
-Moved read_to(const Remote& r, const Options& o, const std::string& label, std::uint64_t total, std::FILE* out);
+// reports the end, counting them on the progress line. After kLocal, errno
+// tells why (for this and write_from).
+Moved read_to(const Remote& r, Progress& progress, std::FILE* out);
 
-// Writes in's bytes (size bytes) to the current file from its start.
-Moved write_from(const Remote& r, const Options& o, const std::string& label, std::uint64_t size, std::FILE* in);
+// Writes in's bytes to the current file from its start.
+Moved write_from(const Remote& r, Progress& progress, std::FILE* in);
+
+// Checks of the path words, run as the command line is read (a refused
+// word is a usage error): a device path must not be a Windows one
+// ("C:\x", "a\b"), and an absolute local path must not read as a device
+// path, one whose first directory does not exist here ("/mem/x").
+std::string device_path_check(const std::string& word);
+std::string local_path_check(const std::string& word);
+
+// A local path for messages, in UTF-8 on every build.
+std::string shown(const std::filesystem::path& p);
+
+// Opens a local file by its path (wide names on Windows); "new" creates
+// a file that must not exist yet, for writing.
+std::FILE* open_local(const std::filesystem::path& p, const char* mode);
+std::FILE* create_local(const std::filesystem::path& p);
+
+// The copies of one file, each through a temporary name renamed over the
+// final one once complete (fs_commands.cpp): the device's path to a local
+// target, and a local file of size bytes to the device's path; local is
+// the local name for messages. Status 0, or 1 after a message.
+int get_file(const Remote& r, Progress& progress, const std::string& path, const std::string& local,
+             const std::filesystem::path& target);
+int put_file(const Remote& r, Progress& progress, const std::string& path, const std::string& local,
+             std::uint64_t size, std::FILE* in);
+
+// fs get -r REMOTEDIR LOCALDIR and fs put -r LOCALDIR REMOTEDIR (tree_copy.cpp).
+int get_tree(Options& o, const std::string& remote, const std::string& local);
+int put_tree(Options& o, const std::string& local, const std::string& remote);
 
 } // namespace vukra::cli
