@@ -47,6 +47,7 @@ for need in libc6 libstdc++6; do
   depends "$lib" | grep -q "\b$need\b" && ok || ko "the library package depends on $need: $(depends "$lib")"
   depends "$tools" | grep -q "\b$need\b" && ok || ko "the tools package depends on $need: $(depends "$tools")"
 done
+depends "$tools" | grep -q '\bfuse3\b' && ok || ko "the tools package depends on fuse3 (fusermount3): $(depends "$tools")"
 depends "$dev" | grep -q "libmodbus-vukra$major (= $version)" && ok || ko "the development package needs the library: $(depends "$dev")"
 dpkg-deb --ctrl-tarfile "$lib" | tar -xO ./shlibs 2>/dev/null | grep -q "^libmodbus_vukra $major libmodbus-vukra$major" &&
   ok || ko "the library package has a shlibs file"
