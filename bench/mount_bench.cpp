@@ -109,6 +109,7 @@ int main() {
         timed_cp(line, "into the mount", "in.bin", "mnt/f.bin");
         timed_cp(line, "out of the mount", "mnt/f.bin", "out.bin");
         ok = unmount(pid) && same_files("in.bin", "out.bin");
+        line.finish(); // the relay lets go of the sim's pty
 
         // The mirror: getfs straight from the sim (the line is not what is measured here).
         const pid_t mirror = mount_on(sim->port(), {"--mirror", "--no-put"});

@@ -117,6 +117,14 @@ errno_of "ls of a vanished device" "Input/output error" timeout 5.5 ls mnt/deepe
 unmount
 stop_sim
 
+# A listing that never ends is EIO, and the mount goes on serving.
+start_pty_program sim5.out "$sim" --table table.xml --image card.o --count-only 12 --endless-listing 2>sim.err || exit 1
+mount_on --root /mem --cache 0
+errno_of "ls of a listing that never ends" "Input/output error" ls mnt/tree
+check "the mount still serves after it" cmp mnt/deeper/k2 tree/sub/deep/k2
+unmount
+stop_sim
+
 # Mirror: what was written reaches the card after the unmount; --no-put leaves it as it was.
 start_pty_program sim3.out "$sim" --table table.xml --image card.o 2>sim.err || exit 1
 mount_on --mirror
@@ -128,6 +136,15 @@ stop_sim
 "$ufs" card.o ls /deeper | grep -q k1 && ko "the mirror's rm did not reach the card" || ok
 check "the card is sound after the put" "$ufs" card.o check
 cp card.o before.o
+# A put that fails (no write answered) ends vukra with status 1 and keeps the local card aside.
+start_pty_program sim6.out "$sim" --table table.xml --image card.o --count-only 6 --drop-after 0 2>sim.err || exit 1
+mount_on --mirror
+printf 'kept\n' >mnt/kept.txt
+fusermount3 -u mnt
+wait $mount_pid
+[ $? = 1 ] && grep -q 'did not reach the device.*kept as sdcard0-unsaved-' mount.err && ok || ko "failed put: $(cat mount.err)"
+[ "$("$ufs" sdcard0-unsaved-*.o cat /kept.txt 2>&1)" = kept ] && ok || ko "the kept card lacks what was written"
+stop_sim
 start_pty_program sim4.out "$sim" --table table.xml --image card.o 2>sim.err || exit 1
 mount_on --mirror --no-put
 printf 'dropped\n' >mnt/nope.txt

@@ -18,6 +18,7 @@
 #include <dirent.h>
 #include <filesystem>
 #include <memory>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -144,7 +145,16 @@ int run(Options& o, const Settings& settings) {
                      settings.directory.c_str(), kLocalCard);
         return status;
     }
-    if (card_transfer(o, false) == 0) return status;
+    // The put runs to its end: SIGTERM or SIGHUP now would leave the
+    // device's card half-written (Ctrl-C still cancels it, and says so).
+    struct sigaction ignore {}, term {}, hang_up {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGTERM, &ignore, &term);
+    sigaction(SIGHUP, &ignore, &hang_up);
+    const int put = card_transfer(o, false);
+    sigaction(SIGTERM, &term, nullptr);
+    sigaction(SIGHUP, &hang_up, nullptr);
+    if (put == 0) return status;
     const std::string kept = keep_local_card();
     return fail("what was written under " + settings.directory + " did not reach the device; " +
                 (kept.empty() ? std::string("the local card ") + kLocalCard + " holds it (copy it aside now)"
