@@ -48,7 +48,8 @@ mkdir -p tree/sub/deep "tree/with space" tree/ünïcødé
 head -c 307200 /dev/urandom >tree/big.bin
 : >tree/empty
 for i in $(seq 400); do printf '\xdb\xc0\xdb\xdc\xdd\xc0'; done >tree/sub/slip.bin
-for i in $(seq 24); do head -c $((i * 211)) /dev/urandom >tree/sub/f$i; done
+# (their long names make the listing of sub take more than one readdir page)
+for i in $(seq 40); do head -c $((i * 131)) /dev/urandom >tree/sub/a-rather-long-file-name-to-fill-pages-$i; done
 for i in 1 2 3; do head -c $((i * 1024)) /dev/urandom >tree/sub/deep/k$i; done
 printf 'spaced\n' >"tree/with space/a b.txt"
 printf 'été\n' >tree/ünïcødé/ça.txt
@@ -77,7 +78,7 @@ sizes() { ls -l "$1" | awk '/^-/ {print $5, $9}'; }
 [ "$(stat -c %s mnt/tree/big.bin)" = 307200 ] && ok || ko "stat size of big.bin"
 
 # The shell's commands.
-check "mv of a file" mv mnt/tree/sub/f1 mnt/tree/moved
+check "mv of a file" mv mnt/tree/sub/a-rather-long-file-name-to-fill-pages-1 mnt/tree/moved
 check "mv of a directory" mv mnt/tree/sub/deep mnt/deeper
 cmp -s mnt/deeper/k3 tree/sub/deep/k3 && [ ! -e mnt/tree/sub/deep ] && ok || ko "the moved directory"
 check "mkdir -p" mkdir -p mnt/a/b/c
