@@ -112,7 +112,8 @@ check "vukra-ufs check of the card" "$ufs" card.o check
 # A device that vanishes: EIO within its time-out and a second, and the unmount still works.
 start_pty_program sim2.out "$sim" --table table.xml --image card.o --drop-after 8 2>sim.err || exit 1
 mount_on --root /mem --cache 0
-for _ in $(seq 20); do timeout 5.5 stat mnt/deeper >/dev/null 2>&1 || break; done
+for _ in $(seq 20); do timeout 5.5 stat mnt/deeper >/dev/null 2>e.out || break; done
+grep -q "Input/output error" e.out && ok || ko "stat when the device went silent: $(cat e.out)"
 errno_of "cat from a vanished device" "Input/output error" timeout 5.5 cat mnt/tree/moved
 errno_of "ls of a vanished device" "Input/output error" timeout 5.5 ls mnt/deeper
 unmount

@@ -91,6 +91,7 @@ struct State {
     // every other request leaves it to what it looked up itself.
     std::uint64_t current = 0;
     bool written = false; // a request that changes the device's files was made
+    Cache::Clock::time_point silent_until{}; // the device did not answer a moment ago
     double cache_seconds = 0; // also the kernel's own time for attributes and names
     unsigned uid = 0, gid = 0;
 };

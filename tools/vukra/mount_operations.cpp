@@ -14,6 +14,7 @@
 // file: one transaction, and the file keeps its node.
 #include "mount.h"
 #include "remote_fs.h"
+#include "remotefs/transport.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -35,15 +36,23 @@ int to_device(const State& st, const char* path, std::string& out) {
     return out.size() > kLongestPath ? -ENAMETOOLONG : 0;
 }
 
-// The failure of the library call just made, as a FUSE result.
-int failed(const State& st, Doing doing = Doing::kOther) {
-    return -errno_of(modbus_vukra_op_session_error(st.session), doing);
+// The failure of the library call just made, as a FUSE result. A device
+// that did not answer is not asked again for a second: the requests queued
+// behind that one, and those of the same command, fail at once rather than
+// each after a whole time-out.
+int failed(State& st, Doing doing = Doing::kOther) {
+    const std::int32_t status = modbus_vukra_op_session_error(st.session);
+    if (status == remotefs::kNoReply) st.silent_until = Cache::Clock::now() + std::chrono::seconds(1);
+    return -errno_of(status, doing);
 }
+
+bool silent(const State& st) { return Cache::Clock::now() < st.silent_until; }
 
 // Looks path up (or takes what the cache holds); 0 or -errno.
 int look(State& st, const std::string& path, modbus_vukra_attributes& a) {
     bool found = false;
     if (st.cache.attributes(path, found, a)) return found ? 0 : -ENOENT;
+    if (silent(st)) return -EIO;
     st.current = 0;
     a = {};
     if (modbus_vukra_op_protected_lookup(st.session, path.c_str(), &a) != 0) {
@@ -89,6 +98,7 @@ void changing(State& st, const std::string& path) {
 int establish(State& st, std::uint64_t fh, const char* path) {
     const auto file = st.files.find(fh);
     if (file == st.files.end()) return -EBADF;
+    if (silent(st)) return -EIO;
     if (path != nullptr) {
         if (const int refused = to_device(st, path, file->second)) return refused;
     }
@@ -133,6 +143,7 @@ int on_readdir(const char* path, void* buffer, fuse_fill_dir_t filler, off_t, fu
     if (const int refused = to_device(st, path, device)) return refused;
     std::vector<std::string> names;
     if (!st.cache.listing(device, names)) {
+        if (silent(st)) return -EIO;
         st.current = 0;
         // A listing that fails, or never ends, is said on stderr by list_names.
         if (list_names(*st.remote, device, names) != 0) return failed(st);
@@ -163,6 +174,7 @@ int on_create(const char* path, mode_t mode, fuse_file_info* fi) {
     if (!S_ISREG(mode)) return -EPERM;
     std::string device;
     if (const int refused = to_device(st, path, device)) return refused;
+    if (silent(st)) return -EIO;
     changing(st, device);
     if (modbus_vukra_op_protected_create(st.session, device.c_str()) != 0) return failed(st);
     // The lookup keeps the new file current, at position 0, and tells FUSE
@@ -230,6 +242,7 @@ int on_truncate(const char* path, off_t size, fuse_file_info*) {
     if (is_directory(a)) return -EISDIR;
     if (size == static_cast<off_t>(a.words[kAttrSize])) return 0;
     if (size != 0 || !(a.words[kAttrKind] & kKindFile)) return -EOPNOTSUPP;
+    if (silent(st)) return -EIO;
     changing(st, device);
     return modbus_vukra_op_protected_create(st.session, device.c_str()) == 0 ? 0 : failed(st);
 }
@@ -239,6 +252,7 @@ int one_path(const char* path, std::int32_t (*operation)(modbus_vukra_session*, 
     State& st = state();
     std::string device;
     if (const int refused = to_device(st, path, device)) return refused;
+    if (silent(st)) return -EIO;
     changing(st, device);
     return operation(st.session, device.c_str()) == 0 ? 0 : failed(st, doing);
 }
@@ -261,6 +275,7 @@ int on_rename(const char* from_path, const char* to_path, unsigned int flags) {
         if (there == 0) return -EEXIST;
         if (there != -ENOENT) return there;
     }
+    if (silent(st)) return -EIO;
     changing(st, from);
     changing(st, to);
     if (modbus_vukra_op_protected_rename(st.session, from.c_str(), to.c_str()) != 0) return failed(st);
@@ -272,6 +287,7 @@ int on_rename(const char* from_path, const char* to_path, unsigned int flags) {
 
 int on_statfs(const char*, struct statvfs* out) {
     State& st = state();
+    if (silent(st)) return -EIO;
     st.current = 0;
     modbus_vukra_usage u{};
     if (modbus_vukra_op_protected_fsstat(st.session, st.root.c_str(), &u) != 0) return failed(st);
