@@ -64,11 +64,13 @@ int look(State& st, const std::string& path, modbus_vukra_attributes& a) {
     return 0;
 }
 
+// A device node is shown as a regular file of the device's size whose bytes
+// are the device's (the card's image at /dev/sdcard0): a node of the host's
+// own kind would open one of the host's devices, never the device's.
 mode_t mode_of(const modbus_vukra_attributes& a) {
     const std::uint32_t kind = a.words[kAttrKind];
     if (kind & kKindDirectory) return S_IFDIR | 0755;
-    if (kind & kKindDevice) return ((kind & kKindCharacter) ? S_IFCHR : S_IFBLK) | 0644;
-    if (!(kind & kKindFile) && (kind & kKindFifo)) return S_IFIFO | 0644;
+    if (!(kind & (kKindFile | kKindDevice)) && (kind & kKindFifo)) return S_IFIFO | 0644;
     return S_IFREG | 0644;
 }
 
