@@ -90,6 +90,7 @@ int serve(Options& o, const Settings& settings, mount::State& st) {
     const char* words[] = {"vukra", "-o", options.c_str()};
     fuse_args args = FUSE_ARGS_INIT(3, const_cast<char**>(words));
     fuse* f = fuse_new(&args, &mount::operations(), sizeof(fuse_operations), &st);
+    fuse_opt_free_args(&args); // what fuse_new added to them
     if (f == nullptr) return fail("cannot mount on " + settings.directory + ": FUSE refused the options");
     if (fuse_mount(f, settings.directory.c_str()) != 0) {
         fuse_destroy(f);
