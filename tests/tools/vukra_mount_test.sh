@@ -150,7 +150,8 @@ stop_sim
 start_pty_program sim4.out "$sim" --table table.xml --image card.o 2>sim.err || exit 1
 mount_on --mirror --no-put
 printf 'dropped\n' >mnt/nope.txt
-unmount
+kill -TERM $mount_pid # unmounts as fusermount3 -u does
+wait $mount_pid && ! mountpoint -q mnt && ok || ko "SIGTERM did not unmount cleanly: $(cat mount.err)"
 stop_sim
 grep -q 'no-put' mount.err && ok || ko "--no-put said nothing: $(cat mount.err)"
 check "--no-put left the card unchanged" cmp card.o before.o
