@@ -76,6 +76,8 @@ check "the tree came back byte for byte" diff -r tree back
 sizes() { ls -l "$1" | awk '/^-/ {print $5, $9}'; }
 [ "$(sizes mnt/tree/sub)" = "$(sizes tree/sub)" ] && ok || ko "ls -l sizes: $(sizes mnt/tree/sub)"
 [ "$(stat -c %s mnt/tree/big.bin)" = 307200 ] && ok || ko "stat size of big.bin"
+cp tree/big.bin mnt/twin.bin # two open files read in turn: each read finds its own file again
+check "cmp of two files on the mount" cmp mnt/tree/big.bin mnt/twin.bin
 
 # The shell's commands.
 check "mv of a file" mv mnt/tree/sub/a-rather-long-file-name-to-fill-pages-1 mnt/tree/moved
