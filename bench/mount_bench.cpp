@@ -85,11 +85,8 @@ void timed_cp(const bench::PacedLine& line, const char* what, const std::string&
                 kFileSize / took, ok ? "" : " (FAILED)");
 }
 
-} // namespace
-
-int main() {
-    char dir[] = "/tmp/vukra-mount-bench-XXXXXX";
-    if (mkdtemp(dir) == nullptr || chdir(dir) != 0) return 1;
+// The measures, in the scratch directory; 0 when every step worked.
+int measure() {
     std::filesystem::copy_file(VUKRA_EXAMPLES_DIR "/table.xml", "table.xml");
     std::filesystem::create_directory("mnt");
     {
@@ -126,6 +123,15 @@ int main() {
                     "  from the local card with vukra-ufs cat %.1f MiB/s (a process each)%s\n",
                     kMirrorReads, mount_rate, ufs_rate, ok ? "" : " (FAILED)");
     }
-    std::filesystem::remove_all(dir);
     return ok ? 0 : 1;
+}
+
+} // namespace
+
+int main() {
+    char dir[] = "/tmp/vukra-mount-bench-XXXXXX";
+    if (mkdtemp(dir) == nullptr || chdir(dir) != 0) return 1;
+    const int status = measure();
+    std::filesystem::remove_all(dir); // the mounts are gone: each vukra has ended
+    return status;
 }
