@@ -62,6 +62,8 @@ mkdir full && touch full/x
 for dir in none file full; do
   fails "mount on $dir" "cannot mount on $dir" "$vukra" -p /dev/none mount $dir
 done
+"$vukra" -p /dev/none mount full 2>/dev/null
+[ $? = 1 ] && ok || ko "a refused mount point gives status 1"
 fails "--no-put without --mirror" "mirror" "$vukra" -p /dev/none mount --no-put mnt
 fails "--mirror outside /mem" "/mem" "$vukra" -p /dev/none mount --mirror --root /dev mnt
 "$vukra" mount --help | grep -q -- --cache && ok || ko "mount --help"

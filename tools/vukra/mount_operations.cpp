@@ -64,14 +64,12 @@ int look(State& st, const std::string& path, modbus_vukra_attributes& a) {
     return 0;
 }
 
-// A device node is shown as a regular file of the device's size whose bytes
-// are the device's (the card's image at /dev/sdcard0): a node of the host's
-// own kind would open one of the host's devices, never the device's.
+// Anything but a directory is shown as a regular file whose bytes are the
+// device's: a device node (the card's image at /dev/sdcard0, of the card's
+// size) or a fifo of the host's own kind would open one of the host's
+// devices or pipes, never the device's.
 mode_t mode_of(const modbus_vukra_attributes& a) {
-    const std::uint32_t kind = a.words[kAttrKind];
-    if (kind & kKindDirectory) return S_IFDIR | 0755;
-    if (!(kind & (kKindFile | kKindDevice)) && (kind & kKindFifo)) return S_IFIFO | 0644;
-    return S_IFREG | 0644;
+    return (a.words[kAttrKind] & kKindDirectory) ? S_IFDIR | 0755 : S_IFREG | 0644;
 }
 
 void fill(const State& st, const modbus_vukra_attributes& a, struct stat& out) {
