@@ -14,6 +14,7 @@ packages=(
   libcli11-dev
   python3-pytest python3-setuptools python3-pip
   help2man dpkg-dev llvm zip
+  fuse3 libfuse3-dev
 )
 
 missing=()

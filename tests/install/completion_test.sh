@@ -27,9 +27,9 @@ offers() {
   [ "$got" = "$expected" ] && ok || ko "'$typed' offers '$got', not '$expected'"
 }
 
-offers "vukra " "fs reg watch"
+offers "vukra " "fs mount reg watch"
 offers "vukra fs " "cat df get getfs ls mkdir mv put putfs rm rmdir stat tree"
-offers "vukra -p /dev/ttyUSB0 fs getfs + " "fs reg watch"
+offers "vukra -p /dev/ttyUSB0 fs getfs + " "fs mount reg watch"
 offers "vukra fs ls /mem + fs g" "get getfs"
 offers "vukra fs r" "rm rmdir"
 offers "vukra -p /dev/ttyUSB0 fs m" "mkdir mv"
@@ -45,5 +45,7 @@ offers "vukra reg write setpoint " ""
 mkdir other && cp "$table" other/mine.xml && rm table.xml
 offers "vukra --table other/mine.xml reg read e" "energy"
 offers "vukra --table other/m" "other/mine.xml"
+offers "vukra mount --root /mem --m" "--mirror"
+offers "vukra mount --cache 5 ot" "other"
 
 finish

@@ -48,6 +48,7 @@ for need in libc6 libstdc++6; do
   depends "$lib" | grep -q "\b$need\b" && ok || ko "the library package depends on $need: $(depends "$lib")"
   depends "$tools" | grep -q "\b$need\b" && ok || ko "the tools package depends on $need: $(depends "$tools")"
 done
+depends "$tools" | grep -q '\bfuse3\b' && ok || ko "the tools package depends on fuse3 (fusermount3): $(depends "$tools")"
 depends "$dev" | grep -q "libmodbus-vukra$major (= $version)" && ok || ko "the development package needs the library: $(depends "$dev")"
 depends "$python" | grep -q "python3, libmodbus-vukra$major (= $version)" && ok || ko "the Python package needs python3 and the library: $(depends "$python")"
 contents "$python" | grep -qx /usr/lib/python3/dist-packages/modbus_vukra/__init__.py && ok || ko "the Python package: $(contents "$python")"

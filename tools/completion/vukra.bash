@@ -1,7 +1,7 @@
 # bash completion for vukra: command groups and their verbs, the options,
 # serial ports after -p, tables after --table, register names from the
 # table in use after reg read and reg write, local files for fs get and put
-# (-r for a directory).
+# (-r for a directory), directories and the mount's options after mount.
 # After a "+" (which joins commands into one run) a new command begins.
 
 _vukra_registers() {
@@ -28,6 +28,7 @@ _vukra() {
         COMPREPLY=($(compgen -f -X '!*.xml' -- "$cur") $(compgen -d -S / -- "$cur"))
         return 0
         ;;
+    --root | --cache) return 0 ;;
     esac
 
     # The words before the cursor: the group, its verb and their arguments,
@@ -38,6 +39,7 @@ _vukra() {
         case $w in
         -p | --port) ((i++)) ;;
         --table) ((i++)); table=${COMP_WORDS[i]} ;;
+        --root | --cache) ((i++)) ;;
         +) words=() ;;
         -*) ;;
         *) words+=("$w") ;;
@@ -48,19 +50,21 @@ _vukra() {
     if [[ $cur == -* ]]; then
         local options="-p --port --table -v --verbose -q --quiet -h --help --version"
         [[ $group/$verb == fs/get || $group/$verb == fs/put ]] && options+=" -r --recursive"
+        [ "$group" = mount ] && options+=" --root --cache --mirror --no-put"
         COMPREPLY=($(compgen -W "$options" -- "$cur"))
         return 0
     fi
 
     case ${#words[@]} in
     0)
-        COMPREPLY=($(compgen -W "reg fs watch" -- "$cur"))
+        COMPREPLY=($(compgen -W "reg fs watch mount" -- "$cur"))
         return 0
         ;;
     1)
         case $group in
         reg) COMPREPLY=($(compgen -W "read write list" -- "$cur")) ;;
         fs) COMPREPLY=($(compgen -W "ls cat get put rm mkdir rmdir mv df stat tree getfs putfs" -- "$cur")) ;;
+        mount) COMPREPLY=($(compgen -d -- "$cur")) ;;
         esac
         return 0
         ;;

@@ -11,6 +11,7 @@
 //   tree_copy.cpp       vukra fs get -r|put -r (a directory and all below it)
 //   image_commands.cpp  vukra fs getfs|putfs (the whole card and the /mem mirror)
 //   watch_command.cpp   vukra watch
+//   mount_*.cpp         vukra mount (see mount.h)
 //   remote_fs.cpp       what the fs commands share: the mounted session, statuses, transfers
 //   progress.cpp        the progress line of long transfers
 //   interrupt.cpp       Ctrl-C caught while a transfer or watch runs (POSIX and Win32)
@@ -61,6 +62,13 @@ void add_fs_commands(CLI::App& app, Options& options);
 
 // vukra fs getfs | fs putfs, added to the fs group.
 void add_image_commands(CLI::App& fs_group, Options& options);
+
+// The whole card into the library's local card (get) or back (put), with
+// the progress line and Ctrl-C: fs getfs and fs putfs. The exit status.
+int card_transfer(Options& options, bool get);
+
+// vukra mount DIR (Linux with FUSE 3 only)
+void add_mount_command(CLI::App& app, Options& options);
 
 // vukra watch
 void add_watch_command(CLI::App& app, Options& options);

@@ -79,7 +79,9 @@ std::string failure(modbus_vukra_session* s) {
            "or a block size above 512), the local card could not be opened, or a reply could not be read";
 }
 
-int transfer(Options& o, bool get) {
+} // namespace
+
+int card_transfer(Options& o, bool get) {
     const char* label = get ? "getfs" : "putfs";
     // A putfs runs only after a getfs of the same run succeeded: the chain
     // refuses it otherwise, and stops at the first command that fails.
@@ -120,15 +122,13 @@ int transfer(Options& o, bool get) {
     return 0;
 }
 
-} // namespace
-
 void add_image_commands(CLI::App& fs_group, Options& options) {
     CLI::App* getfs = fs_group.add_subcommand(
         "getfs", "copy the device's card into the library's local card; /mem paths then go to that copy");
-    choose(getfs, options, [&options] { return transfer(options, true); });
+    choose(getfs, options, [&options] { return card_transfer(options, true); });
     CLI::App* putfs = fs_group.add_subcommand(
         "putfs", "copy the local card back to the device (after a getfs in the same run)");
-    choose(putfs, options, [&options] { return transfer(options, false); });
+    choose(putfs, options, [&options] { return card_transfer(options, false); });
 }
 
 } // namespace vukra::cli

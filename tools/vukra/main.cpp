@@ -39,6 +39,9 @@ void define(CLI::App& app, vukra::cli::Options& options, Shared& shared) {
     vukra::cli::add_reg_commands(app, options);
     vukra::cli::add_fs_commands(app, options);
     vukra::cli::add_watch_command(app, options);
+#ifdef VUKRA_MOUNT
+    vukra::cli::add_mount_command(app, options);
+#endif
     app.set_version_flag("--version", "vukra " VUKRA_VERSION);
 }
 

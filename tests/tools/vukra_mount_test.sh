@@ -1,0 +1,162 @@
+#!/usr/bin/env bash
+# vukra mount against vukra-sim serving a card image: a tree of files copied
+# in and back out byte for byte, the shell's file commands on the mount and
+# the errors they get, the refusals told before the port opens, a device
+# that vanishes, and the mirror with and without its put at the unmount.
+# Needs /dev/fuse: without it the test fails, unless MODBUS_VUKRA_SKIP_FUSE=1.
+#   vukra_mount_test.sh BUILD_TOOLS_DIR EXAMPLES_DIR SCRIPTS_DIR
+set -u
+. "$(dirname "$(realpath "$0")")/../support/tool_checks.sh" "$@"
+if [ ! -e /dev/fuse ]; then
+  echo "no /dev/fuse on this host: vukra mount is not tested"
+  [ "${MODBUS_VUKRA_SKIP_FUSE:-0}" = 1 ]
+  exit
+fi
+if ! "$vukra" mount --help >/dev/null 2>&1; then
+  echo "vukra has no mount command: built without libfuse3-dev"
+  exit 1
+fi
+trap 'fusermount3 -uz "$work/mnt" 2>/dev/null; stop_pty_programs; rm -rf "$work"' EXIT
+
+cp "$examples/table.xml" table.xml
+mkdir mnt
+# mount_on ARGS...: vukra mount mnt in the background, until the mount is there.
+mount_on() {
+  "$vukra" -q -p "$PTY_PATH" mount mnt "$@" 2>mount.err &
+  mount_pid=$!
+  for _ in $(seq 300); do
+    mountpoint -q mnt && return 0
+    kill -0 $mount_pid 2>/dev/null || break
+    sleep 0.05
+  done
+  ko "no mount with $*: $(cat mount.err)"
+  finish
+}
+unmount() {
+  fusermount3 -u mnt
+  wait $mount_pid && ok || ko "vukra mount ended with status $?: $(cat mount.err)"
+}
+# errno_of WHAT MESSAGE COMMAND...: the command fails with the message of an errno.
+errno_of() {
+  local what=$1 message=$2
+  shift 2
+  if "$@" >/dev/null 2>e.out; then ko "$what succeeded"; elif grep -q "$message" e.out; then ok; else ko "$what: $(cat e.out)"; fi
+}
+
+# The tree: binary, empty, SLIP's own bytes, 300 KiB, names with spaces and UTF-8.
+mkdir -p tree/sub/deep "tree/with space" tree/ünïcødé
+head -c 307200 /dev/urandom >tree/big.bin
+: >tree/empty
+for i in $(seq 400); do printf '\xdb\xc0\xdb\xdc\xdd\xc0'; done >tree/sub/slip.bin
+# (their long names make the listing of sub take more than one readdir page)
+for i in $(seq 40); do head -c $((i * 131)) /dev/urandom >tree/sub/a-rather-long-file-name-to-fill-pages-$i; done
+for i in 1 2 3; do head -c $((i * 1024)) /dev/urandom >tree/sub/deep/k$i; done
+printf 'spaced\n' >"tree/with space/a b.txt"
+printf 'été\n' >tree/ünïcødé/ça.txt
+
+"$ufs" card.o mkfs --nodes 512 >/dev/null || exit 1
+
+# Refusals: one line, status 1, before the port (which does not exist) opens.
+touch file
+mkdir full && touch full/x
+for dir in none file full; do
+  fails "mount on $dir" "cannot mount on $dir" "$vukra" -p /dev/none mount $dir
+done
+"$vukra" -p /dev/none mount full 2>/dev/null
+[ $? = 1 ] && ok || ko "a refused mount point gives status 1"
+fails "--no-put without --mirror" "mirror" "$vukra" -p /dev/none mount --no-put mnt
+fails "--mirror outside /mem" "/mem" "$vukra" -p /dev/none mount --mirror --root /dev mnt
+"$vukra" mount --help | grep -q -- --cache && ok || ko "mount --help"
+
+start_pty_program sim.out "$sim" --table table.xml --image card.o 2>sim.err || exit 1
+mount_on --root /mem
+fails "mount where a mount is" "mounted there already" "$vukra" -p /dev/none mount mnt
+check "cp -r into the mount" cp -r tree mnt/
+check "cp -r out of the mount" cp -r mnt/tree back
+check "the tree came back byte for byte" diff -r tree back
+[ "$(cd mnt && find tree | sort)" = "$(find tree | sort)" ] && ok || ko "find: $(cd mnt && find tree)"
+sizes() { ls -l "$1" | awk '/^-/ {print $5, $9}'; }
+[ "$(sizes mnt/tree/sub)" = "$(sizes tree/sub)" ] && ok || ko "ls -l sizes: $(sizes mnt/tree/sub)"
+[ "$(stat -c %s mnt/tree/big.bin)" = 307200 ] && ok || ko "stat size of big.bin"
+cp tree/big.bin mnt/twin.bin # two open files read in turn: each read finds its own file again
+check "cmp of two files on the mount" cmp mnt/tree/big.bin mnt/twin.bin
+
+# The shell's commands.
+check "mv of a file" mv mnt/tree/sub/a-rather-long-file-name-to-fill-pages-1 mnt/tree/moved
+check "mv of a directory" mv mnt/tree/sub/deep mnt/deeper
+cmp -s mnt/deeper/k3 tree/sub/deep/k3 && [ ! -e mnt/tree/sub/deep ] && ok || ko "the moved directory"
+check "mkdir -p" mkdir -p mnt/a/b/c
+[ -d mnt/a/b/c ] && ok || ko "mkdir -p made no a/b/c"
+check "rm -r" rm -r mnt/tree/sub
+[ ! -e mnt/tree/sub ] && [ "$(ls mnt/tree | wc -l)" = 5 ] && ok || ko "rm -r: $(ls mnt/tree)"
+printf 'short\n' >mnt/tree/big.bin && [ "$(cat mnt/tree/big.bin)" = short ] && ok || ko "> over a file (O_TRUNC)"
+printf 'more\n' >>mnt/tree/big.bin && [ "$(cat mnt/tree/big.bin)" = "$(printf 'short\nmore')" ] && ok || ko ">>"
+df mnt | grep -q 'vukra' && ok || ko "df: $(df mnt 2>&1)"
+[ "$(stat -f -c %S mnt)" = 512 ] && ok || ko "statfs block size"
+
+# Errors by errno: what the device says, and what the mount cannot do.
+errno_of "rmdir of a non-empty directory" "not empty" rmdir mnt/a
+errno_of "mkdir of an existing name" "File exists" mkdir mnt/a
+errno_of "cat of a missing file" "No such file" cat mnt/none
+errno_of "chmod" "not permitted" chmod 600 mnt/tree/moved
+errno_of "ln" "not permitted" ln mnt/tree/moved mnt/tree/linked
+errno_of "truncate to 5 bytes" "not supported" truncate -s 5 mnt/tree/moved
+errno_of "touch of a file" "not supported" touch mnt/tree/moved
+long=$(printf 'n%.0s' $(seq 250))
+errno_of "a path too long for the device" "too long" mkdir -p mnt/$long/$long/$long/$long
+check "chmod to the mode shown" chmod 644 mnt/tree/moved
+rm -r mnt/$long
+unmount
+stop_sim
+
+check "vukra-ufs check of the card" "$ufs" card.o check
+"$ufs" card.o cat /deeper/k2 | cmp -s - tree/sub/deep/k2 && ok || ko "vukra-ufs cat of a moved file"
+"$ufs" card.o cat "/tree/with space/a b.txt" | grep -qx spaced && ok || ko "vukra-ufs cat of a spaced name"
+
+# A device that vanishes: EIO within its time-out and a second, and the unmount still works.
+start_pty_program sim2.out "$sim" --table table.xml --image card.o --drop-after 8 2>sim.err || exit 1
+mount_on --root /mem --cache 0
+for _ in $(seq 20); do timeout 5.5 stat mnt/deeper >/dev/null 2>e.out || break; done
+grep -q "Input/output error" e.out && ok || ko "stat when the device went silent: $(cat e.out)"
+errno_of "cat from a vanished device" "Input/output error" timeout 5.5 cat mnt/tree/moved
+errno_of "ls of a vanished device" "Input/output error" timeout 5.5 ls mnt/deeper
+unmount
+stop_sim
+
+# A listing that never ends is EIO, and the mount goes on serving.
+start_pty_program sim5.out "$sim" --table table.xml --image card.o --count-only 12 --endless-listing 2>sim.err || exit 1
+mount_on --root /mem --cache 0
+errno_of "ls of a listing that never ends" "Input/output error" ls mnt/tree
+check "the mount still serves after it" cmp mnt/deeper/k2 tree/sub/deep/k2
+unmount
+stop_sim
+
+# Mirror: what was written reaches the card after the unmount; --no-put leaves it as it was.
+start_pty_program sim3.out "$sim" --table table.xml --image card.o 2>sim.err || exit 1
+mount_on --mirror
+printf 'mirrored\n' >mnt/tree/mirror.txt
+rm mnt/deeper/k1
+unmount
+stop_sim
+[ "$("$ufs" card.o cat /tree/mirror.txt 2>&1)" = mirrored ] && ok || ko "the mirror's file is not on the card"
+"$ufs" card.o ls /deeper | grep -q k1 && ko "the mirror's rm did not reach the card" || ok
+check "the card is sound after the put" "$ufs" card.o check
+cp card.o before.o
+# A put that fails (no write answered) ends vukra with status 1 and keeps the local card aside.
+start_pty_program sim6.out "$sim" --table table.xml --image card.o --count-only 6 --drop-after 0 2>sim.err || exit 1
+mount_on --mirror
+printf 'kept\n' >mnt/kept.txt
+fusermount3 -u mnt
+wait $mount_pid
+[ $? = 1 ] && grep -q 'did not reach the device.*kept as sdcard0-unsaved-' mount.err && ok || ko "failed put: $(cat mount.err)"
+[ "$("$ufs" sdcard0-unsaved-*.o cat /kept.txt 2>&1)" = kept ] && ok || ko "the kept card lacks what was written"
+stop_sim
+start_pty_program sim4.out "$sim" --table table.xml --image card.o 2>sim.err || exit 1
+mount_on --mirror --no-put
+printf 'dropped\n' >mnt/nope.txt
+kill -TERM $mount_pid # unmounts as fusermount3 -u does
+wait $mount_pid && ! mountpoint -q mnt && ok || ko "SIGTERM did not unmount cleanly: $(cat mount.err)"
+stop_sim
+grep -q 'no-put' mount.err && ok || ko "--no-put said nothing: $(cat mount.err)"
+check "--no-put left the card unchanged" cmp card.o before.o
+finish
