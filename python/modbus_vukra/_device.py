@@ -163,8 +163,9 @@ class Device:
         with self._lock:
             if self._handle is None:
                 return
-            # The outer objects first: their buffers flush into the raw files.
-            for f in sorted(self._files, key=lambda f: isinstance(f, io.RawIOBase)):
+            # The outer objects first: text into its buffer, the buffer into the raw file.
+            layer = lambda f: 0 if isinstance(f, io.TextIOBase) else 1 if isinstance(f, io.BufferedIOBase) else 2
+            for f in sorted(self._files, key=layer):
                 try:
                     f.close()
                 except Exception as error:  # the device may be gone: the session closes anyway

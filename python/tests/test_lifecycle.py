@@ -11,8 +11,8 @@ from modbus_vukra import _library
 
 
 def test_a_vanished_device_times_out_then_comes_back(start_sim):
-    with modbus_vukra.open(start_sim("--drop-after", "1", "--drop-for", "1"),
-                           table=os.environ["VUKRA_TABLE"]) as dev:
+    port = start_sim("--drop-after", "1", "--drop-for", "1")
+    with modbus_vukra.open(port, table=os.environ["VUKRA_TABLE"]) as dev:
         assert dev.registers["cycle_count"] == 4711
         start = time.monotonic()
         with pytest.raises(modbus_vukra.DeviceTimeout):
@@ -20,12 +20,15 @@ def test_a_vanished_device_times_out_then_comes_back(start_sim):
         assert time.monotonic() - start < dev.timeout + 1
         assert dev.registers["cycle_count"] == 4711
         f = dev.fs.open("/mem/after.txt", "w")
+        f.write("kept")  # flushed by the close
         with pytest.raises(modbus_vukra.VukraError):
             modbus_vukra.open(start_sim(), table=os.environ["VUKRA_TABLE"])  # one session a process
     for call in (lambda: dev.registers["cycle_count"], lambda: dev.fs.listdir("/"), lambda: f.write("x"),
                  lambda: dev.getfs()):
         with pytest.raises((modbus_vukra.VukraError, ValueError)):
             call()
+    with modbus_vukra.open(port, table=os.environ["VUKRA_TABLE"]) as dev:
+        assert dev.fs.open("/mem/after.txt").read() == "kept"
 
 
 
