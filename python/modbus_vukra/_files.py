@@ -382,6 +382,8 @@ class RemoteFile(io.RawIOBase):
         view = memoryview(data).cast("B")
         done = 0
         with self._device._lock:
+            if self.mode == "a" and self._position != self._size:
+                self.seek(self._size)  # appends go to the end wherever the file was moved, as O_APPEND
             self._select()
             while done < len(view):
                 piece = bytes(view[done:done + _library.IO_SIZE])

@@ -59,6 +59,7 @@ def test_file_objects(dev):
     with dev.fs.open("/mem/notes.txt", "w") as f:
         f.write("one\ntwo\n")
     with dev.fs.open("/mem/notes.txt", "a") as f:
+        f.seek(0)  # appends still go to the end
         f.write("three\n")
     with dev.fs.open("/mem/notes.txt") as f, dev.fs.open("/mem/blob.bin", "rb") as g:
         assert f.readline() == "one\n" and g.read(4) == data[:4]  # two files, one session handle
