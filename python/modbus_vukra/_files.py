@@ -8,6 +8,7 @@ goes back to its position before it reads or writes.
 """
 from __future__ import annotations
 
+import codecs
 import ctypes
 import errno
 import io
@@ -271,10 +272,20 @@ class FileSystem:
         binary = "b" in kinds
         if binary and (encoding is not None or errors is not None or newline is not None):
             raise ValueError("binary mode takes no encoding, errors or newline")
+        # Everything else is checked too before the file is made or emptied on the device.
+        if not isinstance(buffering, int):
+            raise TypeError(f"buffering must be an int, not {type(buffering).__name__}")
+        if buffering < -1:
+            raise ValueError(f"invalid buffering: {buffering}")
+        if not binary:
+            if buffering == 0:
+                raise ValueError("text mode needs buffering")
+            codecs.lookup(encoding or "utf-8")
+            codecs.lookup_error(errors or "strict")
+            if newline not in (None, "", "\n", "\r", "\r\n"):
+                raise ValueError(f"illegal newline value: {newline!r}")
         raw = RemoteFile(self._device, remote_path(path), mode.replace("b", "").replace("t", ""))
         if buffering == 0:
-            if not binary:
-                raise ValueError("text mode needs buffering")
             return raw
         size = io.DEFAULT_BUFFER_SIZE if buffering in (-1, 1) else buffering
         buffered = (io.BufferedReader if raw.readable() else io.BufferedWriter)(raw, size)

@@ -38,7 +38,8 @@ def test_register_text_goes_through_the_library(dev):
     (lambda r: r.__setitem__("setpoint", 1e39), ValueError), (lambda r: r["no_such"], KeyError),
     (lambda r: r[b"setpoint"], TypeError), (lambda r: r.write_text("uptime", "5"), PermissionError),
     (lambda r: r._device.fs.stat("/mem\0x"), ValueError), (lambda r: r._device.fs.open("/mem/x", "rw"), ValueError),
-    (lambda r: r._device.fs.listdir(3), TypeError)])
+    (lambda r: r._device.fs.listdir(3), TypeError),
+    (lambda r: r._device.fs.open("/mem/x", "w", encoding="?"), LookupError)])  # before the file is emptied
 def test_refused_before_the_library_is_called(dev, monkeypatch, call, error):
     monkeypatch.setattr(dev, "_lib", None)  # any library call would raise AttributeError
     with pytest.raises(error):
