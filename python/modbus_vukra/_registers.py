@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import ctypes
+import re
 import time
 from typing import Iterator
 
@@ -117,4 +118,10 @@ class Registers:
             results.append(bytes(buffer[:register.size]))
         if results[0] != results[1]:
             raise ValueError(f"{text!r} is not a value of {name}'s type {register.type}")
-        self[name] = register.decode(results[0])
+        value = register.decode(results[0])
+        # The library keeps the low bits of a number its type cannot hold
+        # ("40000" as an int16 is -25536): such a number is refused.
+        number = re.match(r"\s*([+-]?\d+)", text, re.ASCII) if register.kind in ("int", "bool") else None
+        if number and int(number.group(1)) != value:
+            raise ValueError(f"{text!r} is out of the range of {name} ({register.type}): nothing was sent")
+        self[name] = value

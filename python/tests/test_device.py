@@ -26,6 +26,7 @@ def test_register_text_goes_through_the_library(dev):
     dev.registers.write_text("setpoint", "18.5")
     assert dev.registers["setpoint"] == 18.5 and dev.registers.read_text("setpoint") == "18.500000"
     pytest.raises(ValueError, dev.registers.write_text, "energy", "twelve")
+    pytest.raises(ValueError, dev.registers.write_text, "offset_trim", "40000")  # not wrapped to -25536
     r = dev.registers.info("history")
     assert "history" in dev.registers.names() and (r.table, r.address, r.access, r.size) == ("status", 0x206, "R", 8)
 
