@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import atexit
 import ctypes
+import errno
 import io
 import logging
 import os
@@ -104,7 +105,12 @@ def open(port, table: str = TABLE_FILE, timeout: Optional[float] = None) -> "Dev
     if os.name == "posix":
         # The library gives a session even on a port it cannot open (every
         # request then fails): the port is tried here first, for a clear error.
-        os.close(os.open(name, os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK))
+        descriptor = os.open(os.fsdecode(name), os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK)
+        try:
+            if not os.isatty(descriptor):  # the library sets up terminals only
+                raise OSError(errno.ENOTTY, "not a serial port", os.fsdecode(name))
+        finally:
+            os.close(descriptor)
     from . import _table
     registers = _table.load(table)  # refuses a malformed table before the library sees it
     lib = _library.library()
