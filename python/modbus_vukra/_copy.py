@@ -21,6 +21,8 @@ def get(fs, remote: str, local: str) -> None:
     if os.path.exists(target) and not os.path.isfile(target):
         raise OSError(22, "not a regular file", local)
     directory = os.path.dirname(os.path.abspath(target))
+    if not os.path.isdir(directory):  # said of the user's path, not of the temporary beside it
+        raise FileNotFoundError(2, "no such directory", directory)
     with fs._device._lock:
         source = fs.open(remote, "rb")  # a directory or a missing file is refused here
         try:
@@ -63,6 +65,8 @@ def put(fs, local: str, remote: str) -> None:
             if words is None and device.error() == NO_REPLY:
                 raise file_error(NO_REPLY, "look up", remote)
             directory, name = _parent(remote), remote.rsplit("/", 1)[1]
+            if words is None and not fs.isdir(directory):
+                raise file_error(-44 if not fs.exists(directory) else -56, "write in", directory)
             for n in range(100):
                 temporary = _joined(directory, f".{name[:200]}.vukra-put-{os.getpid()}-{n}")
                 if fs._lookup(temporary) is None:
