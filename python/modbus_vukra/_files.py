@@ -329,6 +329,9 @@ class RemoteFile(io.RawIOBase):
                 raise file_error(-20, "create", path)
             if words is not None and words[1] & KIND_DIRECTORY:
                 raise file_error(24, "open", path)
+            if words is not None and mode == "w" and kind_name(words[1]) != "file":
+                # "w" replaces the object by a new empty file: never a device node or a fifo.
+                raise VukraError(f"cannot open {path} for writing: it is a {kind_name(words[1])}, not a file")
             if mode in ("w", "x") or words is None:
                 if words is not None:  # "w": the file starts again empty
                     if fs._call("protected_remove", _encoded(path)) != 0:

@@ -88,6 +88,7 @@ def test_tree_and_file_errors(dev):
                               (fs.open, ["/mem/t/a"], IsADirectoryError), (fs.listdir, ["/mem/t/x"], NotADirectoryError)]:
         caught = pytest.raises(error, call, *args).value
         assert isinstance(caught, modbus_vukra.VukraError) and caught.errno
+    pytest.raises(modbus_vukra.VukraError, fs.open, "/dev/null", "w")  # a device node is not replaced by a file
     with pytest.raises(OSError) as caught:
         dev.fs.rmdir("/mem/t/a")
     assert caught.value.errno == errno.ENOTEMPTY
