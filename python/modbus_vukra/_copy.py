@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import os
 import shutil
+import stat
 
 from ._errors import NO_REPLY, VukraError, file_error
 from ._files import KIND_DIRECTORY, KIND_FILE, _encoded, _joined, _parent
@@ -51,10 +52,17 @@ def get(fs, remote: str, local: str) -> None:
 def put(fs, local: str, remote: str) -> None:
     if remote == "/":
         raise ValueError(f"cannot put {local} as /: name a file")
-    with open(local, "rb") as source:  # a file that cannot be read is refused before the device is asked
-        if not os.path.isfile(local):
-            raise OSError(22, "not a regular file", local)
-        size = os.fstat(source.fileno()).st_size
+    # A file that cannot be read is refused before the device is asked; the
+    # open does not wait for a fifo's writer, which is refused too.
+    descriptor = os.open(local, os.O_RDONLY | getattr(os, "O_NONBLOCK", 0) | getattr(os, "O_BINARY", 0))
+    status = os.fstat(descriptor)
+    if not stat.S_ISREG(status.st_mode):
+        os.close(descriptor)
+        if stat.S_ISDIR(status.st_mode):
+            raise IsADirectoryError(21, "is a directory", local)
+        raise OSError(22, "not a regular file", local)
+    with os.fdopen(descriptor, "rb") as source:
+        size = status.st_size
         device = fs._device
         with device._lock:
             words = fs._lookup(remote)

@@ -109,6 +109,8 @@ def test_get_and_put_lose_nothing(dev, tmp_path):
         dev.fs.get("/mem/missing", back)
     with pytest.raises(FileNotFoundError):
         dev.fs.put(tmp_path / "missing", "/mem/put.bin")
+    os.mkfifo(tmp_path / "fifo")  # refused, not waited on for a writer
+    pytest.raises(OSError, dev.fs.put, tmp_path / "fifo", "/mem/put.bin") and os.unlink(tmp_path / "fifo")
     assert back.read_bytes() == local.read_bytes() and sorted(os.listdir(tmp_path)) == ["back.bin", "local.bin"]
     assert not [n for n in dev.fs.listdir("/mem") if "vukra-put" in n]
 
