@@ -63,15 +63,17 @@ class Registers:
         return register
 
     def _transfer(self, export: str, name: str, buffer, count: int) -> None:
-        start = time.monotonic()
-        got = self._device.call(export, _name(name), buffer, count)
+        with self._device._lock:  # timed from when the line is this call's, not while another thread has it
+            start = time.monotonic()
+            got = self._device.call(export, _name(name), buffer, count)
+            took = time.monotonic() - start
         if got == count:
             return
         # A register transaction leaves no status in the error word. A
         # failure that took the whole time-out found no reply; one that came
         # sooner had a reply the library refused (an exception, a bad frame).
         what = "read" if export.endswith("readreg") else "write"
-        if time.monotonic() - start >= 0.9 * self._device.timeout:
+        if took >= 0.9 * self._device.timeout:
             raise DeviceTimeout(f"cannot {what} {name}: no reply from the device (time-out)", 513)
         raise VukraError(f"cannot {what} {name}: the device's reply was refused (an exception or a bad frame)")
 
