@@ -31,6 +31,11 @@ def test_a_vanished_device_times_out_then_comes_back(start_sim):
         assert dev.fs.open("/mem/after.txt").read() == "kept"
 
 
+def test_a_table_the_library_cannot_read_is_refused(tmp_path):
+    (tmp_path / "t.xml").write_text("<root><type_list><type name='int16' words='1'/></type_list></root>")
+    with pytest.raises(modbus_vukra.VukraError, match="Xml error in attribute"):  # not the process ended
+        modbus_vukra.open(os.ttyname(os.openpty()[1]), table=tmp_path / "t.xml")
+
 
 def test_every_export_of_the_header_is_declared_once():
     header = (pathlib.Path(__file__).parents[2] / "include" / "modbus_vukra.h").read_text()
