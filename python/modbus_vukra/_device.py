@@ -372,6 +372,9 @@ class Device:
                     raise TransferCancelled(f"{what} cancelled", status)
                 if status == NO_REPLY:
                     raise DeviceTimeout(f"{what} failed: {status_words(status)}", status)
+                if status == 0:  # the library fails so when either card cannot be opened
+                    raise VukraError(f"{what} failed: the local card (\"sdcard0.o\" in {os.getcwd()}) "
+                                     "could not be opened, or the device's card is not a file", status)
                 raise VukraError(f"{what} failed: {status_words(status)}", status)
 
 
