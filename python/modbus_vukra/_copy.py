@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import os
 import shutil
+import stat
 
 from ._errors import NO_REPLY, VukraError, file_error
 from ._files import KIND_DIRECTORY, KIND_FILE, _encoded, _joined, _parent
@@ -21,6 +22,8 @@ def get(fs, remote: str, local: str) -> None:
     if os.path.exists(target) and not os.path.isfile(target):
         raise OSError(22, "not a regular file", local)
     directory = os.path.dirname(os.path.abspath(target))
+    if not os.path.isdir(directory):  # said of the user's path, not of the temporary beside it
+        raise FileNotFoundError(2, "no such directory", directory)
     with fs._device._lock:
         source = fs.open(remote, "rb")  # a directory or a missing file is refused here
         try:
@@ -49,10 +52,17 @@ def get(fs, remote: str, local: str) -> None:
 def put(fs, local: str, remote: str) -> None:
     if remote == "/":
         raise ValueError(f"cannot put {local} as /: name a file")
-    with open(local, "rb") as source:  # a file that cannot be read is refused before the device is asked
-        if not os.path.isfile(local):
-            raise OSError(22, "not a regular file", local)
-        size = os.fstat(source.fileno()).st_size
+    # A file that cannot be read is refused before the device is asked; the
+    # open does not wait for a fifo's writer, which is refused too.
+    descriptor = os.open(local, os.O_RDONLY | getattr(os, "O_NONBLOCK", 0) | getattr(os, "O_BINARY", 0))
+    status = os.fstat(descriptor)
+    if not stat.S_ISREG(status.st_mode):
+        os.close(descriptor)
+        if stat.S_ISDIR(status.st_mode):
+            raise IsADirectoryError(21, "is a directory", local)
+        raise OSError(22, "not a regular file", local)
+    with os.fdopen(descriptor, "rb") as source:
+        size = status.st_size
         device = fs._device
         with device._lock:
             words = fs._lookup(remote)
@@ -63,6 +73,8 @@ def put(fs, local: str, remote: str) -> None:
             if words is None and device.error() == NO_REPLY:
                 raise file_error(NO_REPLY, "look up", remote)
             directory, name = _parent(remote), remote.rsplit("/", 1)[1]
+            if words is None and not fs.isdir(directory):
+                raise file_error(-44 if not fs.exists(directory) else -56, "write in", directory)
             for n in range(100):
                 temporary = _joined(directory, f".{name[:200]}.vukra-put-{os.getpid()}-{n}")
                 if fs._lookup(temporary) is None:

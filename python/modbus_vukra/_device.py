@@ -3,10 +3,13 @@ from __future__ import annotations
 
 import atexit
 import ctypes
+import errno
 import io
 import logging
 import os
 import shutil
+import subprocess
+import sys
 import tempfile
 import threading
 import weakref
@@ -45,6 +48,40 @@ def _port_name(port) -> bytes:
     return name
 
 
+# Run in a child process: the library's own reader on the table.xml of the
+# working directory, through a session on a pseudo-terminal that nothing
+# answers. The reader ends its process on a table it cannot read.
+_READER_CHECK = """
+import ctypes, os, sys
+lib = ctypes.CDLL(sys.argv[1])
+lib.modbus_vukra_op_session_open.restype = ctypes.c_void_p
+lib.modbus_vukra_op_session_open.argtypes = [ctypes.c_char_p]
+master, slave = os.openpty()
+loaded = lib.modbus_vukra_op_session_open(os.fsencode(os.ttyname(slave)))
+os.write(2, b"table loaded" if loaded else b"no session")
+os._exit(0)
+"""
+
+
+def _check_with_library_reader(lib, directory: str, table: str) -> None:
+    """Refuses a table the library's reader would end the process on (Python's parser takes more).
+
+    POSIX only: the check needs a pseudo-terminal for the child's session.
+    """
+    if os.name != "posix" or not sys.executable:
+        return
+    try:
+        child = subprocess.run([sys.executable, "-c", _READER_CHECK, lib.path], cwd=directory,
+                               stdin=subprocess.DEVNULL, capture_output=True, timeout=30)
+    except subprocess.TimeoutExpired:
+        raise VukraError(f"cannot load the register table {table}: the library's reader did not end") from None
+    if child.stderr.endswith(b"table loaded"):
+        return
+    said = [line.strip() for line in child.stdout.decode(errors="replace").splitlines() if line.startswith("Xml")]
+    raise VukraError(f"cannot load the register table {table}: "
+                     + (said[-1] if said else "the library's reader refused it"))
+
+
 def _open_with_table(lib, port: bytes, table: str):
     """Opens a session whose register table is the file table.
 
@@ -56,12 +93,12 @@ def _open_with_table(lib, port: bytes, table: str):
     scratch directory with a copy), and comes back before open returns.
     The working directory belongs to the whole process: while the open
     runs, another thread's relative paths resolve there, and opens are
-    taken one at a time.
+    taken one at a time. The table is first read by the library's reader
+    in a child process, as that reader ends the process on a table it
+    cannot read.
     """
     table = os.path.abspath(table)
     here = os.getcwd()
-    if os.path.dirname(table) == here and os.path.basename(table) == TABLE_FILE:
-        return lib.session_open(port)
     with _directory_lock:
         scratch = None
         try:
@@ -70,6 +107,9 @@ def _open_with_table(lib, port: bytes, table: str):
             else:
                 scratch = directory = tempfile.mkdtemp(prefix="modbus_vukra-")
                 shutil.copyfile(table, os.path.join(scratch, TABLE_FILE))
+            _check_with_library_reader(lib, directory, table)
+            if directory == here:
+                return lib.session_open(port)
             os.chdir(directory)
             try:
                 return lib.session_open(port)
@@ -104,7 +144,12 @@ def open(port, table: str = TABLE_FILE, timeout: Optional[float] = None) -> "Dev
     if os.name == "posix":
         # The library gives a session even on a port it cannot open (every
         # request then fails): the port is tried here first, for a clear error.
-        os.close(os.open(name, os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK))
+        descriptor = os.open(os.fsdecode(name), os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK)
+        try:
+            if not os.isatty(descriptor):  # the library sets up terminals only
+                raise OSError(errno.ENOTTY, "not a serial port", os.fsdecode(name))
+        finally:
+            os.close(descriptor)
     from . import _table
     registers = _table.load(table)  # refuses a malformed table before the library sees it
     lib = _library.library()
@@ -163,8 +208,9 @@ class Device:
         with self._lock:
             if self._handle is None:
                 return
-            # The outer objects first: their buffers flush into the raw files.
-            for f in sorted(self._files, key=lambda f: isinstance(f, io.RawIOBase)):
+            # The outer objects first: text into its buffer, the buffer into the raw file.
+            layer = lambda f: 0 if isinstance(f, io.TextIOBase) else 1 if isinstance(f, io.BufferedIOBase) else 2
+            for f in sorted(self._files, key=layer):
                 try:
                     f.close()
                 except Exception as error:  # the device may be gone: the session closes anyway
@@ -326,6 +372,9 @@ class Device:
                     raise TransferCancelled(f"{what} cancelled", status)
                 if status == NO_REPLY:
                     raise DeviceTimeout(f"{what} failed: {status_words(status)}", status)
+                if status == 0:  # the library fails so when either card cannot be opened
+                    raise VukraError(f"{what} failed: the local card (\"sdcard0.o\" in {os.getcwd()}) "
+                                     "could not be opened, or the device's card is not a file", status)
                 raise VukraError(f"{what} failed: {status_words(status)}", status)
 
 

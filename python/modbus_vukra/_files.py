@@ -8,6 +8,7 @@ goes back to its position before it reads or writes.
 """
 from __future__ import annotations
 
+import codecs
 import ctypes
 import errno
 import io
@@ -271,10 +272,20 @@ class FileSystem:
         binary = "b" in kinds
         if binary and (encoding is not None or errors is not None or newline is not None):
             raise ValueError("binary mode takes no encoding, errors or newline")
+        # Everything else is checked too before the file is made or emptied on the device.
+        if not isinstance(buffering, int):
+            raise TypeError(f"buffering must be an int, not {type(buffering).__name__}")
+        if buffering < -1:
+            raise ValueError(f"invalid buffering: {buffering}")
+        if not binary:
+            if buffering == 0:
+                raise ValueError("text mode needs buffering")
+            codecs.lookup(encoding or "utf-8")
+            codecs.lookup_error(errors or "strict")
+            if newline not in (None, "", "\n", "\r", "\r\n"):
+                raise ValueError(f"illegal newline value: {newline!r}")
         raw = RemoteFile(self._device, remote_path(path), mode.replace("b", "").replace("t", ""))
         if buffering == 0:
-            if not binary:
-                raise ValueError("text mode needs buffering")
             return raw
         size = io.DEFAULT_BUFFER_SIZE if buffering in (-1, 1) else buffering
         buffered = (io.BufferedReader if raw.readable() else io.BufferedWriter)(raw, size)
@@ -318,6 +329,9 @@ class RemoteFile(io.RawIOBase):
                 raise file_error(-20, "create", path)
             if words is not None and words[1] & KIND_DIRECTORY:
                 raise file_error(24, "open", path)
+            if words is not None and mode == "w" and kind_name(words[1]) != "file":
+                # "w" replaces the object by a new empty file: never a device node or a fifo.
+                raise VukraError(f"cannot open {path} for writing: it is a {kind_name(words[1])}, not a file")
             if mode in ("w", "x") or words is None:
                 if words is not None:  # "w": the file starts again empty
                     if fs._call("protected_remove", _encoded(path)) != 0:
@@ -382,6 +396,8 @@ class RemoteFile(io.RawIOBase):
         view = memoryview(data).cast("B")
         done = 0
         with self._device._lock:
+            if self.mode == "a" and self._position != self._size:
+                self.seek(self._size)  # appends go to the end wherever the file was moved, as O_APPEND
             self._select()
             while done < len(view):
                 piece = bytes(view[done:done + _library.IO_SIZE])

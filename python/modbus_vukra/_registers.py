@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import ctypes
+import re
 import time
 from typing import Iterator
 
@@ -62,15 +63,17 @@ class Registers:
         return register
 
     def _transfer(self, export: str, name: str, buffer, count: int) -> None:
-        start = time.monotonic()
-        got = self._device.call(export, _name(name), buffer, count)
+        with self._device._lock:  # timed from when the line is this call's, not while another thread has it
+            start = time.monotonic()
+            got = self._device.call(export, _name(name), buffer, count)
+            took = time.monotonic() - start
         if got == count:
             return
         # A register transaction leaves no status in the error word. A
         # failure that took the whole time-out found no reply; one that came
         # sooner had a reply the library refused (an exception, a bad frame).
         what = "read" if export.endswith("readreg") else "write"
-        if time.monotonic() - start >= 0.9 * self._device.timeout:
+        if took >= 0.9 * self._device.timeout:
             raise DeviceTimeout(f"cannot {what} {name}: no reply from the device (time-out)", 513)
         raise VukraError(f"cannot {what} {name}: the device's reply was refused (an exception or a bad frame)")
 
@@ -117,4 +120,10 @@ class Registers:
             results.append(bytes(buffer[:register.size]))
         if results[0] != results[1]:
             raise ValueError(f"{text!r} is not a value of {name}'s type {register.type}")
-        self[name] = register.decode(results[0])
+        value = register.decode(results[0])
+        # The library keeps the low bits of a number its type cannot hold
+        # ("40000" as an int16 is -25536): such a number is refused.
+        number = re.match(r"\s*([+-]?\d+)", text, re.ASCII) if register.kind in ("int", "bool") else None
+        if number and int(number.group(1)) != value:
+            raise ValueError(f"{text!r} is out of the range of {name} ({register.type}): nothing was sent")
+        self[name] = value

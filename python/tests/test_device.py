@@ -26,6 +26,7 @@ def test_register_text_goes_through_the_library(dev):
     dev.registers.write_text("setpoint", "18.5")
     assert dev.registers["setpoint"] == 18.5 and dev.registers.read_text("setpoint") == "18.500000"
     pytest.raises(ValueError, dev.registers.write_text, "energy", "twelve")
+    pytest.raises(ValueError, dev.registers.write_text, "offset_trim", "40000")  # not wrapped to -25536
     r = dev.registers.info("history")
     assert "history" in dev.registers.names() and (r.table, r.address, r.access, r.size) == ("status", 0x206, "R", 8)
 
@@ -38,7 +39,8 @@ def test_register_text_goes_through_the_library(dev):
     (lambda r: r.__setitem__("setpoint", 1e39), ValueError), (lambda r: r["no_such"], KeyError),
     (lambda r: r[b"setpoint"], TypeError), (lambda r: r.write_text("uptime", "5"), PermissionError),
     (lambda r: r._device.fs.stat("/mem\0x"), ValueError), (lambda r: r._device.fs.open("/mem/x", "rw"), ValueError),
-    (lambda r: r._device.fs.listdir(3), TypeError)])
+    (lambda r: r._device.fs.listdir(3), TypeError),
+    (lambda r: r._device.fs.open("/mem/x", "w", encoding="?"), LookupError)])  # before the file is emptied
 def test_refused_before_the_library_is_called(dev, monkeypatch, call, error):
     monkeypatch.setattr(dev, "_lib", None)  # any library call would raise AttributeError
     with pytest.raises(error):
@@ -59,6 +61,7 @@ def test_file_objects(dev):
     with dev.fs.open("/mem/notes.txt", "w") as f:
         f.write("one\ntwo\n")
     with dev.fs.open("/mem/notes.txt", "a") as f:
+        f.seek(0)  # appends still go to the end
         f.write("three\n")
     with dev.fs.open("/mem/notes.txt") as f, dev.fs.open("/mem/blob.bin", "rb") as g:
         assert f.readline() == "one\n" and g.read(4) == data[:4]  # two files, one session handle
@@ -85,6 +88,7 @@ def test_tree_and_file_errors(dev):
                               (fs.open, ["/mem/t/a"], IsADirectoryError), (fs.listdir, ["/mem/t/x"], NotADirectoryError)]:
         caught = pytest.raises(error, call, *args).value
         assert isinstance(caught, modbus_vukra.VukraError) and caught.errno
+    pytest.raises(modbus_vukra.VukraError, fs.open, "/dev/null", "w")  # a device node is not replaced by a file
     with pytest.raises(OSError) as caught:
         dev.fs.rmdir("/mem/t/a")
     assert caught.value.errno == errno.ENOTEMPTY
@@ -105,6 +109,8 @@ def test_get_and_put_lose_nothing(dev, tmp_path):
         dev.fs.get("/mem/missing", back)
     with pytest.raises(FileNotFoundError):
         dev.fs.put(tmp_path / "missing", "/mem/put.bin")
+    os.mkfifo(tmp_path / "fifo")  # refused, not waited on for a writer
+    pytest.raises(OSError, dev.fs.put, tmp_path / "fifo", "/mem/put.bin") and os.unlink(tmp_path / "fifo")
     assert back.read_bytes() == local.read_bytes() and sorted(os.listdir(tmp_path)) == ["back.bin", "local.bin"]
     assert not [n for n in dev.fs.listdir("/mem") if "vukra-put" in n]
 
