@@ -13,6 +13,7 @@ packages=(
   clang libclang-rt-14-dev
   libcli11-dev
   help2man dpkg-dev llvm zip
+  mosquitto mosquitto-clients libmosquitto-dev ser2net openssl
 )
 
 missing=()

@@ -17,7 +17,7 @@ struct Shared {
 
 void define(CLI::App& app, vukra::cli::Options& options, Shared& shared) {
     app.fallthrough(); // the shared options may also follow the command
-    app.add_option("-p,--port", shared.port, "the serial port of the device (COM1, /dev/ttyUSB0, a pty)");
+    app.add_option("-p,--port", shared.port, "the serial port of the device (COM1, /dev/ttyUSB0, a pty, tcp://HOST:PORT)");
     app.add_option("--table", shared.table, "the register table (default: table.xml)");
     app.add_flag("-q,--quiet", shared.quiet, "show only the data, not the frames on the line nor the progress");
     app.require_subcommand(1);
@@ -36,6 +36,7 @@ void define(CLI::App& app, vukra::cli::Options& options, Shared& shared) {
     vukra::cli::add_reg_commands(app, options);
     vukra::cli::add_fs_commands(app, options);
     vukra::cli::add_watch_command(app, options);
+    vukra::cli::add_poll_command(app, options);
     app.set_version_flag("--version", "vukra " VUKRA_VERSION);
 }
 
