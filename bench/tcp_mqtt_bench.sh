@@ -9,26 +9,33 @@
 #   tcp_mqtt_bench.sh BUILD_DIR
 set -u
 build=$(realpath "$1")
+here=$(cd "$(dirname "$0")" && pwd)
 for p in ser2net mosquitto mosquitto_sub; do
   command -v "$p" >/dev/null || PATH=$PATH:/usr/sbin
   command -v "$p" >/dev/null || { echo "no $p: skipped"; exit 0; }
 done
-. "$(realpath "$(dirname "$0")/../scripts/pty_program.sh")"
+. "$here/../scripts/pty_program.sh"
 work=$(mktemp -d)
 trap 'stop_pty_programs; rm -rf "$work"' EXIT
 cd "$work"
-examples=$(realpath "$(dirname "$0")/../examples")
-cp "$examples/table.xml" .
+cp "$here/../examples/table.xml" .
 free_port() { /usr/bin/python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
 background() { "$@" >/dev/null 2>&1 & PTY_PIDS+=("$!"); }
 
-start_pty_program sim.out "$build/tools/vukra-sim" --table table.xml 2>/dev/null
-bridge=$(free_port)
-printf 'connection: &d\n  accepter: tcp,127.0.0.1,%s\n  connector: serialdev,%s,115200n81,local\n' \
-  "$bridge" "$PTY_PATH" >ser2net.yaml
-background ser2net -n -c ser2net.yaml -P "$work/ser2net.pid"
+# ser2net as it comes, and with its wait for a pause on the line (chardelay)
+# off, each to a sim of its own.
+bridges=()
+for delay in true false; do
+  start_pty_program "sim-$delay.out" "$build/tools/vukra-sim" --table table.xml 2>/dev/null
+  bridge=$(free_port)
+  printf 'connection: &d\n  accepter: tcp,127.0.0.1,%s\n  connector: serialdev,%s,115200n81,local\n  options:\n    chardelay: %s\n' \
+    "$bridge" "$PTY_PATH" "$delay" >"ser2net-$delay.yaml"
+  background ser2net -n -c "ser2net-$delay.yaml" -P "$work/ser2net-$delay.pid"
+  bridges+=("tcp://127.0.0.1:$bridge")
+done
 sleep 0.5
-"$build/bench/register_reads_bench" "tcp://127.0.0.1:$bridge"
+echo "through ser2net: ${bridges[0]} with chardelay (its default), ${bridges[1]} without"
+"$build/bench/register_reads_bench" "${bridges[@]}"
 
 "$build/tools/vukra-sim" --table table.xml --listen 127.0.0.1:0 >listen.out 2>/dev/null &
 PTY_PIDS+=("$!")

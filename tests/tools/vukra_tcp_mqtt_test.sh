@@ -57,6 +57,7 @@ connection: &device
   connector: serialdev,$PTY_PATH,115200n81,local
   options:
     kickolduser: true
+    chardelay: false
 EOF
 serve ser2net.out ser2net -n -c ser2net.yaml -P "$work/ser2net.pid"
 d2=tcp://127.0.0.1:$bridge
