@@ -60,6 +60,9 @@ TEST_F(TcpSession, CarriesRegistersAndFilesAndSurvivesTheServersRestart) {
     EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "offset_trim", &back, 2), 2);
     EXPECT_EQ(back, 77);
     EXPECT_EQ(modbus_vukra_op_protected_mount(s), 0);
+    std::int32_t info[MODBUS_VUKRA_INFO_WORDS] = {};
+    modbus_vukra_op_session_info(s, info);
+    EXPECT_GT(info[3], 0) << "the exchange's bits per second, counted as on a line";
 
     sim.reset(); // the server is gone
     Clock::time_point t = Clock::now();
