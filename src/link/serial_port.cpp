@@ -17,7 +17,8 @@ struct LastSettings {
     std::atomic<std::uint32_t> timeout_ms{0};
 } last_settings;
 
-thread_local char failure[320];
+// Room for the longest host, port and reason.
+thread_local char failure[600];
 
 void drop_connection(Port* port) {
     platform::tcp_close(port->native);
