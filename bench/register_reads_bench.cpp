@@ -1,6 +1,10 @@
-// Register reads per second: the library against vukra-sim on a pty, next
-// to a libmodbus RTU client against a libmodbus server on a pty, in the same
-// run. Each side reads a two-word register over and over for a while.
+// Register reads per second: the library against vukra-sim on a pty and
+// through tcp:// to vukra-sim --listen, next to a libmodbus RTU client
+// against a libmodbus server on a pty, in the same run. Each side reads a
+// two-word register over and over for a while. Port names given as
+// arguments (a ser2net bridge to a sim, from bench/tcp_mqtt_bench.sh) are
+// measured too.
+//   register_reads_bench [PORT...]
 #include "modbus_vukra.h"
 #include "platform/platform.h"
 #include "sim_child.h"
@@ -14,6 +18,7 @@
 #include <poll.h>
 #include <string>
 #include <thread>
+#include <vector>
 #include <unistd.h>
 
 using Clock = std::chrono::steady_clock;
@@ -22,16 +27,14 @@ namespace {
 
 constexpr double kSeconds = 2.0;
 
-double vukra_reads_per_second() {
-    const auto sim = bench::start_sim({"--table", VUKRA_EXAMPLES_DIR "/table.xml"});
-    if (sim == nullptr) return 0;
+double vukra_reads_per_second(const std::string& port) {
     long reads = 0, failures = 0;
     double elapsed = 0;
     {
         bench::MutedStdout muted;
         std::filesystem::copy_file(VUKRA_EXAMPLES_DIR "/table.xml", "table.xml",
                                    std::filesystem::copy_options::overwrite_existing);
-        modbus_vukra_session* s = modbus_vukra_op_session_open(sim->port().c_str());
+        modbus_vukra_session* s = modbus_vukra_op_session_open(port.c_str());
         const auto start = Clock::now();
         while (s != nullptr && elapsed < kSeconds) {
             std::int32_t value;
@@ -44,7 +47,7 @@ double vukra_reads_per_second() {
         modbus_vukra_op_session_close(s);
     }
     std::remove("table.xml");
-    if (failures) std::printf("vukra: %ld failed reads\n", failures);
+    if (failures) std::printf("vukra on %s: %ld failed reads\n", port.c_str(), failures);
     return elapsed > 0 ? reads / elapsed : 0;
 }
 
@@ -98,13 +101,24 @@ double libmodbus_reads_per_second() {
 
 } // namespace
 
-int main() {
+// Reads per second against a sim started with these arguments.
+double against_sim(const std::vector<std::string>& arguments) {
+    const auto sim = bench::start_sim(arguments);
+    return sim == nullptr ? 0 : vukra_reads_per_second(sim->port());
+}
+
+int main(int argc, char** argv) {
     char dir[] = "/tmp/vukra-reads-XXXXXX";
     if (mkdtemp(dir) == nullptr || chdir(dir) != 0) return 1;
-    double ours = vukra_reads_per_second();
+    double ours = against_sim({"--table", VUKRA_EXAMPLES_DIR "/table.xml"});
+    double tcp = against_sim({"--table", VUKRA_EXAMPLES_DIR "/table.xml", "--listen", "127.0.0.1:0"});
+    std::vector<double> given;
+    for (int i = 1; i < argc; ++i) given.push_back(vukra_reads_per_second(argv[i]));
     double theirs = libmodbus_reads_per_second();
-    std::printf("two-word register reads on a pty, %.0f s each:\n", kSeconds);
+    std::printf("two-word register reads, %.0f s each:\n", kSeconds);
     std::printf("  modbus_vukra (ASCII in SLIP) against vukra-sim: %8.0f reads/s\n", ours);
+    std::printf("  the same through tcp:// to vukra-sim --listen:  %8.0f reads/s\n", tcp);
+    for (int i = 1; i < argc; ++i) std::printf("  the same through %s: %8.0f reads/s\n", argv[i], given[i - 1]);
     std::printf("  libmodbus RTU client against libmodbus server:  %8.0f reads/s\n", theirs);
     std::printf("  ratio %.2f (target >= 1)\n", theirs > 0 ? ours / theirs : 0.0);
     rmdir(dir);

@@ -52,6 +52,16 @@ enum {
  * such as "/dev/ttyUSB0" elsewhere) at 400000 baud 8N1 with a 4000 ms read
  * time-out. With NULL, and a Session already open, it returns an unconnected
  * record (the kind that serves the local mirror); NULL otherwise.
+ *
+ * "tcp://HOST:PORT" (HOST a name, an IPv4 address or an IPv6 address in
+ * brackets) opens a TCP connection to a serial device server in raw mode
+ * instead, such as ser2net or a terminal server. The same bytes travel; the
+ * 400000-baud 8N1 settings are not applied, since the device server owns
+ * the line and sets its speed (set it to 400000 baud 8N1 there); the 4000 ms
+ * read time-out holds. A name that does not parse, a host that does not
+ * resolve and a connection refused or not made within the time-out give
+ * NULL. A connection that drops makes operations fail as on a silent line
+ * (-1 for registers, 513 for files) and the next operation connects again.
  */
 MODBUS_VUKRA_API modbus_vukra_session *modbus_vukra_op_session_open(const char *port_name);
 

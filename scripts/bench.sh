@@ -9,3 +9,5 @@ done
 # The Python package next to the C library, in the same run.
 echo "== python_bench.py"
 /usr/bin/python3 "$(dirname "$0")/../bench/python_bench.py" "$build"
+echo "== tcp_mqtt_bench"
+"$(dirname "$0")/../bench/tcp_mqtt_bench.sh" "$build"

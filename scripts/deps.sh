@@ -15,6 +15,7 @@ packages=(
   python3-pytest python3-setuptools python3-pip
   help2man dpkg-dev llvm zip
   fuse3 libfuse3-dev
+  mosquitto mosquitto-clients libmosquitto-dev ser2net openssl
 )
 
 missing=()

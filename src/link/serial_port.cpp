@@ -17,9 +17,83 @@ struct LastSettings {
     std::atomic<std::uint32_t> timeout_ms{0};
 } last_settings;
 
+// Room for the longest host, port and reason.
+thread_local char failure[600];
+
+void drop_connection(Port* port) {
+    platform::tcp_close(port->native);
+    port->native = platform::kInvalidPort;
+}
+
+// Connects a tcp port to its address: false, with the reason in failure.
+bool connect(Port* port) {
+    char why[256] = "";
+    port->native = platform::tcp_connect(port->address.host, port->address.service, port->timeout_ms, why, sizeof why);
+    if (port->native != platform::kInvalidPort) return true;
+    std::snprintf(failure, sizeof failure, "cannot connect to %s port %s: %s", port->address.host,
+                  port->address.service, why);
+    return false;
+}
+
+Port* new_port(platform::NativePort native, bool adopted) {
+    auto* port = new (std::nothrow) Port;
+    if (port == nullptr) return nullptr;
+    port->native = native;
+    port->timeout_ms = kSessionSettings.timeout_ms;
+    port->head = port->tail = 0;
+    port->adopted = adopted;
+    port->tcp = port->reconnects = false;
+    port->address = TcpAddress{};
+    return port;
+}
+
+Port* tcp_open(const char* name, const SerialSettings* settings) {
+    TcpAddress address;
+    if (!parse_tcp_name(name, address)) {
+        std::snprintf(failure, sizeof failure,
+                      "\"%.200s\" is not a port name tcp://HOST:PORT (an IPv6 address in brackets, a port from 1 to "
+                      "65535)",
+                      name);
+        return nullptr;
+    }
+    Port* port = new_port(platform::kInvalidPort, false);
+    if (port == nullptr) return nullptr;
+    port->tcp = port->reconnects = true;
+    port->address = address;
+    if (settings != nullptr) port->timeout_ms = settings->timeout_ms;
+    if (!connect(port)) {
+        delete port;
+        return nullptr;
+    }
+    if (settings != nullptr) (void)serial_configure(name, port, settings);
+    return port;
+}
+
 } // namespace
 
+const char* open_failure() { return failure; }
+
+Port* tcp_adopt(platform::NativePort socket, std::uint32_t timeout_ms) {
+    Port* port = new_port(socket, true);
+    if (port == nullptr) return nullptr;
+    port->tcp = true;
+    port->timeout_ms = timeout_ms;
+    return port;
+}
+
 int serial_fill(Port* port) {
+    if (port->tcp) {
+        // A dropped connection answers at once, as a silent line does once
+        // its time-out has run out.
+        long n = platform::tcp_read_some(port->native, port->received, kReceiveBufferSize, port->timeout_ms);
+        if (n < 0 && port->native != platform::kInvalidPort) {
+            std::printf("connection to the device server lost\n");
+            drop_connection(port);
+        }
+        port->head = 0;
+        port->tail = static_cast<std::uint32_t>(n > 0 ? n : 0);
+        return n > 0 ? 1 : n;
+    }
     long n = platform::serial_read_some(port->native, port->received, kReceiveBufferSize, port->timeout_ms);
     if (n < 0) {
         std::printf("%s", platform::last_error_text());
@@ -31,12 +105,9 @@ int serial_fill(Port* port) {
 }
 
 Port* serial_open(int, const char* name, std::intptr_t native_handle, const SerialSettings* settings) {
-    auto* port = new (std::nothrow) Port;
+    if (native_handle == 0 && is_tcp_name(name)) return tcp_open(name, settings);
+    Port* port = new_port(native_handle != 0 ? native_handle : platform::serial_open(name), native_handle != 0);
     if (port == nullptr) return nullptr;
-    port->native = native_handle != 0 ? native_handle : platform::serial_open(name);
-    port->timeout_ms = kSessionSettings.timeout_ms;
-    port->head = port->tail = 0;
-    port->adopted = native_handle != 0;
     if (settings != nullptr) (void)serial_configure(name, port, settings);
     platform::serial_purge(port->native);
     platform::serial_setup_queues(port->native);
@@ -46,7 +117,7 @@ Port* serial_open(int, const char* name, std::intptr_t native_handle, const Seri
 
 int serial_configure(const char* name, Port* port, const SerialSettings* settings) {
     if (port == nullptr || settings == nullptr) return -1;
-    if (platform::serial_configure(port->native, settings->baud, settings->timeout_ms) != 0) {
+    if (!port->tcp && platform::serial_configure(port->native, settings->baud, settings->timeout_ms) != 0) {
         if (!port->adopted) platform::serial_close(port->native);
         port->native = platform::kInvalidPort;
         return -1;
@@ -76,11 +147,28 @@ long serial_read(Port* port, void* buffer, std::size_t count) {
 }
 
 long serial_write(Port* port, const void* bytes, std::size_t count) {
-    return platform::serial_write(port->native, bytes, count);
+    if (!port->tcp) return platform::serial_write(port->native, bytes, count);
+    // A connection the other end closed while nothing was asked is noticed
+    // here, so that the exchange about to start goes on a new one.
+    if (port->native != platform::kInvalidPort && !platform::tcp_connected(port->native)) drop_connection(port);
+    if (port->native == platform::kInvalidPort) {
+        if (!port->reconnects) return -1;
+        if (!connect(port)) {
+            std::printf("%s\n", failure);
+            return -1;
+        }
+    }
+    long n = platform::tcp_write(port->native, bytes, count);
+    if (n < 0) drop_connection(port);
+    return n;
 }
 
 int serial_purge(Port* port) {
     port->head = port->tail = 0;
+    if (port->tcp) {
+        if (port->native != platform::kInvalidPort && !platform::tcp_drain(port->native)) drop_connection(port);
+        return 0;
+    }
     platform::serial_purge(port->native);
     platform::serial_clear_break(port->native);
     return 0;
@@ -88,7 +176,10 @@ int serial_purge(Port* port) {
 
 int serial_close(Port* port) {
     if (port == nullptr) return 0;
-    platform::serial_close(port->native);
+    if (port->tcp)
+        platform::tcp_close(port->native);
+    else
+        platform::serial_close(port->native);
     delete port;
     return 0;
 }

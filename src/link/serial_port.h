@@ -4,8 +4,18 @@
 // Reads are served from the buffer and refill it with whatever the driver
 // holds, so a packet costs a few system calls, not one per byte; purge and
 // close drop what the buffer holds along with the driver's queues.
+//
+// A port named "tcp://HOST:PORT" (see port_name.h) is a TCP connection to a
+// serial device server in raw mode instead: the same bytes travel, the read
+// time-out, purge and the counts behave as on a serial port, and the line's
+// settings (400000 baud, 8N1, DTR, RTS) are not applied, since the device
+// server owns the line and its speed; only the time-out is. A connection
+// that the other end closes, or that fails, is dropped: reads then fail at
+// once, as they do on a silent line after its time-out, and the next write
+// (every exchange starts with one) connects again.
 #pragma once
 
+#include "link/port_name.h"
 #include "platform/platform.h"
 
 #include <cstddef>
@@ -32,14 +42,27 @@ struct Port {
     std::uint32_t head; // next byte to hand out
     std::uint32_t tail; // end of the bytes held
     bool adopted;       // the host handed the handle over: a failed open leaves it to the host
+    bool tcp;           // a TCP connection: native is its socket, kInvalidPort while dropped
+    bool reconnects;    // the address is known: the next write connects again after a drop
+    TcpAddress address;
     std::uint8_t received[kReceiveBufferSize];
 };
 
 // Opens the port by name, or adopts native_handle when it is not 0, applies
-// settings when given, purges and prepares the port. Only a failed
-// allocation gives null: a name that cannot be opened yields a Port on the
-// invalid handle, whose transfers then fail.
+// settings when given, purges and prepares the port. For a serial port only
+// a failed allocation gives null: a name that cannot be opened yields a
+// Port on the invalid handle, whose transfers then fail. A tcp:// name that
+// does not parse, a host that does not resolve and a connection that is
+// refused or not made within the time-out give null, with the reason in
+// open_failure().
 Port* serial_open(int unused, const char* name, std::intptr_t native_handle, const SerialSettings* settings);
+
+// Why the calling thread's last open of a tcp:// name failed, for a person.
+const char* open_failure();
+
+// A Port on a connection the caller accepted (the emulator's end): it is
+// not connected again once dropped.
+Port* tcp_adopt(platform::NativePort socket, std::uint32_t timeout_ms);
 
 // Applies settings; prints "%s ready\n" when a name is given. 0 or -1 (the
 // Port is then left on the invalid handle; a handle opened by name is

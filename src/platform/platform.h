@@ -62,6 +62,47 @@ bool pty_open(PseudoTerminal& pty);
 // language (valid until the next call from the same thread).
 const char* last_error_text();
 
+// ---- TCP connection to a serial device server ---------------------------
+
+// A connected stream socket (a SOCKET on Win32, a descriptor on POSIX),
+// blocking, with Nagle's delay off: a request is one small write and waits
+// for its reply. kInvalidPort when there is none.
+//
+// Connects to host (a name, an IPv4 or an IPv6 address without brackets)
+// and service (a port number), trying each address the name resolves to,
+// all within timeout_ms. On failure returns kInvalidPort and puts the
+// reason for a person in why ("connection refused", "no such host").
+NativePort tcp_connect(const char* host, const char* service, std::uint32_t timeout_ms, char* why,
+                       std::size_t why_size);
+
+// Waits up to timeout_ms for input, then returns what has arrived, at most
+// capacity bytes: a count above 0, 0 when the time-out ran out, -1 when the
+// connection is over (closed by the other end, or failed).
+long tcp_read_some(NativePort socket, void* buffer, std::size_t capacity, std::uint32_t timeout_ms);
+
+// Writes all count bytes; the count, or -1 when the connection is over.
+long tcp_write(NativePort socket, const void* bytes, std::size_t count);
+
+// Drops, without waiting, whatever has arrived. False when the connection
+// turns out to be over.
+bool tcp_drain(NativePort socket);
+
+// False when the other end has closed the connection or it failed; what
+// has arrived stays to be read.
+bool tcp_connected(NativePort socket);
+
+void tcp_close(NativePort socket);
+
+// A listening socket on host and service (a name or address; "0.0.0.0",
+// "::" or "*" for every address), with room for a few connections waiting
+// to be accepted. kInvalidPort with the reason in why on failure.
+NativePort tcp_listen(const char* host, const char* service, char* why, std::size_t why_size);
+// The port number a listening socket was given (the system's choice when
+// asked for port 0).
+unsigned tcp_local_port(NativePort listener);
+// Waits for the next connection and returns it (kInvalidPort on failure).
+NativePort tcp_accept(NativePort listener);
+
 // ---- locks --------------------------------------------------------------
 
 // A recursive lock with a critical section's behaviour: the owning thread

@@ -1,6 +1,6 @@
 # bash completion for vukra: command groups and their verbs, the options,
 # serial ports after -p, tables after --table, register names from the
-# table in use after reg read and reg write, local files for fs get and put
+# table in use after reg read, reg write and poll, local files for fs get and put
 # (-r for a directory), directories and the mount's options after mount.
 # After a "+" (which joins commands into one run) a new command begins.
 
@@ -19,7 +19,7 @@ _vukra() {
 
     case $prev in
     -p | --port)
-        local ports=(/dev/ttyUSB* /dev/ttyACM* /dev/ttyS* /dev/pts/[0-9]*)
+        local ports=(/dev/ttyUSB* /dev/ttyACM* /dev/ttyS* /dev/pts/[0-9]* tcp://)
         COMPREPLY=($(compgen -W "${ports[*]}" -- "$cur"))
         [ ${#COMPREPLY[@]} -eq 0 ] && COMPREPLY=($(compgen -f -- "$cur"))
         return 0
@@ -29,6 +29,14 @@ _vukra() {
         return 0
         ;;
     --root | --cache) return 0 ;;
+    --format)
+        COMPREPLY=($(compgen -W "text csv json" -- "$cur"))
+        return 0
+        ;;
+    --mqtt-credentials | --mqtt-cafile)
+        COMPREPLY=($(compgen -f -- "$cur"))
+        return 0
+        ;;
     esac
 
     # The words before the cursor: the group, its verb and their arguments,
@@ -37,7 +45,7 @@ _vukra() {
     for ((i = 1; i < COMP_CWORD; i++)); do
         w=${COMP_WORDS[i]}
         case $w in
-        -p | --port) ((i++)) ;;
+        -p | --port | --every | --count | --format | --mqtt | --mqtt-credentials | --mqtt-cafile) ((i++)) ;;
         --table) ((i++)); table=${COMP_WORDS[i]} ;;
         --root | --cache) ((i++)) ;;
         +) words=() ;;
@@ -57,7 +65,7 @@ _vukra() {
 
     case ${#words[@]} in
     0)
-        COMPREPLY=($(compgen -W "reg fs watch mount" -- "$cur"))
+        COMPREPLY=($(compgen -W "reg fs watch mount poll" -- "$cur"))
         return 0
         ;;
     1)
@@ -65,13 +73,14 @@ _vukra() {
         reg) COMPREPLY=($(compgen -W "read write list" -- "$cur")) ;;
         fs) COMPREPLY=($(compgen -W "ls cat get put rm mkdir rmdir mv df stat tree getfs putfs" -- "$cur")) ;;
         mount) COMPREPLY=($(compgen -d -- "$cur")) ;;
+        poll) COMPREPLY=($(compgen -W "$(_vukra_registers "$table")" -- "$cur")) ;;
         esac
         return 0
         ;;
     esac
 
     case $group/$verb in
-    reg/read)
+    reg/read | poll/*)
         COMPREPLY=($(compgen -W "$(_vukra_registers "$table")" -- "$cur"))
         ;;
     reg/write)

@@ -35,6 +35,7 @@ namespace {
 struct Options {
     std::string table;
     std::string port;
+    std::string listen; // HOST:PORT to serve on TCP instead of a line
     std::uint32_t baud = 0;
     double corrupt = 0;
     sim::FaultOptions faults;
@@ -72,7 +73,13 @@ Options parse(int argc, char** argv) {
                  "Warnings and errors go to standard error; with -v also what it serves and the kernel's lines.",
                  "vukra-sim"};
     app.add_option("--table", o.table, "the register table; initial values from \"value\" attributes")->required();
-    app.add_option("--port", o.port, "use this serial device instead of a pseudo-terminal");
+    auto* port_option = app.add_option("--port", o.port, "use this serial device instead of a pseudo-terminal");
+    app.add_option("--listen", o.listen,
+                   "serve on TCP at HOST:PORT instead of a pseudo-terminal, as a device behind a serial device\n"
+                   "server does (IPv6 in brackets; port 0 takes a free one); the first line of standard output\n"
+                   "is then tcp://HOST:PORT. One client at a time: a second connection waits, accepted by the\n"
+                   "system but not served, until the first one closes")
+        ->excludes(port_option);
     app.add_option("--baud", baud, "send replies at the pace of N baud, 8N1 (default: unpaced)")->check(sim::not_empty);
     app.add_option("--corrupt", corrupt, "change one random byte of a reply with probability P (0 to 1)")->check(sim::not_empty);
     sim::add_fault_options(app, o.faults, fault_texts);
@@ -137,6 +144,8 @@ void corrupt(std::uint8_t* frame, std::size_t length, std::mt19937& random) {
 struct Device {
     Options options;
     link::Port* port = nullptr;
+    platform::NativePort listener = platform::kInvalidPort; // with --listen
+    std::uint32_t timeout_ms = 60000;
     sim::RegisterMemory* memory = nullptr;
     std::mt19937 random;
     std::uniform_real_distribution<double> chance{0, 1};
@@ -187,6 +196,20 @@ void serve(void*) {
     link::AsciiFrame request;
     link::frame_init(request, request_text, link::kFrameCapacity);
     for (;;) {
+        if (d.listener != platform::kInvalidPort && d.port->native == platform::kInvalidPort) {
+            // The client has gone: the next one waiting is served, from a
+            // fresh start of its first request.
+            const platform::NativePort client = platform::tcp_accept(d.listener);
+            if (client == platform::kInvalidPort) {
+                platform::sleep_ms(100);
+                continue;
+            }
+            platform::LockGuard hold(d.busy);
+            link::serial_close(d.port);
+            d.port = link::tcp_adopt(client, d.timeout_ms);
+            if (d.port == nullptr) std::_Exit(1);
+            link::frame_init(request, request_text, link::kFrameCapacity);
+        }
         const long n = link::slip_receive(d.port, packet, sizeof packet);
         if (n <= 0) continue;
         platform::LockGuard hold(d.busy);
@@ -229,7 +252,25 @@ int main(int argc, char** argv) {
     std::string path = options.port;
     link::Port* port = nullptr;
     platform::PseudoTerminal pty;
-    if (options.port.empty()) {
+    if (!options.listen.empty()) {
+        // HOST:PORT as a client names it, except that port 0 (the system
+        // chooses) is allowed here: it is read as port 1, then asked for as 0.
+        std::string name = "tcp://" + options.listen;
+        const bool any_port = name.ends_with(":0");
+        if (any_port) name.back() = '1';
+        link::TcpAddress address;
+        char why[256] = "not HOST:PORT (IPv6 in brackets)";
+        if (link::parse_tcp_name(name.c_str(), address))
+            device.listener = platform::tcp_listen(address.host, any_port ? "0" : address.service, why, sizeof why);
+        if (device.listener == platform::kInvalidPort) {
+            std::fprintf(stderr, "vukra-sim: cannot listen on %s: %s\n", options.listen.c_str(), why);
+            return 1;
+        }
+        const bool v6 = std::strchr(address.host, ':') != nullptr;
+        path = std::string("tcp://") + (v6 ? "[" : "") + address.host + (v6 ? "]" : "") + ":" +
+               std::to_string(platform::tcp_local_port(device.listener));
+        port = link::tcp_adopt(platform::kInvalidPort, 60000); // no client yet
+    } else if (options.port.empty()) {
         if (platform::pty_open(pty)) {
             path = pty.path;
             port = link::serial_open(0, nullptr, pty.master, nullptr);

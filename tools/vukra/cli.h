@@ -12,6 +12,7 @@
 //   image_commands.cpp  vukra fs getfs|putfs (the whole card and the /mem mirror)
 //   watch_command.cpp   vukra watch
 //   mount_*.cpp         vukra mount (see mount.h)
+//   poll_command.cpp    vukra poll, with poll_values.cpp (formats) and mqtt_bridge.cpp (MQTT)
 //   remote_fs.cpp       what the fs commands share: the mounted session, statuses, transfers
 //   progress.cpp        the progress line of long transfers
 //   interrupt.cpp       Ctrl-C caught while a transfer or watch runs (POSIX and Win32)
@@ -72,5 +73,8 @@ void add_mount_command(CLI::App& app, Options& options);
 
 // vukra watch
 void add_watch_command(CLI::App& app, Options& options);
+
+// vukra poll NAME... (poll_command.cpp)
+void add_poll_command(CLI::App& app, Options& options);
 
 } // namespace vukra::cli

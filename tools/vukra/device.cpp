@@ -3,6 +3,7 @@
 #include "../common/null_device.h"
 #include "../common/table_errors.h"
 #include "link/register_transactions.h"
+#include "link/serial_port.h"
 #include "session/session.h"
 #include "table/register_table.h"
 
@@ -73,7 +74,8 @@ modbus_vukra_session* device_session(Options& options) {
     tools::set_table_being_read(options.table.c_str());
     modbus_vukra_session* s = session::open(options.port.c_str(), 0, options.table.c_str());
     if (s == nullptr) {
-        fail("cannot open a session on " + options.port);
+        fail("cannot open a session on " + options.port +
+             (link::is_tcp_name(options.port.c_str()) ? std::string(": ") + link::open_failure() : ""));
         return nullptr;
     }
     if (s->port->native == platform::kInvalidPort) {

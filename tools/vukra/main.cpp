@@ -17,7 +17,7 @@ struct Shared {
 
 void define(CLI::App& app, vukra::cli::Options& options, Shared& shared) {
     app.fallthrough(); // the shared options may also follow the command
-    app.add_option("-p,--port", shared.port, "the serial port of the device (COM1, /dev/ttyUSB0, a pty)");
+    app.add_option("-p,--port", shared.port, "the serial port of the device (COM1, /dev/ttyUSB0, a pty, tcp://HOST:PORT)");
     app.add_option("--table", shared.table, "the register table (default: table.xml)");
     app.add_flag("-v,--verbose", shared.verbose,
                  "show the library's lines about the exchange on standard error: the port, the frames on the\n"
@@ -42,6 +42,7 @@ void define(CLI::App& app, vukra::cli::Options& options, Shared& shared) {
 #ifdef VUKRA_MOUNT
     vukra::cli::add_mount_command(app, options);
 #endif
+    vukra::cli::add_poll_command(app, options);
     app.set_version_flag("--version", "vukra " VUKRA_VERSION);
 }
 

@@ -1,6 +1,7 @@
 // vukra reg read|write|list: device registers by their names in the table.
 #include "cli.h"
 #include "device.h"
+#include "poll_values.h"
 
 #include "session/named_registers.h"
 #include "table/register_table.h"
@@ -139,13 +140,19 @@ void add_reg_commands(CLI::App& app, Options& options) {
 
     struct Words {
         std::vector<std::string> names, value;
-        std::string name, table;
+        std::string name, table, format = "text";
     };
     auto words = std::make_shared<Words>();
 
     CLI::App* read_cmd = reg->add_subcommand("read", "read registers and show their values, one \"NAME = VALUE\" a line");
     read_cmd->add_option("NAME", words->names, "register names")->required();
-    choose(read_cmd, options, [&options, words] { return read(options, words->names); });
+    read_cmd->add_option("--format", words->format, "text (NAME = VALUE lines), csv or json, as one round of poll");
+    choose(read_cmd, options, [&options, words] {
+        Format format;
+        if (!parse_format(words->format, format))
+            return fail("--format is text, csv or json, not \"" + words->format + "\"");
+        return format == Format::kText ? read(options, words->names) : read_once(options, words->names, format);
+    });
 
     CLI::App* write_cmd = reg->add_subcommand(
         "write", "write a register: decimal, or 0x hexadecimal for integers; a buffer's elements separated by blanks");

@@ -1,0 +1,130 @@
+#!/usr/bin/env bash
+# vukra on tcp:// ports (vukra-sim --listen, and a real ser2net bridging TCP
+# to the sim's pseudo-terminal) and vukra poll into a real mosquitto broker.
+# Every server is started here on 127.0.0.1 and a free port, and stopped on
+# exit with the rest (stop_pty_programs).
+#   vukra_tcp_mqtt_test.sh BUILD_TOOLS_DIR EXAMPLES_DIR SCRIPTS_DIR
+. "$(dirname "$0")/../support/tool_checks.sh"
+cp "$examples/table.xml" .
+
+free_port() { /usr/bin/python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
+# serve OUT COMMAND...: runs COMMAND in the background with its output in
+# OUT, stopped on exit; LAST is its pid.
+serve() {
+  local out=$1
+  shift
+  : >"$out"
+  "$@" >"$out" 2>>servers.err &
+  LAST=$!
+  PTY_PIDS+=("$LAST")
+}
+until_ok() { for _ in $(seq 100); do "$@" >/dev/null 2>&1 && return 0; sleep 0.1; done; return 1; }
+wait_for() { # wait_for PATTERN FILE: up to 20 s for a line matching PATTERN (grep -E)
+  for _ in $(seq 200); do grep -Eq -- "$1" "$2" && return 0; sleep 0.1; done
+  return 1
+}
+listening_sim() { # listening_sim OUT [PORT]: a sim on tcp; its name in NAME
+  serve "$1" "$sim" --table table.xml --listen "127.0.0.1:${2:-0}"
+  wait_for '^tcp://' "$1" && NAME=$(head -n 1 "$1")
+}
+# has WHAT PATTERN COMMAND...: the command succeeds and its output matches.
+has() {
+  local what=$1 pattern=$2
+  shift 2
+  if "$@" >out 2>err && grep -Eq -- "$pattern" out; then ok; else ko "$what: $(cat out err | head -n 5)"; fi
+}
+seen() { if wait_for "$2" "$3"; then ok; else ko "$1: $(tail -n 5 "$3")"; fi; }
+
+# --- vukra-sim --listen: the same commands as on a line, and the formats ---
+listening_sim sim1.out && d1=$NAME
+has "write over tcp" '^offset_trim = 5$' "$vukra" -q -p "$d1" reg write offset_trim 5
+has "json" '"offset_trim":\{"value":5,"type":"int16","status":"ok"\},"probe_raw":\{"value":\[100,-200,300\]' \
+  "$vukra" -q -p "$d1" reg read offset_trim probe_raw --format json
+has "csv" '^[0-9T:.-]+Z,21.50*,100 -200 300$' "$vukra" -q -p "$d1" reg read setpoint probe_raw --format csv
+[ "$(head -n 1 out)" = time,setpoint,probe_raw ] && ok || ko "the csv header: $(cat out)"
+has "poll, counted" '"serial_number":\{"value":123456' "$vukra" -q -p "$d1" poll serial_number --every 0.1 --count 3 --format json
+[ "$(wc -l <out)" -eq 3 ] && ok || ko "three rounds, three lines: $(cat out)"
+for port in tcp://127.0.0.1 tcp://no-such-host.invalid:4001 "tcp://127.0.0.1:$(free_port)"; do
+  fails "open $port" "cannot open a session on $port: " "$vukra" -q -p "$port" reg read setpoint
+done
+
+# --- a real ser2net between vukra and the sim's pseudo-terminal ---
+start_pty_program pty.out "$sim" --table table.xml --image card.img
+bridge=$(free_port)
+cat >ser2net.yaml <<EOF
+connection: &device
+  accepter: tcp,127.0.0.1,$bridge
+  connector: serialdev,$PTY_PATH,115200n81,local
+  options:
+    kickolduser: true
+    chardelay: false
+EOF
+serve ser2net.out ser2net -n -c ser2net.yaml -P "$work/ser2net.pid"
+d2=tcp://127.0.0.1:$bridge
+until_ok "$vukra" -q -p "$d2" reg read heater_on
+has "registers through ser2net" '^heater_on = 1$' "$vukra" -q -p "$d2" reg read heater_on
+head -c 50000 /dev/urandom >file.bin
+check "put through ser2net" "$vukra" -q -p "$d2" fs put file.bin /mem/file.bin
+check "get through ser2net" "$vukra" -q -p "$d2" fs get /mem/file.bin back.bin
+check "the same bytes" cmp file.bin back.bin
+has "getfs through ser2net" 'file.bin' "$vukra" -q -p "$d2" fs getfs + fs ls /mem
+
+# --- mosquitto: values, writes, refusals, a restarted broker, three devices ---
+mport=$(free_port)
+# mosquitto started as root would drop to its own user, who cannot read $work.
+printf 'listener %s 127.0.0.1\nallow_anonymous true\npersistence false\nuser %s\n' "$mport" "$(id -un)" >broker.conf
+broker() { serve broker.out mosquitto -c broker.conf; BROKER=$LAST; until_ok mosquitto_pub -h 127.0.0.1 -p "$mport" -t probe -m x; }
+subscribe() { serve "$1" mosquitto_sub -h 127.0.0.1 -p "$mport" -v -t 'plant/#'; sleep 0.3; }
+poller() { serve "poll$1.out" "$vukra" -q -p "$2" poll offset_trim cycle_count --every 0.2 --mqtt "mqtt://127.0.0.1:$mport/plant/d$1"; }
+broker
+subscribe sub.out
+poller 1 "$d1"
+POLLER1=$LAST
+seen "values reach the subscriber" '^plant/d1/offset_trim \{"value":5,"type":"int16","time":"[0-9T:.-]+Z","status":"ok"\}$' sub.out
+seen "online" '^plant/d1/status online$' sub.out
+mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d1/offset_trim/set -m -321
+seen "a set writes the sim's register" '^plant/d1/offset_trim \{"value":-321,' sub.out
+while read -r topic value pattern; do
+  mosquitto_pub -h 127.0.0.1 -p "$mport" -t "plant/d1/$topic/set" -m "$value"
+  seen "refused: $topic $value" "^plant/d1/$topic/error .*$pattern" sub.out
+done <<'EOF'
+cycle_count 1 read-only.*nothing was sent
+offset_trim 40000 not a value of offset_trim's type int16
+no_such 1 no register no_such
+EOF
+seq 1 200 | mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d1/offset_trim/set -l
+seen "a flood of sets, in order" '^plant/d1/offset_trim \{"value":200,' sub.out
+
+kill "$BROKER"
+wait "$BROKER" 2>/dev/null
+sleep 1
+broker
+subscribe sub2.out
+seen "publishing resumes after the broker's restart" '^plant/d1/offset_trim \{"value":200,' sub2.out
+seen "online again" '^plant/d1/status online$' sub2.out
+kill -0 "$POLLER1" && ok || ko "the poller ended with the broker"
+
+listening_sim sim3.out && poller 3 "$NAME"
+POLLER3=$LAST
+poller 2 "$d2"
+for d in 1 2 3; do seen "device $d seen by one subscriber" "^plant/d$d/cycle_count \\{\"value\":4711," sub2.out; done
+kill -9 "$POLLER3"
+seen "the last will" '^plant/d3/status offline$' sub2.out
+kill -INT "$POLLER1"
+wait "$POLLER1" && ok || ko "Ctrl-C ends the poll with status 0"
+seen "offline when it ends" '^plant/d1/status offline$' sub2.out
+
+# --- mqtts with a certificate made here, and credentials from the environment ---
+tport=$(free_port)
+openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 \
+  -keyout key.pem -out cert.pem 2>/dev/null
+: >passwords && mosquitto_passwd -b passwords poller 's3cret' 2>/dev/null
+printf 'listener %s 127.0.0.1\ncertfile %s\nkeyfile %s\npassword_file %s\nallow_anonymous false\nuser %s\n' \
+  "$tport" "$work/cert.pem" "$work/key.pem" "$work/passwords" "$(id -un)" >tls.conf
+serve tls.out mosquitto -c tls.conf
+until_ok mosquitto_pub -h 127.0.0.1 -p "$tport" --cafile cert.pem -u poller -P s3cret -t probe -m x
+serve tsub.out mosquitto_sub -h 127.0.0.1 -p "$tport" --cafile cert.pem -u poller -P s3cret -v -t 'tls/#'
+serve tpoll.out env VUKRA_MQTT_USERNAME=poller VUKRA_MQTT_PASSWORD=s3cret "$vukra" -q -p "$d1" poll heater_on \
+  --every 0.2 --mqtt "mqtts://127.0.0.1:$tport/tls" --mqtt-cafile cert.pem
+seen "TLS with a password" '^tls/heater_on \{"value":1,' tsub.out
+finish

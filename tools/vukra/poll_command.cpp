@@ -1,0 +1,152 @@
+// vukra poll NAME... [--every S] [--count N] [--format text|csv|json]
+//                    [--mqtt URL [--mqtt-credentials FILE] [--mqtt-cafile FILE]]
+//
+// Reads the registers once a period on one session and writes one line (or
+// one JSON object) a round on standard output; a failed read is told on its
+// line and the poll goes on. With --mqtt each value is also published to
+// the broker, and writes asked for on its set topics are made between the
+// rounds (see mqtt_bridge.h). Ctrl-C ends the poll with status 0.
+#include "cli.h"
+#include "device.h"
+#include "interrupt.h"
+#include "poll_values.h"
+
+#include "session/named_registers.h"
+#include "table/value_format.h"
+#include "table/value_parse.h"
+
+#ifdef VUKRA_HAVE_MQTT
+#include "mqtt_bridge.h"
+#endif
+
+#include <chrono>
+#include <cmath>
+#include <memory>
+#include <thread>
+
+namespace vukra::cli {
+
+namespace {
+
+struct PollOptions {
+    std::vector<std::string> names;
+    double every = 1.0;
+    unsigned long count = 0; // 0: until Ctrl-C
+    std::string format = "text";
+    std::string mqtt, credentials, ca_file;
+};
+
+using Clock = std::chrono::steady_clock;
+
+#ifdef VUKRA_HAVE_MQTT
+// A set message: checked against the table and the value's type before
+// anything is sent; a refusal or a failed write goes to the error topic.
+void act_on(modbus_vukra_session* s, Mqtt* m, const SetRequest& request) {
+    Polled p{request.name};
+    std::string why = look_up(p, true);
+    std::string text = request.payload;
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    std::uint8_t value[session::kTransferSize] = {};
+    if (why.empty() && !table::parse_value(p.type, text.c_str(), value, sizeof value))
+        why = "\"" + text + "\" is not a value of " + p.name + "'s type " + (p.type.name ? p.type.name : "?") +
+              ": nothing was sent";
+    const std::int32_t count = 2 * p.type.words;
+    if (why.empty() && modbus_vukra_op_protected_writereg(s, p.name.c_str(), value, count) != count)
+        why = "cannot write " + p.name + ": " + transaction_failure();
+    if (!why.empty()) {
+        std::fprintf(stderr, "vukra: %s\n", why.c_str());
+        mqtt_publish_error(m, p.name, why);
+    }
+}
+#endif
+
+int poll(Options& o, const PollOptions& po) {
+    Format format;
+    if (!parse_format(po.format, format)) return fail("--format is text, csv or json, not \"" + po.format + "\"");
+    if (!(po.every > 0 && po.every <= 86400 && std::isfinite(po.every)))
+        return fail("--every is a number of seconds above 0, at most 86400");
+    std::FILE* out = data_stream(o);
+    if (!load_table(o)) return 1;
+    std::vector<Polled> polled;
+    for (const std::string& name : po.names) {
+        polled.push_back(Polled{name});
+        const std::string why = look_up(polled.back(), false);
+        if (!why.empty()) return fail(why);
+    }
+#ifdef VUKRA_HAVE_MQTT
+    std::unique_ptr<Mqtt, void (*)(Mqtt*)> mqtt(nullptr, mqtt_stop);
+    if (!po.mqtt.empty()) {
+        std::string why;
+        mqtt.reset(mqtt_start(MqttSettings{po.mqtt, po.credentials, po.ca_file}, why));
+        if (!mqtt) return fail(why);
+    }
+#else
+    if (!po.mqtt.empty()) return fail("this vukra was built without MQTT (libmosquitto)");
+#endif
+    modbus_vukra_session* s = device_session(o);
+    if (s == nullptr) return 1;
+    for (Polled& p : polled) look_up(p, false); // the open loaded the table again
+
+    const InterruptCaught caught;
+    const auto period = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(po.every));
+    bool failed_read = false;
+    std::fputs(header_line(format, polled).c_str(), out);
+    Clock::time_point next = Clock::now();
+    for (unsigned long round = 0; (po.count == 0 || round < po.count) && !interrupted(); ++round) {
+        const std::string time = timestamp();
+        std::vector<Reading> readings;
+        for (const Polled& p : polled) {
+            readings.push_back(read_register(s, p));
+            failed_read |= !readings.back().ok;
+#ifdef VUKRA_HAVE_MQTT
+            if (mqtt) mqtt_publish_value(mqtt.get(), p.name, reading_json(readings.back(), time));
+#endif
+        }
+        std::fputs(round_line(format, time, readings).c_str(), out);
+        if (std::fflush(out) != 0) return fail("cannot write standard output");
+        if (po.count != 0 && round + 1 == po.count) break;
+        // The next round keeps to the period; one that is already late
+        // starts at once, and the missed ones are not made up.
+        next += period;
+        if (next < Clock::now()) next = Clock::now();
+        while (!interrupted() && Clock::now() < next) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now()).count();
+            const auto wait = static_cast<std::uint32_t>(std::min<long long>(left + 1, 50));
+#ifdef VUKRA_HAVE_MQTT
+            SetRequest request;
+            if (mqtt) {
+                if (mqtt_next_set(mqtt.get(), request, wait)) act_on(s, mqtt.get(), request);
+                continue;
+            }
+#endif
+            std::this_thread::sleep_for(std::chrono::milliseconds(wait));
+        }
+    }
+    if (std::fflush(out) != 0) return fail("cannot write standard output");
+    // Ended by Ctrl-C: the poll did what it was asked. A counted poll tells
+    // whether every read succeeded.
+    return interrupted() || !failed_read ? 0 : 1;
+}
+
+} // namespace
+
+void add_poll_command(CLI::App& app, Options& options) {
+    auto po = std::make_shared<PollOptions>();
+    CLI::App* command = app.add_subcommand(
+        "poll", "read registers once a period and write one line a round (with a UTC time) until Ctrl-C or --count; "
+                "with --mqtt also publish them to a broker");
+    command->add_option("NAME", po->names, "register names")->required();
+    command->add_option("--every", po->every, "seconds between rounds (default 1; decimals allowed)");
+    command->add_option("--count", po->count, "stop after N rounds (status 1 if a read failed)");
+    command->add_option("--format", po->format, "text, csv or json (one object a line)");
+    command->add_option("--mqtt", po->mqtt,
+                        "publish to mqtt://HOST:PORT/PREFIX (mqtts:// for TLS): retained JSON at PREFIX/NAME, "
+                        "writes from PREFIX/NAME/set, refusals at PREFIX/NAME/error, PREFIX/status online/offline");
+    command->add_option("--mqtt-credentials", po->credentials,
+                        "a file: the broker's user name on its first line, the password on its second (else "
+                        "VUKRA_MQTT_USERNAME and VUKRA_MQTT_PASSWORD)");
+    command->add_option("--mqtt-cafile", po->ca_file, "mqtts: the certificate authority's file (default: the system's)");
+    choose(command, options, [&options, po] { return poll(options, *po); });
+}
+
+} // namespace vukra::cli

@@ -1,0 +1,67 @@
+// What vukra poll and reg read --format share: reading registers by name
+// into records, and writing a round of them as text, CSV or JSON.
+//
+//   text  2026-11-24T11:40:00.125Z  TEMP = 21  SPEED = error: no reply ...
+//   csv   time,TEMP,SPEED                      (a header line first)
+//         2026-11-24T11:40:00.125Z,21,error: no reply ...
+//   json  {"time":"...","values":{"TEMP":{"value":21,"type":"int16","status":"ok"},
+//          "SPEED":{"value":null,"type":"uint16","status":"error","error":"..."}}}
+//
+// Times are UTC, ISO 8601 with milliseconds. In JSON a value is a number,
+// an array of numbers for a buffer, or a string where the type's text is
+// not a number; null when the read failed.
+#pragma once
+
+#include "cli.h"
+
+#include "table/register_table.h"
+
+#include <string>
+#include <vector>
+
+namespace vukra::cli {
+
+enum class Format { kText, kCsv, kJson };
+
+// "text", "csv" or "json"; false for anything else.
+bool parse_format(const std::string& word, Format& format);
+
+// A register to read, looked up in the loaded table.
+struct Polled {
+    std::string name;
+    table::RegisterRecord reg{};
+    table::TypeRecord type{};
+};
+
+// Looks the register up and checks that it may be read in one request: ""
+// or why not. Again after a session opens: the open loads the table anew.
+std::string look_up(Polled& p, bool writing);
+
+struct Reading {
+    std::string name, type;
+    bool ok = false;
+    std::string text;  // the value for a person, when ok
+    std::string json;  // the value in JSON, when ok
+    std::string error; // why not, when not ok
+};
+
+Reading read_register(modbus_vukra_session* s, const Polled& p);
+
+// Now, UTC, as 2026-11-24T11:40:00.125Z.
+std::string timestamp();
+
+std::string json_string(const std::string& text);
+
+// The CSV header line (csv only; "" for the others) and one round's line,
+// each with its line feed.
+std::string header_line(Format format, const std::vector<Polled>& polled);
+std::string round_line(Format format, const std::string& time, const std::vector<Reading>& readings);
+
+// One register as its own JSON object, with the time: what MQTT publishes.
+std::string reading_json(const Reading& r, const std::string& time);
+
+// Reads the registers once and writes the round in the format (reg read
+// --format): 0, or 1 when a register could not be read.
+int read_once(Options& o, const std::vector<std::string>& names, Format format);
+
+} // namespace vukra::cli
