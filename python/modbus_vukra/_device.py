@@ -141,9 +141,10 @@ def open(port, table: str = TABLE_FILE, timeout: Optional[float] = None) -> "Dev
             raise TypeError(f"timeout must be a number of seconds or None, not {type(timeout).__name__}")
         if timeout != LIBRARY_TIMEOUT:
             raise ValueError(f"the library waits {LIBRARY_TIMEOUT:g} s for every reply; it cannot wait {timeout} s")
-    if os.name == "posix":
-        # The library gives a session even on a port it cannot open (every
-        # request then fails): the port is tried here first, for a clear error.
+    if os.name == "posix" and not os.fsdecode(name).startswith("tcp://"):
+        # The library gives a session even on a serial port it cannot open
+        # (every request then fails): the port is tried here first, for a
+        # clear error. A tcp:// port is connected by the open itself.
         descriptor = os.open(os.fsdecode(name), os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK)
         try:
             if not os.isatty(descriptor):  # the library sets up terminals only
