@@ -5,6 +5,7 @@
 // are set where the device has them (a pseudo-terminal has none, and the
 // ioctls are then quietly refused).
 #include "platform/platform.h"
+#include "platform/posix/write_all.h"
 #include "platform/posix/serial_speed.h"
 
 #include <cerrno>
@@ -101,18 +102,8 @@ long serial_read_some(NativePort port, void* buffer, std::size_t capacity, std::
 }
 
 long serial_write(NativePort port, const void* bytes, std::size_t count) {
-    int fd = fd_of(port);
-    const auto* p = static_cast<const unsigned char*>(bytes);
-    std::size_t done = 0;
-    while (done < count) {
-        ssize_t n = ::write(fd, p + done, count - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return static_cast<long>(done);
+    const int fd = fd_of(port);
+    return write_all(bytes, count, [fd](const unsigned char* p, std::size_t n) { return ::write(fd, p, n); });
 }
 
 void serial_purge(NativePort port) {

@@ -5,6 +5,7 @@
 // on the serial line. The connect alone runs non-blocking, so that it keeps
 // to its time-out.
 #include "platform/platform.h"
+#include "platform/posix/write_all.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -126,18 +127,9 @@ long tcp_read_some(NativePort socket, void* buffer, std::size_t capacity, std::u
 long tcp_write(NativePort socket, const void* bytes, std::size_t count) {
     const int fd = fd_of(socket);
     if (fd < 0) return -1;
-    const auto* p = static_cast<const unsigned char*>(bytes);
-    std::size_t done = 0;
-    while (done < count) {
-        // No SIGPIPE for a connection the other end has closed: -1 instead.
-        ssize_t n = ::send(fd, p + done, count - done, MSG_NOSIGNAL);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return static_cast<long>(done);
+    // No SIGPIPE for a connection the other end has closed: -1 instead.
+    return write_all(bytes, count,
+                     [fd](const unsigned char* p, std::size_t n) { return ::send(fd, p, n, MSG_NOSIGNAL); });
 }
 
 bool tcp_drain(NativePort socket) {
