@@ -164,52 +164,9 @@ TEST_F(LineFaults, SilenceFailsWithinTheTimeOutAndTheNextOperationWorks) {
 
 TEST_F(LineFaults, DamagedRegisterRepliesNeverGiveAWrongValue) {
     start({"--corrupt", "0.5", "--seed", "7"}, false);
-    const int failed = read_rounds(s, 2500); // 10,000 reads
-    std::printf("10000 register reads, half their replies damaged: %d failed, the others right\n", failed);
-    EXPECT_GT(failed, 4000);
-    EXPECT_LT(failed, 6000);
-}
-
-// The file protocol carries no checksum: damage inside a reply's data
-// reaches the host. What the library owes is to stay inside its buffers
-// (the sanitizer build checks that) and to keep counts and names in bounds.
-TEST_F(LineFaults, DamagedFileRepliesStayInBounds) {
-    make_file();
-    start({});
-    ASSERT_EQ(modbus_vukra_op_protected_mkdir(s, "/mem/d"), 0);
-    for (const char* name : {"/mem/d/a", "/mem/d/b", "/mem/d/c"}) ASSERT_EQ(modbus_vukra_op_protected_create(s, name), 0);
-    stop();
-    start({"--corrupt", "0.3", "--seed", "11"}, false);
-    int mounts = 0;
-    while (modbus_vukra_op_protected_mount(s) != 0) ASSERT_LT(++mounts, 20);
-    int failed = 0, wrong = 0, right = 0;
-    char buffer[64];
-    timed([&] {
-        for (int i = 0; i < 150; ++i) {
-            if (modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr) != 0) {
-                ++failed;
-                continue;
-            }
-            std::memset(buffer, 0, sizeof buffer);
-            const std::int32_t n = modbus_vukra_op_protected_read(s, buffer, sizeof buffer);
-            EXPECT_LE(n, static_cast<std::int32_t>(sizeof buffer));
-            if (n < 0)
-                ++failed;
-            else if (std::string(buffer, static_cast<std::size_t>(n)) == kContent)
-                ++right;
-            else
-                ++wrong;
-            if (modbus_vukra_op_protected_lookup(s, "/mem/d", nullptr) != 0) continue;
-            modbus_vukra_dir_entry* first = nullptr;
-            if (modbus_vukra_op_protected_readdir(s, &first) < 0) {
-                EXPECT_EQ(first, nullptr);
-            }
-            for (const std::string& name : vukra::test::take_names(first)) EXPECT_LT(name.size(), 256u);
-        }
-    });
-    std::printf("150 file reads, 30%% of replies damaged: %d failed, %d wrong bytes, %d right\n", failed, wrong, right);
-    EXPECT_GT(right, 0);
-    EXPECT_GT(failed + wrong, 0) << "the damage showed somewhere";
+    const int failed = read_rounds(s, 250); // 1,000 reads
+    EXPECT_GT(failed, 400);
+    EXPECT_LT(failed, 600);
 }
 
 TEST_F(LineFaults, RepliesCutAtEveryPointAreNeverTaken) {
@@ -345,46 +302,6 @@ TEST_F(LineFaults, FileRequestsPurgeWhatEarlierRepliesLeft) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr), 0);
     EXPECT_EQ(read_all(s), kContent);
-}
-
-// Neither transaction compares the reply with its request beyond what it
-// decodes: a register read takes a sound reply from any address and of any
-// size, refuses another function; a file request decodes another
-// operation's reply, or a Modbus frame, as its own. Each call ends in time
-// and inside its bounds, and the next requests are answered right.
-TEST_F(LineFaults, FramesOfAnotherKindAreTakenAsTheyStand) {
-    struct Case {
-        const char* kind;
-        const char* energy;  // the faulty read's value ("" any, or failing)
-        std::int32_t lookup; // the faulty lookup's result (2: -1 or 0)
-    };
-    const Case cases[] = {{"register", "2989", 2}, // 0x0BAD, one word
-                          {"file", "", 2},
-                          {"function", "<failed>", 0},
-                          {"address", "-100000", 0}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.kind);
-        // Request 1 is the mount; 2 (a register read) and 3 (a lookup) get the wrong replies.
-        start({"--wrong", c.kind, "--fault-after", "1", "--fault-for", "2"});
-        const std::uint32_t start_ms = vukra::platform::clock_ms();
-        const std::string energy = read_as_text<std::int32_t>(s, "energy");
-        EXPECT_LT(vukra::platform::clock_ms() - start_ms, kHangBoundMs);
-        if (*c.energy != '\0') {
-            EXPECT_EQ(energy, c.energy);
-        }
-        modbus_vukra_attributes a{};
-        std::int32_t looked = 0;
-        EXPECT_LT(timed([&] { looked = modbus_vukra_op_protected_lookup(s, "/mem", &a); }), kHangBoundMs);
-        if (c.lookup == 2) {
-            EXPECT_TRUE(looked == 0 || looked == -1) << looked;
-        } else {
-            EXPECT_EQ(looked, c.lookup);
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        EXPECT_EQ(read_as_text<std::int32_t>(s, "energy"), "-100000");
-        EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/mem", nullptr), 0);
-        stop();
-    }
 }
 
 // readdir returns one page as the device sent it: its cookie becomes the
