@@ -112,12 +112,4 @@ TEST_F(FilesEndToEnd, FilesOnTheCardThroughTheLine) {
     EXPECT_EQ(output_of(std::string(VUKRA_UFS_PATH) + " " + card + " ls /dir"), "b\n");
 }
 
-TEST_F(FilesEndToEnd, AnImageIsUsedByOneSimAtATime) {
-    vukra::test::SimProcess first({"--table", "table.xml", "--image", card});
-    const std::string second = output_of(std::string(VUKRA_SIM_PATH) + " --table table.xml --image " + card +
-                                         " 2>&1; echo status $?");
-    EXPECT_NE(second.find("image in use"), std::string::npos) << second;
-    EXPECT_NE(second.find("status 1"), std::string::npos) << second;
-}
-
 } // namespace

@@ -170,7 +170,6 @@ TEST_F(LineFaults, DamagedRegisterRepliesNeverGiveAWrongValue) {
 }
 
 TEST_F(LineFaults, RepliesCutAtEveryPointAreNeverTaken) {
-    make_file();
     // A read reply of 2 words is 19 characters: cut after 0 to 18.
     start({"--cut", "each", "--fault-for", "19"}, false);
     timed([&] {
@@ -180,83 +179,6 @@ TEST_F(LineFaults, RepliesCutAtEveryPointAreNeverTaken) {
         }
     });
     EXPECT_EQ(read_as_text<std::int32_t>(s, "energy"), "-100000");
-    stop();
-
-    // The file side: a lookup reply (68 bytes) cut after 0 to 67 bytes,
-    // then a read reply (84 bytes with this file) likewise.
-    start({"--count-only", "4", "--cut", "each", "--fault-after", "1", "--fault-for", "68"});
-    modbus_vukra_attributes sound{};
-    ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/f", &sound), 0);
-    timed([&] {
-        for (int cut = 0; cut < 68; ++cut) {
-            modbus_vukra_attributes a{};
-            const std::int32_t r = modbus_vukra_op_protected_lookup(s, "/mem/f", &a);
-            if (r == 0) {
-                EXPECT_EQ(std::memcmp(&a, &sound, sizeof a), 0) << "cut after " << cut;
-            }
-        }
-    });
-    ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr), 0);
-    EXPECT_EQ(read_all(s), kContent);
-    stop();
-    start({"--count-only", "5", "--cut", "each", "--fault-for", "84"});
-    ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr), 0);
-    timed([&] {
-        for (int cut = 0; cut < 84; ++cut) {
-            ASSERT_EQ(modbus_vukra_op_protected_seek(s, 0, 0), 0);
-            char buffer[64] = {};
-            const std::int32_t n = modbus_vukra_op_protected_read(s, buffer, sizeof buffer);
-            if (n >= 0) {
-                EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(n)), kContent) << "cut after " << cut;
-            }
-        }
-    });
-    ASSERT_EQ(modbus_vukra_op_protected_seek(s, 0, 0), 0);
-    EXPECT_EQ(read_all(s), kContent);
-}
-
-// The register transaction does not purge the line: a reply left on it (the
-// copy of a doubled reply, a reply that came after its read had given up)
-// is taken as the next read's reply, and every read after it gets the
-// reply of the one before, until something purges the line. The status
-// request (null) and every file operation do.
-TEST_F(LineFaults, ALeftOverRegisterReplyIsTakenByTheNextReadUntilAPurge) {
-    struct Case {
-        const char* what;
-        std::vector<std::string> faults;
-        const char* first; // offset_trim's read with the fault
-    };
-    const Case cases[] = {{"doubled", {"--twice", "--fault-for", "1"}, "-12"},
-                          {"late", {"--late", "500", "--fault-for", "1"}, "<failed>"}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        start(c.faults, false); // no mount: no status request purges on its own
-        const std::uint32_t start_ms = vukra::platform::clock_ms();
-        EXPECT_EQ(read_as_text<std::int16_t>(s, "offset_trim"), c.first);
-        EXPECT_LT(vukra::platform::clock_ms() - start_ms, kHangBoundMs);
-        EXPECT_EQ(modbus_vukra_op_session_error(s), 0);
-        // energy takes offset_trim's reply: 2 bytes, -12 as 0xFFF4, in a
-        // cleared 4-byte value (its byte count is not compared).
-        EXPECT_EQ(read_as_text<std::int32_t>(s, "energy"), "65524");
-        // history's 8-byte reply, taken by the 2-byte offset_trim, fills
-        // no more than the 2 bytes asked for.
-        read_as_text<std::int16_t[3]>(s, "probe_raw");
-        read_as_text<std::int32_t[2]>(s, "history");
-        struct {
-            std::int16_t value;
-            std::uint8_t guard[14];
-        } guarded{};
-        std::memset(guarded.guard, 0xA5, sizeof guarded.guard);
-        timed([&] { EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "offset_trim", &guarded.value, 2), 2); });
-        EXPECT_NE(guarded.value, -12) << "still history's reply, not offset_trim's";
-        for (std::uint8_t b : guarded.guard) ASSERT_EQ(b, 0xA5);
-        // The last read's own reply is on the line: a null purges it, and
-        // every read is answered again by its own reply.
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        EXPECT_EQ(modbus_vukra_op_protected_null(s), 0);
-        EXPECT_EQ(read_rounds(s, 2), 0);
-        stop();
-    }
 }
 
 // A file transaction purges the line before its request: a doubled reply's

@@ -68,8 +68,6 @@ Reply ask(std::uint8_t code, const Request& request, std::uint32_t extra = 0) {
     return reply;
 }
 
-// A reply's four words (attributes, usage) or bytes (flags), for one comparison.
-template <typename T, std::size_t N> std::vector<std::uint32_t> all(const T (&v)[N]) { return {v, v + N}; }
 using Words = std::vector<std::uint32_t>;
 
 struct LocalServer : ::testing::Test {
@@ -338,44 +336,6 @@ TEST_F(LocalServer, ReaddirPagesCoverEveryEntryOnce) {
     // A cookie the kernel cannot read from fails with the kernel's silence
     // (the host sees the status's low byte).
     EXPECT_EQ(page(e, -5).status, kServerKernelSilent);
-}
-
-TEST_F(LocalServer, FsstatTellsBlockSizeBlocksAndFreeCounts) {
-    mount();
-    const FsstatReply first = fsstat("/mem");
-    ASSERT_EQ(first.status, 0);
-    const FsUsage& before = first.usage;
-    kernel::FsStatus k{};
-    ASSERT_EQ(kernel::fsstat("/mem", k), 0);
-    EXPECT_EQ(all(before.words), (Words{512, k.blocks, k.free_blocks, k.free_nodes}));
-    EXPECT_LE(before.words[2], before.words[1]);
-
-    LookupReply f = designate(kOpCreate, "/mem/f");
-    ASSERT_EQ(write(f.handle, 0, std::string(1024, 'q')).status, 0);
-    const FsstatReply after = fsstat("/mem/f");
-    EXPECT_EQ(after.status, 0);
-    EXPECT_EQ(after.usage.words[3], before.words[3] - 1);
-    EXPECT_LT(after.usage.words[2], before.words[2]);
-    EXPECT_EQ(fsstat("/mem/none").status, kernel::kErrNoNode);
-}
-
-TEST_F(LocalServer, MkfsMakesAVolumeOnTheDesignatedDevice) {
-    set_served_root("/");
-    mount();
-    auto mkfs = [&](FileHandle h) { return ask<StatusReply>(kOpMkfs, MkfsRequest{volume, h, {{32, 0, 0}}}).status; };
-    EXPECT_EQ(mkfs(FileHandle{0, -1}), kServerNotOpen);
-    ASSERT_TRUE(test::put_file("/mem/f", "abc"));
-    EXPECT_EQ(mkfs(lookup("/mem/f").handle), kServerNotDevice);
-
-    local_server_close();
-    ASSERT_EQ(kernel::umount("/mem"), 0);
-    ASSERT_EQ(mkfs(lookup("/dev/sdcard0").handle), 0);
-    ASSERT_EQ(kernel::mount(kernel::kUfsx, "/dev/sdcard0", "/mem"), 0);
-    EXPECT_TRUE(test::names_in("/mem").empty());
-    kernel::FsStatus fresh{};
-    ASSERT_EQ(kernel::fsstat("/mem", fresh), 0);
-    EXPECT_EQ(fresh.nodes, 32u);
-    EXPECT_EQ(fresh.block_size, 512u);
 }
 
 std::vector<ServerEvent> events;

@@ -156,45 +156,6 @@ TEST(RemoteFsPadding, ScalarsStringsAndBuffers) {
     EXPECT_EQ(encode_record(&no_data, 8, buffer_table).result, -1);
 }
 
-TEST(RemoteFsReplies, EveryReplyDecodesIntoItsRecord) {
-    StatusReply status{};
-    EXPECT_EQ(decode_all(&status, Wire{}.item(0xFFFFFFF3u).bytes, 4, kStatusReplyFields).result, 4);
-    EXPECT_EQ(status.status, -13);
-
-    const Bytes wire = Wire{}.item(1).item(4, {9, 8, 7, 6}).item(4, {8}).item(4, {7}).item(4, {6}).item(0).bytes;
-    MountReply mount{};
-    const Decoded m = decode_all(&mount, wire, 12, kMountReplyFields);
-    EXPECT_EQ(m.result, 12);
-    EXPECT_EQ(m.size, wire.size());
-    EXPECT_EQ(mount.volume, 1u);
-    EXPECT_EQ(Bytes(mount.flags.bytes, mount.flags.bytes + 4), (Bytes{9, 8, 7, 6}));
-
-    GetattrReply getattr{};
-    const Bytes getattr_wire = Wire{}.item(11).item(12).item(13).item(14).item(23).bytes;
-    EXPECT_EQ(decode_all(&getattr, getattr_wire, 20, kGetattrReplyFields).result, 20);
-    EXPECT_EQ(getattr.attributes.words[3], 14u);
-    EXPECT_EQ(getattr.status, 23);
-
-    LookupReply lookup{};
-    const Bytes lookup_wire = Wire{}.item(9).item(3).item(1).item(2).item(3).item(4).item(0).bytes;
-    EXPECT_EQ(decode_all(&lookup, lookup_wire, 28, kLookupReplyFields).result, 28);
-    EXPECT_EQ(lookup.handle.node, 9u);
-    EXPECT_EQ(lookup.handle.tag, 3);
-    EXPECT_EQ(std::vector<std::uint32_t>(lookup.attributes.words, lookup.attributes.words + 4),
-              (std::vector<std::uint32_t>{1, 2, 3, 4}));
-
-    WriteReply write{};
-    EXPECT_EQ(decode_all(&write, Wire{}.item(1024).item(0xFFFFFFFFu).bytes, 8, kWriteReplyFields).result, 8);
-    EXPECT_EQ(write.count, 1024u);
-    EXPECT_EQ(write.status, -1);
-
-    FsstatReply fsstat{};
-    const Bytes fsstat_wire = Wire{}.item(100).item(200).item(300).item(400).item(0).bytes;
-    EXPECT_EQ(decode_all(&fsstat, fsstat_wire, 20, kFsstatReplyFields).result, 20);
-    EXPECT_EQ(fsstat.usage.words[2], 300u);
-    EXPECT_EQ(fsstat.status, 0);
-}
-
 // The flag byte's item carries the sender's next three record bytes; the
 // status item, taken three bytes early, gives the status as its fourth byte.
 TEST(RemoteFsReplies, ReadStatusIsTheFourthByteOfItsItem) {
