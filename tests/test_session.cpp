@@ -82,6 +82,8 @@ TEST_F(SessionTest, OneSessionAtATimeAndUnconnectedRecordsOnlyWhileOneIsOpen) {
     EXPECT_EQ(modbus_vukra_op_session_close(record), -1); // it has no port
     EXPECT_EQ(modbus_vukra_op_cancelfs(record), 0);
     EXPECT_EQ(record->cancel, 1);
+    record->directory_ref = 5; // a directory would be open, but a record without a port runs no operation
+    EXPECT_EQ(modbus_vukra_op_protected_seekdir(record, 7), -1);
     first->mirror = record; // freed by the close of the session that holds it
     ASSERT_EQ(modbus_vukra_op_session_close(first), 0);
 
