@@ -206,30 +206,23 @@ TEST_F(RemoteFsTest, EachOperationsFrameAndWhatItMakesOfTheReply) {
     EXPECT_EQ(modbus_vukra_op_protected_write(s, nullptr, 4), -1) << "no data to send";
 }
 
+// Results and error words, in order, with nothing open, a directory, a file.
 TEST_F(RemoteFsTest, SeekSeekdirAndTelldirAnswerFromTheSession) {
-    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 10, 0), -1);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), 21);
-    EXPECT_EQ(modbus_vukra_op_protected_seekdir(s, 3), -1);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), 21);
-    EXPECT_EQ(modbus_vukra_op_protected_telldir(s), -1);
-
-    s->directory_ref = 7; // a directory is open
-    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 10, 0), -1);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), -31);
-    EXPECT_EQ(modbus_vukra_op_protected_seekdir(s, 12), 12);
-    EXPECT_EQ(modbus_vukra_op_protected_telldir(s), 12);
-
+    using Results = std::vector<std::int32_t>;
+    const auto error = [&] { return modbus_vukra_op_session_error(s); };
+    EXPECT_EQ((Results{modbus_vukra_op_protected_seek(s, 10, 0), error(), modbus_vukra_op_protected_seekdir(s, 3), error(),
+                       modbus_vukra_op_protected_telldir(s)}),
+              (Results{-1, 21, -1, 21, -1}));
+    s->directory_ref = 7;
+    EXPECT_EQ((Results{modbus_vukra_op_protected_seek(s, 10, 0), error(), modbus_vukra_op_protected_seekdir(s, 12),
+                       modbus_vukra_op_protected_telldir(s)}),
+              (Results{-1, -31, 12, 12}));
     s->directory_ref = 0;
-    s->file_descriptor = 2; // a file is open
-    s->error = 0;
-    EXPECT_EQ(modbus_vukra_op_protected_telldir(s), -1);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), -56);
-    EXPECT_EQ(modbus_vukra_op_protected_seekdir(s, 1), -1);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), -56);
-    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 100, 0), 100);
-    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 10, 2), 90) << "back from the current position";
-    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 5, 1), 95);
-    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 5, 9), 95);
+    s->file_descriptor = 2;
+    EXPECT_EQ((Results{modbus_vukra_op_protected_telldir(s), error(), modbus_vukra_op_protected_seekdir(s, 1), error(),
+                       modbus_vukra_op_protected_seek(s, 100, 0), modbus_vukra_op_protected_seek(s, 10, 2),
+                       modbus_vukra_op_protected_seek(s, 5, 1), modbus_vukra_op_protected_seek(s, 5, 9)}),
+              (Results{-1, -56, -1, -56, 100, 90, 95, 95})); // whence 2 goes back from the current position
     EXPECT_TRUE(line_quiet());
 }
 

@@ -107,6 +107,7 @@ TEST(ValueParse, NumbersAreDecimalOrHexadecimalAndNothingElse) {
     EXPECT_EQ(int16_of("010"), "10");
     EXPECT_EQ(int16_of("08"), "8");
     EXPECT_EQ(int16_of("0x7FFF"), "32767");
+    EXPECT_EQ(int16_of("0X7fff"), "32767");
     EXPECT_EQ(int16_of("-12"), "-12");
     for (const char* bad : {"0x8000", " 5", "5 ", "0x", "-0x5", "1e3", "1.0", "5abc", "0b1", "--5", "+"})
         EXPECT_EQ(int16_of(bad), "refused") << bad;
