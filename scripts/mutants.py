@@ -16,6 +16,7 @@ Environment:
                         that survive now, and fails if there are any
   MUTANTS_JOBS=n        ninja and ctest parallelism (2)
   MUTANTS_NO_BASELINE=1 skip the run of the unmutated suite
+  MUTANTS_DIR=dir       the copy and its build (build/mutants; under build/)
 
 The mutation list: blocks separated by blank lines, lines starting with '#'
 are comments.
@@ -34,7 +35,7 @@ import sys
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-WORK = os.path.join(ROOT, "build", "mutants")
+WORK = os.path.abspath(os.environ.get("MUTANTS_DIR", os.path.join(ROOT, "build", "mutants")))
 TREE = os.path.join(WORK, "tree")
 BUILD = os.path.join(TREE, "build", "release")
 JOBS = os.environ.get("MUTANTS_JOBS", "2")
