@@ -67,8 +67,8 @@ TEST(AsciiFrame, FieldsGoMostSignificantFirstAndDecodeToHostOrder) {
     link::frame_put_field(b.frame, &v32, 4);
     EXPECT_EQ(text_of(b.frame), ":123489ABCDEF");
     std::uint32_t d32 = 0;
-    link::hex_decode(reinterpret_cast<const std::uint8_t*>("9ABCDEF0"), 4, 0, &d32);
-    EXPECT_EQ(d32, 0x9ABCDEF0u);
+    link::hex_decode(reinterpret_cast<const std::uint8_t*>("89ABCDEF"), 4, 0, &d32);
+    EXPECT_EQ(d32, 0x89ABCDEFu);
     std::uint16_t lower = 0;
     link::hex_decode(reinterpret_cast<const std::uint8_t*>("fa0b"), 2, 0, &lower);
     EXPECT_EQ(lower, 0xFA0B);

@@ -85,6 +85,7 @@ TEST(ValueParse, AcceptsOnlyWholeValuesInRange) {
     EXPECT_TRUE(parse_value(type_of("uint16", 1), "65535", area, sizeof area));
     EXPECT_FALSE(parse_value(type_of("uint16", 1), "-1", area, sizeof area));
     EXPECT_FALSE(parse_value(type_of("boolean", 1), "2", area, sizeof area));
+    EXPECT_FALSE(parse_value(type_of("boolean", 1), "-1", area, sizeof area));
     EXPECT_TRUE(parse_value(type_of("uint32", 2), "4294967295", area, sizeof area));
     EXPECT_FALSE(parse_value(type_of("int32", 2), "2147483648", area, sizeof area));
     EXPECT_FALSE(parse_value(type_of("real", 2), "1e999", area, sizeof area));
