@@ -2,6 +2,7 @@
 // code survives regeneration, and the texts and pages come out as they must.
 #include "codegen/c_sources.h"
 #include "codegen/html_pages.h"
+#include "codegen/table_check.h"
 #include "support/files.h"
 #include "support/temp_dir.h"
 #include "support/text_checks.h"
@@ -181,6 +182,16 @@ TEST_F(CodegenTest, AnEmptyTableListAndAnUnwritableDirectory) {
     ASSERT_EQ(table::load("none.xml"), 1);
     codegen::write_data_file();
     EXPECT_TRUE(contains(read_file("./Data.c"), "ModbusTableIndex [] = {\n   { 0,0,0,0 } // Marqueur"));
+}
+
+TEST_F(CodegenTest, ATableThatWouldNotCompileIsRefusedWithItsProblems) {
+    write_file("bad.xml", R"(<root><config/><type_list><type name="int16" Ctype="short " words="1"/></type_list>
+<table_list><table name="t" base="0"><register_list><register name="9lives" type="int16" offset="0"/>
+<register name="ok" type="int16" offset="1"/></register_list></table></table_list></root>)");
+    ASSERT_EQ(table::load("bad.xml"), 1);
+    EXPECT_EQ(codegen::generation_problems(),
+              (std::vector<std::string>{"type \"int16\": Ctype \"short \" is not a C type",
+                                        "table \"t\", register \"9lives\": its name is not a C identifier"}));
 }
 
 TEST_F(CodegenTest, RegisterMapShowsEveryRegisterWithItsRowColour) {
