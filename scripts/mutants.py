@@ -120,7 +120,7 @@ def ctest(select):
                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
     if r.returncode == 0:
         return None, "No tests were found" not in r.stdout
-    failed = re.findall(r"^\s*\d+ - (\S+) \(", r.stdout.split("The following tests FAILED:")[-1], re.M)
+    failed = re.findall(r"^\s*\d+ - (\S+)", r.stdout.split("The following tests FAILED:")[-1], re.M)
     if failed:
         return failed[0], True
     if "No tests were found" in r.stdout:
@@ -129,11 +129,13 @@ def ctest(select):
 
 
 def test_names():
+    """(number, name) of every test but the slow ones. Tests are chosen by
+    number: a parameterised test's name carries its parameter after it."""
     r = subprocess.run(["ctest", "-N", "-E", SLOW], cwd=BUILD, stdout=subprocess.PIPE, text=True, check=True)
-    return re.findall(r"Test\s+#\d+: (\S+)", r.stdout)
+    return [(int(n), name) for n, name in re.findall(r"Test\s+#(\d+): (\S+)", r.stdout)]
 
 
-def first_tests(m, names):
+def first_tests(m, tests):
     """The tests to run first: those the mutation names (a regex, any case),
     else those whose name holds a word of its file's or folder's name."""
     if m["tests"]:
@@ -142,16 +144,16 @@ def first_tests(m, names):
         parts = m["file"].split("/")
         stem = os.path.splitext(parts[-1])[0]
         words = [w for w in stem.split("_") if len(w) > 3] + [parts[1].replace("vukra-", "")]
-        pattern = "|".join(re.escape(w) for w in words)
-    return [n for n in names if re.search(pattern, n, re.I)]
+        pattern = "|".join(re.escape(w.rstrip("s")) for w in words)
+    return [t for t in tests if re.search(pattern, t[1], re.I)]
 
 
-def run_tests(m, names):
-    first = first_tests(m, names)
-    rest = [n for n in names if n not in first]
+def run_tests(m, tests):
+    first = first_tests(m, tests)
+    rest = [t for t in tests if t not in first]
     for group in (first, rest):
         if group:
-            killer, _ = ctest(["-R", "^(" + "|".join(re.escape(n) for n in group) + ")$"])
+            killer, _ = ctest(["-I", "0,0,0," + ",".join(str(n) for n, _ in group)])
             if killer:
                 return killer
     return None
@@ -187,7 +189,7 @@ def main():
         if killer:
             fail(f"the unmutated suite fails ({killer}); fix that first")
 
-    names = test_names()
+    tests = test_names()
     results = []
     with open(out, "w") as log:
         for i, m in enumerate(mutations, 1):
@@ -202,7 +204,7 @@ def main():
                     verdict = "NOBUILD"
                     print(r.stdout[-2000:], file=sys.stderr)
                 else:
-                    killer = run_tests(m, names)
+                    killer = run_tests(m, tests)
                     verdict = f"killed {killer}" if killer else "SURVIVED"
             finally:
                 with open(path, "w") as f:

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <termios.h>
+
 #include <vector>
 
 using namespace vukra;
@@ -85,6 +87,10 @@ TEST(SlipPort, AMissingPortFailsItsTransfersAndEveryByteValueCrossesARealOne) {
 
     // The settings are kept as given; the line itself always carries 8-bit bytes.
     test::PtyPair pty;
+    termios line{}; // as a line may come: CR turned into LF, XON/XOFF honoured
+    ::tcgetattr(pty.slave, &line);
+    line.c_iflag |= ICRNL | IXON;
+    ::tcsetattr(pty.slave, TCSANOW, &line);
     const link::SerialSettings odd{400000, 'E', 7, 2, 250};
     link::Port* port = link::serial_open(0, pty.slave_path.c_str(), 0, &odd);
     const link::SerialSettings last = link::serial_last_settings();

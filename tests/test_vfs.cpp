@@ -34,6 +34,11 @@ TEST_F(Vfs, CreateExclusiveAndTheOpenFlags) {
     EXPECT_EQ(kernel::write(fd, "6", 1), 1);
     kernel::close(fd);
     EXPECT_EQ(test::get_file("/var/log"), "123456");
+    Descriptor a = kernel::open("/var/log", kOpenWrite | kOpenAppend), b = kernel::open("/var/log", kOpenWrite | kOpenAppend);
+    EXPECT_EQ(kernel::write(a, "7", 1) + kernel::write(b, "8", 1), 2); // each append at the end of the moment
+    kernel::close(a);
+    kernel::close(b);
+    EXPECT_EQ(test::get_file("/var/log"), "12345678");
     fd = kernel::open("/var/log", kOpenWrite | kOpenTruncate);
     kernel::close(fd);
     EXPECT_EQ(test::get_file("/var/log"), "");
