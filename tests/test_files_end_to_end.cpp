@@ -108,8 +108,10 @@ TEST_F(FilesEndToEnd, FilesOnTheCardThroughTheLine) {
         EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
     }
     // What was written is in the image once the sim has ended.
-    EXPECT_EQ(output_of(std::string(VUKRA_UFS_PATH) + " " + card + " cat /big"), big);
-    EXPECT_EQ(output_of(std::string(VUKRA_UFS_PATH) + " " + card + " ls /dir"), "b\n");
+    const std::string ufs = std::string(VUKRA_UFS_PATH) + " " + card;
+    EXPECT_EQ(output_of(ufs + " cat /./dir/../big"), big);
+    EXPECT_EQ(output_of(ufs + " tree"), "/\n  big\n  dir/\n    b\n");
+    EXPECT_EQ(output_of(ufs + " ls /dir"), "b\n");
 }
 
 } // namespace
