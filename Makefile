@@ -5,6 +5,7 @@
 # make bench  run the benchmarks
 # make package  Debian packages of the library, its development files and the tools (build/release/packages)
 # make dist   the Windows zip: DLL, import libraries, header, tools, docs/windows.md (build/dist)
+# make mutants  the mutation check of the native tests (scripts/mutants.py, docs/testing.md)
 
 SHELL     := /bin/bash
 JOBS      ?= $(shell nproc)
@@ -17,7 +18,7 @@ WIN64     := $(BUILD)/win-x86_64
 WIN32     := $(BUILD)/win-i686
 CMAKE_GEN := -G Ninja -DMODBUS_VUKRA_WERROR=ON
 
-.PHONY: all deps native win test test-native test-asan test-tsan test-fuzz fuzz fuzz-build demo bench package dist clean
+.PHONY: all deps native win test test-native test-asan test-tsan test-fuzz fuzz fuzz-build demo bench package dist mutants clean
 
 all: native
 
@@ -96,6 +97,10 @@ package: native
 
 dist: win
 	@scripts/dist.sh $(BUILD)/dist $(WIN64) $(WIN32)
+
+# MUTANTS=id1,id2 or a pattern runs some; MUTANTS_BEFORE=file compares.
+mutants: deps
+	@/usr/bin/python3 scripts/mutants.py
 
 clean:
 	rm -rf $(BUILD)

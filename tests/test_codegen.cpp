@@ -2,6 +2,7 @@
 // code survives regeneration, and the texts and pages come out as they must.
 #include "codegen/c_sources.h"
 #include "codegen/html_pages.h"
+#include "codegen/table_check.h"
 #include "support/files.h"
 #include "support/temp_dir.h"
 #include "support/text_checks.h"
@@ -102,14 +103,15 @@ int main(void)
     EXPECT_EQ(run("./table_test"), "42 21.5 7 0x10b\n");
 }
 
-TEST_F(CodegenTest, AlteredMarkersDropTheirBlock) {
+TEST_F(CodegenTest, AlteredMarkersDropTheirBlockAndCrLfLinesAreKept) {
     codegen::write_table_files();
     insert_user_code("generated/mb_Tablestatus.c", "Function/Read/status/alarm", "   *val = 1;\n");
     insert_user_code("generated/mb_Tablestatus.c", "Function/Read/status/temperature", "   *val = 2;\n");
     std::string file = read_file("generated/mb_Tablestatus.c");
     std::size_t end = file.find("// @MODBUS_CODE_END/Function/Read/status/temperature");
     file.replace(end, 3, "//@"); // the end marker no longer matches
-    write_file("generated/mb_Tablestatus.c", file);
+    for (std::size_t at = 0; (at = file.find('\n', at)) != std::string::npos; at += 2) file.insert(at, "\r");
+    write_file("generated/mb_Tablestatus.c", file); // edited with CR LF
     codegen::write_table_files();
     file = read_file("generated/mb_Tablestatus.c");
     EXPECT_TRUE(contains(file, "   *val = 1;\n"));
@@ -159,6 +161,12 @@ TEST_F(CodegenTest, TextsOfTheTypesDispatcherPrototypesAndArrays) {
               skeletons.find("int MbWrite_process_setpoint(float *val)\n{\n"));
     std::regex date(" \\* Date de génération : \\d\\d/\\d\\d/\\d{4}\n");
     EXPECT_TRUE(std::regex_search(skeletons, date));
+    EXPECT_TRUE(contains(skeletons, " * Partie de la table MODBUS correspondante en XML :\n<table name=\"process\""));
+    std::string no_dump = read_file("table.xml");
+    write_file("table.xml", no_dump.replace(no_dump.find("XML_dump=\"yes\""), 14, "XML_dump=\"no\""));
+    ASSERT_EQ(table::load("table.xml"), 1);
+    codegen::write_table_files();
+    EXPECT_EQ(read_file("generated/mb_Tableprocess.c").find("Partie de la table"), std::string::npos);
 }
 
 TEST_F(CodegenTest, AnEmptyTableListAndAnUnwritableDirectory) {
@@ -174,6 +182,16 @@ TEST_F(CodegenTest, AnEmptyTableListAndAnUnwritableDirectory) {
     ASSERT_EQ(table::load("none.xml"), 1);
     codegen::write_data_file();
     EXPECT_TRUE(contains(read_file("./Data.c"), "ModbusTableIndex [] = {\n   { 0,0,0,0 } // Marqueur"));
+}
+
+TEST_F(CodegenTest, ATableThatWouldNotCompileIsRefusedWithItsProblems) {
+    write_file("bad.xml", R"(<root><config/><type_list><type name="int16" Ctype="short " words="1"/></type_list>
+<table_list><table name="t" base="0"><register_list><register name="9lives" type="int16" offset="0"/>
+<register name="ok" type="int16" offset="1"/></register_list></table></table_list></root>)");
+    ASSERT_EQ(table::load("bad.xml"), 1);
+    EXPECT_EQ(codegen::generation_problems(),
+              (std::vector<std::string>{"type \"int16\": Ctype \"short \" is not a C type",
+                                        "table \"t\", register \"9lives\": its name is not a C identifier"}));
 }
 
 TEST_F(CodegenTest, RegisterMapShowsEveryRegisterWithItsRowColour) {

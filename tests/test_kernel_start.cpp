@@ -51,9 +51,7 @@ TEST_F(KernelStart, BuildsTheTreeAndTheDeviceNodesOnce) {
     EXPECT_GT(kernel_seconds(), 0u) << "the clock was read";
     EXPECT_EQ(kernel_start(), -1);
     EXPECT_EQ(names_in("/bin"), (Names{"init"}));
-}
-
-TEST_F(KernelStart, UnameGivesItsThreeFields) {
+    // uname gives its three fields
     const int names[] = {0, 1};
     std::size_t length = 0;
     EXPECT_EQ(kernel::uname(names, 2, nullptr, &length), 0);

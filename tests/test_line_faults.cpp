@@ -164,56 +164,12 @@ TEST_F(LineFaults, SilenceFailsWithinTheTimeOutAndTheNextOperationWorks) {
 
 TEST_F(LineFaults, DamagedRegisterRepliesNeverGiveAWrongValue) {
     start({"--corrupt", "0.5", "--seed", "7"}, false);
-    const int failed = read_rounds(s, 2500); // 10,000 reads
-    std::printf("10000 register reads, half their replies damaged: %d failed, the others right\n", failed);
-    EXPECT_GT(failed, 4000);
-    EXPECT_LT(failed, 6000);
-}
-
-// The file protocol carries no checksum: damage inside a reply's data
-// reaches the host. What the library owes is to stay inside its buffers
-// (the sanitizer build checks that) and to keep counts and names in bounds.
-TEST_F(LineFaults, DamagedFileRepliesStayInBounds) {
-    make_file();
-    start({});
-    ASSERT_EQ(modbus_vukra_op_protected_mkdir(s, "/mem/d"), 0);
-    for (const char* name : {"/mem/d/a", "/mem/d/b", "/mem/d/c"}) ASSERT_EQ(modbus_vukra_op_protected_create(s, name), 0);
-    stop();
-    start({"--corrupt", "0.3", "--seed", "11"}, false);
-    int mounts = 0;
-    while (modbus_vukra_op_protected_mount(s) != 0) ASSERT_LT(++mounts, 20);
-    int failed = 0, wrong = 0, right = 0;
-    char buffer[64];
-    timed([&] {
-        for (int i = 0; i < 150; ++i) {
-            if (modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr) != 0) {
-                ++failed;
-                continue;
-            }
-            std::memset(buffer, 0, sizeof buffer);
-            const std::int32_t n = modbus_vukra_op_protected_read(s, buffer, sizeof buffer);
-            EXPECT_LE(n, static_cast<std::int32_t>(sizeof buffer));
-            if (n < 0)
-                ++failed;
-            else if (std::string(buffer, static_cast<std::size_t>(n)) == kContent)
-                ++right;
-            else
-                ++wrong;
-            if (modbus_vukra_op_protected_lookup(s, "/mem/d", nullptr) != 0) continue;
-            modbus_vukra_dir_entry* first = nullptr;
-            if (modbus_vukra_op_protected_readdir(s, &first) < 0) {
-                EXPECT_EQ(first, nullptr);
-            }
-            for (const std::string& name : vukra::test::take_names(first)) EXPECT_LT(name.size(), 256u);
-        }
-    });
-    std::printf("150 file reads, 30%% of replies damaged: %d failed, %d wrong bytes, %d right\n", failed, wrong, right);
-    EXPECT_GT(right, 0);
-    EXPECT_GT(failed + wrong, 0) << "the damage showed somewhere";
+    const int failed = read_rounds(s, 250); // 1,000 reads
+    EXPECT_GT(failed, 400);
+    EXPECT_LT(failed, 600);
 }
 
 TEST_F(LineFaults, RepliesCutAtEveryPointAreNeverTaken) {
-    make_file();
     // A read reply of 2 words is 19 characters: cut after 0 to 18.
     start({"--cut", "each", "--fault-for", "19"}, false);
     timed([&] {
@@ -223,83 +179,6 @@ TEST_F(LineFaults, RepliesCutAtEveryPointAreNeverTaken) {
         }
     });
     EXPECT_EQ(read_as_text<std::int32_t>(s, "energy"), "-100000");
-    stop();
-
-    // The file side: a lookup reply (68 bytes) cut after 0 to 67 bytes,
-    // then a read reply (84 bytes with this file) likewise.
-    start({"--count-only", "4", "--cut", "each", "--fault-after", "1", "--fault-for", "68"});
-    modbus_vukra_attributes sound{};
-    ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/f", &sound), 0);
-    timed([&] {
-        for (int cut = 0; cut < 68; ++cut) {
-            modbus_vukra_attributes a{};
-            const std::int32_t r = modbus_vukra_op_protected_lookup(s, "/mem/f", &a);
-            if (r == 0) {
-                EXPECT_EQ(std::memcmp(&a, &sound, sizeof a), 0) << "cut after " << cut;
-            }
-        }
-    });
-    ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr), 0);
-    EXPECT_EQ(read_all(s), kContent);
-    stop();
-    start({"--count-only", "5", "--cut", "each", "--fault-for", "84"});
-    ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr), 0);
-    timed([&] {
-        for (int cut = 0; cut < 84; ++cut) {
-            ASSERT_EQ(modbus_vukra_op_protected_seek(s, 0, 0), 0);
-            char buffer[64] = {};
-            const std::int32_t n = modbus_vukra_op_protected_read(s, buffer, sizeof buffer);
-            if (n >= 0) {
-                EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(n)), kContent) << "cut after " << cut;
-            }
-        }
-    });
-    ASSERT_EQ(modbus_vukra_op_protected_seek(s, 0, 0), 0);
-    EXPECT_EQ(read_all(s), kContent);
-}
-
-// The register transaction does not purge the line: a reply left on it (the
-// copy of a doubled reply, a reply that came after its read had given up)
-// is taken as the next read's reply, and every read after it gets the
-// reply of the one before, until something purges the line. The status
-// request (null) and every file operation do.
-TEST_F(LineFaults, ALeftOverRegisterReplyIsTakenByTheNextReadUntilAPurge) {
-    struct Case {
-        const char* what;
-        std::vector<std::string> faults;
-        const char* first; // offset_trim's read with the fault
-    };
-    const Case cases[] = {{"doubled", {"--twice", "--fault-for", "1"}, "-12"},
-                          {"late", {"--late", "500", "--fault-for", "1"}, "<failed>"}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        start(c.faults, false); // no mount: no status request purges on its own
-        const std::uint32_t start_ms = vukra::platform::clock_ms();
-        EXPECT_EQ(read_as_text<std::int16_t>(s, "offset_trim"), c.first);
-        EXPECT_LT(vukra::platform::clock_ms() - start_ms, kHangBoundMs);
-        EXPECT_EQ(modbus_vukra_op_session_error(s), 0);
-        // energy takes offset_trim's reply: 2 bytes, -12 as 0xFFF4, in a
-        // cleared 4-byte value (its byte count is not compared).
-        EXPECT_EQ(read_as_text<std::int32_t>(s, "energy"), "65524");
-        // history's 8-byte reply, taken by the 2-byte offset_trim, fills
-        // no more than the 2 bytes asked for.
-        read_as_text<std::int16_t[3]>(s, "probe_raw");
-        read_as_text<std::int32_t[2]>(s, "history");
-        struct {
-            std::int16_t value;
-            std::uint8_t guard[14];
-        } guarded{};
-        std::memset(guarded.guard, 0xA5, sizeof guarded.guard);
-        timed([&] { EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "offset_trim", &guarded.value, 2), 2); });
-        EXPECT_NE(guarded.value, -12) << "still history's reply, not offset_trim's";
-        for (std::uint8_t b : guarded.guard) ASSERT_EQ(b, 0xA5);
-        // The last read's own reply is on the line: a null purges it, and
-        // every read is answered again by its own reply.
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        EXPECT_EQ(modbus_vukra_op_protected_null(s), 0);
-        EXPECT_EQ(read_rounds(s, 2), 0);
-        stop();
-    }
 }
 
 // A file transaction purges the line before its request: a doubled reply's
@@ -345,46 +224,6 @@ TEST_F(LineFaults, FileRequestsPurgeWhatEarlierRepliesLeft) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr), 0);
     EXPECT_EQ(read_all(s), kContent);
-}
-
-// Neither transaction compares the reply with its request beyond what it
-// decodes: a register read takes a sound reply from any address and of any
-// size, refuses another function; a file request decodes another
-// operation's reply, or a Modbus frame, as its own. Each call ends in time
-// and inside its bounds, and the next requests are answered right.
-TEST_F(LineFaults, FramesOfAnotherKindAreTakenAsTheyStand) {
-    struct Case {
-        const char* kind;
-        const char* energy;  // the faulty read's value ("" any, or failing)
-        std::int32_t lookup; // the faulty lookup's result (2: -1 or 0)
-    };
-    const Case cases[] = {{"register", "2989", 2}, // 0x0BAD, one word
-                          {"file", "", 2},
-                          {"function", "<failed>", 0},
-                          {"address", "-100000", 0}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.kind);
-        // Request 1 is the mount; 2 (a register read) and 3 (a lookup) get the wrong replies.
-        start({"--wrong", c.kind, "--fault-after", "1", "--fault-for", "2"});
-        const std::uint32_t start_ms = vukra::platform::clock_ms();
-        const std::string energy = read_as_text<std::int32_t>(s, "energy");
-        EXPECT_LT(vukra::platform::clock_ms() - start_ms, kHangBoundMs);
-        if (*c.energy != '\0') {
-            EXPECT_EQ(energy, c.energy);
-        }
-        modbus_vukra_attributes a{};
-        std::int32_t looked = 0;
-        EXPECT_LT(timed([&] { looked = modbus_vukra_op_protected_lookup(s, "/mem", &a); }), kHangBoundMs);
-        if (c.lookup == 2) {
-            EXPECT_TRUE(looked == 0 || looked == -1) << looked;
-        } else {
-            EXPECT_EQ(looked, c.lookup);
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        EXPECT_EQ(read_as_text<std::int32_t>(s, "energy"), "-100000");
-        EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/mem", nullptr), 0);
-        stop();
-    }
 }
 
 // readdir returns one page as the device sent it: its cookie becomes the

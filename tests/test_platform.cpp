@@ -27,7 +27,7 @@ void add_many(void* raw) {
     }
 }
 
-TEST(Platform, RecursiveLockExcludesOtherThreads) {
+TEST(Platform, RecursiveLockThreadsAndClock) {
     Shared shared;
     platform::lock_init(shared.lock);
     platform::Thread a, b;
@@ -40,18 +40,12 @@ TEST(Platform, RecursiveLockExcludesOtherThreads) {
     EXPECT_EQ(shared.counter, 40000);
     EXPECT_EQ(a.handle, 0);
     platform::lock_destroy(shared.lock);
-}
-
-TEST(Platform, JoinGivesUpAfterItsTimeOut) {
+    // A join gives up after its time-out, which the clock measures.
     std::atomic<bool> release{false};
     platform::Thread t;
     ASSERT_TRUE(platform::thread_start(
-        t,
-        [](void* raw) {
-            while (!*static_cast<std::atomic<bool>*>(raw)) platform::sleep_ms(1);
-        },
-        &release));
-    std::uint32_t start = platform::clock_ms();
+        t, [](void* raw) { while (!*static_cast<std::atomic<bool>*>(raw)) platform::sleep_ms(1); }, &release));
+    const std::uint32_t start = platform::clock_ms();
     EXPECT_FALSE(platform::thread_join(t, 50));
     EXPECT_GE(platform::clock_ms() - start, 50u);
     EXPECT_NE(t.handle, 0);
@@ -59,14 +53,7 @@ TEST(Platform, JoinGivesUpAfterItsTimeOut) {
     EXPECT_TRUE(platform::thread_join(t, 5000));
 }
 
-TEST(Platform, ClockCountsMilliseconds) {
-    std::uint32_t start = platform::clock_ms();
-    platform::sleep_ms(30);
-    std::uint32_t elapsed = platform::clock_ms() - start;
-    EXPECT_GE(elapsed, 30u);
-}
-
-TEST(Platform, FilesRoundTripBinaryBytes) {
+TEST(Platform, FilesAndFileLocks) {
     test::TempWorkingDir dir;
     int f = platform::file_open("image.o", platform::kFileRead | platform::kFileWrite | platform::kFileCreate);
     ASSERT_GE(f, 0);
@@ -79,11 +66,8 @@ TEST(Platform, FilesRoundTripBinaryBytes) {
     EXPECT_EQ(std::memcmp(back, bytes + 1, 4), 0);
     EXPECT_EQ(platform::file_close(f), 0);
     EXPECT_LT(platform::file_open("missing.o", platform::kFileRead), 0);
-}
-
-TEST(Platform, AFileLockHasOneHolderAndLeavesTheFileUsable) {
-    test::TempWorkingDir dir;
-    int f = platform::file_open("image.o", platform::kFileRead | platform::kFileWrite | platform::kFileCreate);
+    // A file lock has one holder and leaves the file usable.
+    f = platform::file_open("image.o", platform::kFileRead | platform::kFileWrite);
     ASSERT_GE(f, 0);
     {
         platform::FileLockHolder first("image.o");

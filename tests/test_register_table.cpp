@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 using namespace vukra;
 using namespace vukra::table;
@@ -61,32 +62,24 @@ TEST_F(TableTest, ConfigurationAndTypes) {
     EXPECT_FALSE(config().has_function_prefix);
     EXPECT_EQ(config().output_dir, "out/");
 
+    const auto shown = [](const TypeRecord& t) {
+        return std::string(t.name) + " " + t.c_type + " " + std::to_string(t.words) + " " + std::to_string(t.c_size) +
+               " " + std::to_string(t.index) + " " + t.identifier;
+    };
     ASSERT_EQ(find_type("int32", type), 1);
-    EXPECT_EQ(type.words, 2);
-    EXPECT_STREQ(type.c_type, "long");
-    EXPECT_EQ(type.c_size, 4);
-    EXPECT_EQ(type.index, 1);
-    EXPECT_STREQ(type.identifier, "TYPE_INT32");
+    EXPECT_EQ(shown(type), "int32 long 2 4 1 TYPE_INT32");
     ASSERT_EQ(find_type("int16", type), 1);
     EXPECT_EQ(type.words, 1) << "the first type of a name wins";
-
     EXPECT_EQ(find_type("Int16", type), 0);
-    EXPECT_STREQ(type.name, "?");
-    EXPECT_EQ(type.words, 1);
-    EXPECT_EQ(type.c_size, 2);
-    EXPECT_EQ(type.index, -1);
-    EXPECT_STREQ(type.identifier, "?");
+    EXPECT_EQ(shown(type), "? ? 1 2 -1 ?");
     EXPECT_EQ(find_type(nullptr, type), 0);
 }
 
 TEST_F(TableTest, RegistersWithOffsetsAccessAndTheirTypes) {
     ASSERT_EQ(find_register(reg, type, "a"), 1);
-    EXPECT_STREQ(reg.table_name, "first");
-    EXPECT_EQ(reg.base, 0x10u);
-    EXPECT_EQ(reg.offset, 3u);
-    EXPECT_EQ(address_of(reg), 0x13u);
+    EXPECT_EQ(std::string(reg.table_name) + " " + reg.comment, "first first a");
+    EXPECT_EQ((std::vector<std::uint32_t>{reg.base, reg.offset, address_of(reg)}), (std::vector<std::uint32_t>{0x10, 3, 0x13}));
     EXPECT_EQ(reg.access, kAccessRead);
-    EXPECT_STREQ(reg.comment, "first a");
 
     ASSERT_EQ(find_register(reg, type, "twice"), 1);
     EXPECT_STREQ(reg.table_name, "first") << "the earlier table wins";
@@ -122,11 +115,8 @@ TEST_F(TableTest, IndexAnswersWhatTheWalkAnswers) {
         ASSERT_EQ(find_register(indexed, indexed_type, by_index.name), 1);
         ASSERT_EQ(find_register_by_walk(walked, walked_type, by_index.name), 1);
         EXPECT_EQ(indexed.element, walked.element) << by_index.name;
-        EXPECT_EQ(indexed.offset, walked.offset);
-        EXPECT_EQ(indexed.base, walked.base);
-        EXPECT_EQ(indexed.access, walked.access);
-        EXPECT_EQ(indexed_type.index, walked_type.index);
-        EXPECT_EQ(indexed_type.words, walked_type.words);
+        EXPECT_EQ((std::vector<long>{indexed.offset, indexed.base, indexed.access, indexed_type.index, indexed_type.words}),
+                  (std::vector<long>{walked.offset, walked.base, walked.access, walked_type.index, walked_type.words}));
     }
     EXPECT_EQ(register_by_index(reg, 9), 0);
     EXPECT_EQ(register_by_index(reg, -1), 0);

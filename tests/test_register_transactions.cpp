@@ -10,6 +10,7 @@
 #include <string>
 #include <functional>
 #include <thread>
+#include <vector>
 
 using namespace vukra;
 using test::PtyPair;
@@ -84,69 +85,39 @@ TEST_F(TransactionTest, WriteSendsTheValueMostSignificantFirst) {
     EXPECT_EQ(request, "\xC0:01100010000204000000" "2AAF\r\n\xC0");
 }
 
-TEST_F(TransactionTest, WrongAnswersGiveZeroAndNoAnswerMinusOne) {
+// Each wrong answer: its result, the cause kept for the tools, what is printed.
+TEST_F(TransactionTest, WrongAnswersTheirResultsAndCauses) {
     ASSERT_TRUE(table::find_register(reg, type, "one"));
     std::uint16_t value = 0;
-    run = [&] { return link::modbus_read_registers(port, reg, type, &value, sizeof value); };
-
-    testing::internal::CaptureStdout();
-    answer_with(":0183027A\r\n"); // exception: illegal address
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(result, 0);
-    EXPECT_NE(out.find("0xfff0, int16, 1 mot\n"), std::string::npos);
-    EXPECT_NE(out.find("Fonction incorrecte\nError ("), std::string::npos);
-
-    testing::internal::CaptureStdout();
-    answer_with(":0103020001F8\r\n"); // LRC off by one
-    out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(result, -1);
-    EXPECT_NE(out.find("Erreur LRC\nTrame incorrecte\n"), std::string::npos);
-
-    testing::internal::CaptureStdout();
-    answer_with(""); // silence
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(result, -1);
-
-    run = [&] { return link::modbus_write_registers(port, reg, type, &value); };
-    testing::internal::CaptureStdout();
-    answer_with(":01100001000" "1ED\r\n"); // echoes address 1
-    out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(result, 0);
-    EXPECT_NE(out.find("adresse d'ecriture incorrecte\n"), std::string::npos);
-    EXPECT_EQ(out.find("Error ("), std::string::npos);
-
-    testing::internal::CaptureStdout();
-    answer_with(":0110FFF00002FE\r\n"); // echoes 2 registers
-    out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(result, 0);
-    EXPECT_NE(out.find("nombre de registres ecrits incorrect\n"), std::string::npos);
-}
-
-// The cause of a failure is kept for the tools, the results stay as they are.
-TEST_F(TransactionTest, TheCauseOfTheLastFailureIsKept) {
-    ASSERT_TRUE(table::find_register(reg, type, "one"));
-    std::uint16_t value = 0;
-    run = [&] { return link::modbus_read_registers(port, reg, type, &value, sizeof value); };
+    const auto read = [&] { return link::modbus_read_registers(port, reg, type, &value, sizeof value); };
+    const auto write = [&] { return link::modbus_write_registers(port, reg, type, &value); };
     struct Case {
+        std::function<int()> call;
         const char* reply;
         int result;
         link::Failure failure;
         int code;
+        const char* printed;
     };
-    const Case cases[] = {{":0183027A\r\n", 0, link::Failure::kException, 2},
-                          {":0103020001F8\r\n", -1, link::Failure::kBadFrame, 0},
-                          {"", -1, link::Failure::kNoReply, 0},
-                          {":0104020001F8\r\n", 0, link::Failure::kWrongFunction, 0},
-                          {":0103020001F9\r\n", 1, link::Failure::kNone, 0}};
+    const Case cases[] = {
+        {read, ":01830379\r\n", 0, link::Failure::kException, 3, "0xfff0, int16, 1 mot\n"},
+        {read, ":0183027A\r\n", 0, link::Failure::kException, 2, "Fonction incorrecte\nError ("},
+        {read, ":0103020001F8\r\n", -1, link::Failure::kBadFrame, 0, "Erreur LRC\nTrame incorrecte\n"},
+        {read, "", -1, link::Failure::kNoReply, 0, ""},
+        {read, ":0104020001F8\r\n", 0, link::Failure::kWrongFunction, 0, "Fonction incorrecte\n"},
+        {read, ":0103020001F9\r\n", 1, link::Failure::kNone, 0, "Ok ("},
+        {write, ":01100001000" "1ED\r\n", 0, link::Failure::kWrongEcho, 0, "adresse d'ecriture incorrecte\n"},
+        {write, ":0110FFF00002FE\r\n", 0, link::Failure::kWrongEcho, 0, "nombre de registres ecrits incorrect\n"},
+    };
     for (const Case& c : cases) {
+        run = c.call;
         testing::internal::CaptureStdout();
         answer_with(c.reply);
-        testing::internal::GetCapturedStdout();
+        const std::string out = testing::internal::GetCapturedStdout();
         EXPECT_EQ(result, c.result) << c.reply;
         EXPECT_EQ(link::last_outcome().failure, c.failure) << c.reply;
-        if (c.code) {
-            EXPECT_EQ(link::last_outcome().exception_code, c.code);
-        }
+        EXPECT_EQ(link::last_outcome().exception_code, c.code) << c.reply;
+        EXPECT_NE(out.find(c.printed), std::string::npos) << out;
     }
 }
 
@@ -193,8 +164,8 @@ TEST_F(TransactionTest, AReplyDeclaringMoreThanTheDestinationHoldsStaysInside) {
     answer_with(":0103FF01020304F3\r\n");
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(result, 1);
-    EXPECT_EQ(value[2], 0x77);
-    EXPECT_EQ(value[3], 0x77);
+    // The four bytes present (not the LRC), as one big-endian number, cut to the 2 asked for.
+    EXPECT_EQ((std::vector<int>{value[0], value[1], value[2], value[3]}), (std::vector<int>{4, 3, 0x77, 0x77}));
 }
 
 } // namespace

@@ -14,6 +14,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <poll.h>
 #include <thread>
 #include <unistd.h>
@@ -80,6 +81,14 @@ struct RemoteFsTest : ::testing::Test {
 };
 
 TEST_F(RemoteFsTest, MountSendsIdentityAndFlagsAndKeepsTheReply) {
+    {   // a refused mount keeps the volume, stores the status and the flags
+        ScriptedDevice refusing(pty, test::frame(1, Wire{}.item(7).item(4, {0, 1, 1, 5}).item(4, {1}).item(4, {1}).item(4, {5}).item(23).bytes));
+        EXPECT_EQ(modbus_vukra_op_protected_mount(s), -1);
+        refusing.seen();
+        EXPECT_EQ(modbus_vukra_op_session_error(s), 23);
+        EXPECT_EQ(s->volume, kAll);
+        EXPECT_EQ(s->reply_flags.bytes[3], 5);
+    }
     const std::string path = s->mount_path;
     const std::uint32_t text_length = static_cast<std::uint32_t>(path.size() + 1 <= 4 ? 4 : path.size() + 1 + (4 - (path.size() + 1) % 4));
     ScriptedDevice device(pty, test::frame(1, Wire{}.item(1).item(4, {0, 2, 3, 4}).item(4, {2}).item(4, {3}).item(4, {4}).item(0).bytes));
@@ -93,168 +102,127 @@ TEST_F(RemoteFsTest, MountSendsIdentityAndFlagsAndKeepsTheReply) {
     ASSERT_EQ(modbus_vukra_op_session_info(s, info), 0);
     const std::uint8_t reply_flags[4] = {0, 2, 3, 4};
     EXPECT_EQ(std::memcmp(&info[1], reply_flags, 4), 0);
+
 }
 
-TEST_F(RemoteFsTest, ARefusedMountKeepsTheVolumeAndStoresTheStatus) {
-    ScriptedDevice device(pty, test::frame(1, Wire{}.item(0).item(4, {0, 1, 1, 1}).item(4, {1}).item(4, {1}).item(4, {1}).item(23).bytes));
-    EXPECT_EQ(modbus_vukra_op_protected_mount(s), -1);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), 23);
-    EXPECT_EQ(s->volume, kAll);
-    EXPECT_EQ(s->reply_flags.bytes[3], 1) << "the flags are kept whatever the status";
+// One exchange each: the session's state before, the call, the request
+// frame the device sees, its reply, and what the call makes of it.
+struct Exchange {
+    const char* what;
+    std::function<void(modbus_vukra_session*)> before;
+    std::function<std::int32_t(modbus_vukra_session*)> call;
+    Bytes request, reply;
+    std::int32_t result, error;
+    std::function<void(modbus_vukra_session*)> after;
+};
+
+modbus_vukra_attributes got_attributes{};
+modbus_vukra_usage got_usage{};
+char got_bytes[8];
+std::vector<std::uint8_t> sent_bytes(5000);
+modbus_vukra_dir_entry* listing = nullptr;
+const modbus_vukra_mkfs_params mkfs_params{{64, 8, 2}};
+
+void at(modbus_vukra_session* s, std::uint32_t volume, std::uint32_t dir, std::int32_t file, std::int32_t position) {
+    s->volume = volume;
+    s->directory_ref = dir;
+    s->file_descriptor = file;
+    s->position = position;
 }
 
-TEST_F(RemoteFsTest, LookupSendsTheCurrentHandleAndTakesTheNewOne) {
-    s->volume = 1;
-    s->position = 77;
-    ScriptedDevice device(pty, test::frame(4, Wire{}.item(9).item(3).item(10).item(20).item(30).item(40).item(0).bytes));
-    modbus_vukra_attributes attributes{};
-    EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/etc/x", &attributes), 0);
-    EXPECT_EQ(device.seen(), test::frame(4, Wire{}.item(1).item(0).item(kAll).text(8, "/etc/x").bytes));
-    EXPECT_EQ(s->directory_ref, 9u);
-    EXPECT_EQ(s->file_descriptor, 3);
-    EXPECT_EQ(s->position, 0);
-    EXPECT_EQ(attributes.words[0], 10u);
-    EXPECT_EQ(attributes.words[3], 40u);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), 0);
-}
-
-TEST_F(RemoteFsTest, AFailedCreateStillTakesTheHandleAndReportsTheStatus) {
-    ScriptedDevice device(pty, test::frame(7, Wire{}.item(0).item(kAll).item(0).item(0).item(0).item(0).item(17).bytes));
-    EXPECT_EQ(modbus_vukra_op_protected_create(s, "/f"), -1);
-    EXPECT_EQ(device.seen()[1], 7);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), 17);
-    EXPECT_EQ(s->file_descriptor, -1);
-}
-
-TEST_F(RemoteFsTest, ReadCopiesTheReportedCountAndAdvances) {
-    s->volume = 1;
-    s->file_descriptor = 4;
-    s->position = 100;
-    ScriptedDevice device(pty, test::frame(5, Wire{}.item(3).item(8, {'x', 'y', 'z', 'w'}).item(4, {1, 9, 9, 9})
-                                                .item(4, {9, 9, 9, 0}).bytes));
-    char buffer[8] = "-------";
-    EXPECT_EQ(modbus_vukra_op_protected_read(s, buffer, 5000), 3);
-    EXPECT_EQ(device.seen(), test::frame(5, Wire{}.item(1).item(0).item(4).item(100).item(1024).bytes))
-        << "5000 asks for 1024";
-    EXPECT_STREQ(buffer, "xyz----");
-    EXPECT_EQ(s->position, 103);
-}
-
-TEST_F(RemoteFsTest, ReadStatusIsTheLowByteOfTheDevicesStatus) {
-    s->file_descriptor = 4;
-    ScriptedDevice device(pty, test::frame(5, Wire{}.item(0).item(4, {}).item(4, {0}).item(4, {0, 0, 0, 0x85}).bytes));
-    char buffer[4];
-    EXPECT_EQ(modbus_vukra_op_protected_read(s, buffer, 4), -1);
-    device.seen();
-    EXPECT_EQ(modbus_vukra_op_session_error(s), 0x85) << "unsigned, 0 to 255";
-    EXPECT_EQ(s->position, 0);
-}
-
-TEST_F(RemoteFsTest, ADeviceClaimingMoreThanAskedIsCutToTheRequest) {
-    s->file_descriptor = 4;
-    ScriptedDevice device(pty, test::frame(5, Wire{}.item(900).item(8, {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'})
-                                                .item(4, {0}).item(0).bytes));
-    char buffer[2] = {};
-    EXPECT_EQ(modbus_vukra_op_protected_read(s, buffer, 2), 2);
-    EXPECT_EQ(std::memcmp(buffer, "ab", 2), 0);
-}
-
-TEST_F(RemoteFsTest, WriteSendsAtMost1024BytesAndAdvancesByTheReply) {
-    s->volume = 2;
-    s->file_descriptor = 6;
-    s->position = 10;
-    std::vector<std::uint8_t> data(5000);
-    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<std::uint8_t>(i);
-    ScriptedDevice device(pty, test::frame(6, Wire{}.item(1000).item(0).bytes));
-    EXPECT_EQ(modbus_vukra_op_protected_write(s, data.data(), 5000), 1000);
-    const Bytes sent = device.seen();
-    EXPECT_EQ(sent, test::frame(6, Wire{}.item(2).item(0).item(6).item(10).item(1024)
-                                    .item(1028, Bytes(data.begin(), data.begin() + 1024)).bytes));
-    EXPECT_EQ(s->position, 1010);
+TEST_F(RemoteFsTest, EachOperationsFrameAndWhatItMakesOfTheReply) {
+    for (std::size_t i = 0; i < sent_bytes.size(); ++i) sent_bytes[i] = static_cast<std::uint8_t>(i);
+    const std::vector<Exchange> exchanges = {
+        {"lookup", [](auto* t) { at(t, 1, 0, -1, 77); },
+         [](auto* t) { return modbus_vukra_op_protected_lookup(t, "/etc/x", &got_attributes); },
+         test::frame(4, Wire{}.item(1).item(0).item(kAll).text(8, "/etc/x").bytes),
+         test::frame(4, Wire{}.item(9).item(3).item(10).item(20).item(30).item(40).item(0).bytes), 0, 0,
+         [](auto* t) {
+             EXPECT_EQ((std::vector<std::int64_t>{t->directory_ref, t->file_descriptor, t->position, got_attributes.words[0],
+                                                  got_attributes.words[3]}),
+                       (std::vector<std::int64_t>{9, 3, 0, 10, 40}));
+         }},
+        {"failed create", [](auto* t) { at(t, 1, 0, -1, 0); }, [](auto* t) { return modbus_vukra_op_protected_create(t, "/f"); },
+         test::frame(7, Wire{}.item(1).item(0).item(kAll).text(4, "/f").bytes),
+         test::frame(7, Wire{}.item(0).item(kAll).item(0).item(0).item(0).item(0).item(17).bytes), -1, 17,
+         [](auto* t) { EXPECT_EQ(t->file_descriptor, -1); }},
+        {"read of 5000 asks 1024", [](auto* t) { at(t, 1, 0, 4, 100); std::memcpy(got_bytes, "-------", 8); },
+         [](auto* t) { return modbus_vukra_op_protected_read(t, got_bytes, 5000); },
+         test::frame(5, Wire{}.item(1).item(0).item(4).item(100).item(1024).bytes),
+         test::frame(5, Wire{}.item(3).item(8, {'x', 'y', 'z', 'w'}).item(4, {1, 9, 9, 9}).item(4, {9, 9, 9, 0}).bytes), 3, 0,
+         [](auto* t) {
+             EXPECT_STREQ(got_bytes, "xyz----");
+             EXPECT_EQ(t->position, 103);
+         }},
+        {"read status is its low byte", [](auto* t) { at(t, 1, 0, 4, 0); },
+         [](auto* t) { return modbus_vukra_op_protected_read(t, got_bytes, 4); },
+         test::frame(5, Wire{}.item(1).item(0).item(4).item(0).item(4).bytes),
+         test::frame(5, Wire{}.item(0).item(4, {}).item(4, {0}).item(4, {0, 0, 0, 0x85}).bytes), -1, 0x85,
+         [](auto* t) { EXPECT_EQ(t->position, 0); }},
+        {"a device claiming more than asked", [](auto* t) { at(t, 1, 0, 4, 0); std::memset(got_bytes, 0, 8); },
+         [](auto* t) { return modbus_vukra_op_protected_read(t, got_bytes, 2); },
+         test::frame(5, Wire{}.item(1).item(0).item(4).item(0).item(2).bytes),
+         test::frame(5, Wire{}.item(900).item(8, {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'}).item(4, {0}).item(0).bytes), 2, 0,
+         [](auto*) { EXPECT_STREQ(got_bytes, "ab"); }},
+        {"write of 5000 sends 1024", [](auto* t) { at(t, 2, 0, 6, 10); },
+         [](auto* t) { return modbus_vukra_op_protected_write(t, sent_bytes.data(), 5000); },
+         test::frame(6, Wire{}.item(2).item(0).item(6).item(10).item(1024).item(1028, Bytes(sent_bytes.begin(), sent_bytes.begin() + 1024)).bytes),
+         test::frame(6, Wire{}.item(1000).item(0).bytes), 1000, 0, [](auto* t) { EXPECT_EQ(t->position, 1010); }},
+        {"readdir", [](auto* t) { at(t, kAll, 8, -1, 2); }, [](auto* t) { return modbus_vukra_op_protected_readdir(t, &listing); },
+         test::frame(12, Wire{}.item(kAll).item(8).item(kAll).item(2).item(120).bytes),
+         test::frame(12, Wire{}.word(36).item(1).text(4, "a").word(24).item(2).text(8, "bbbb").word(12).item(3).text(4, "ccc")
+                             .word(0).item(5).item(4, {1}).item(0).bytes), 1, 0,
+         [](auto* t) {
+             EXPECT_EQ(test::take_names(listing), (std::vector<std::string>{"a", "bbbb", "ccc"}));
+             EXPECT_EQ(modbus_vukra_op_protected_telldir(t), 5);
+         }},
+        {"fsstat", [](auto* t) { at(t, 1, 0, -1, 0); }, [](auto* t) { return modbus_vukra_op_protected_fsstat(t, "/", &got_usage); },
+         test::frame(13, Wire{}.item(1).text(4, "/").bytes), test::frame(13, Wire{}.item(1).item(2).item(3).item(4).item(0).bytes), 0, 0,
+         [](auto*) { EXPECT_EQ(got_usage.words[3], 4u); }},
+        {"remove", nullptr, [](auto* t) { return modbus_vukra_op_protected_remove(t, "/abc"); },
+         test::frame(8, Wire{}.item(1).text(8, "/abc").bytes), test::frame(8, Wire{}.item(2).bytes), -1, 2, nullptr},
+        {"rename", nullptr, [](auto* t) { return modbus_vukra_op_protected_rename(t, "/a", "/b"); },
+         test::frame(9, Wire{}.item(1).text(4, "/a").text(4, "/b").bytes), test::frame(9, Wire{}.item(0).bytes), 0, 0, nullptr},
+        {"rmdir", nullptr, [](auto* t) { return modbus_vukra_op_protected_rmdir(t, "/d"); },
+         test::frame(11, Wire{}.item(1).text(4, "/d").bytes), test::frame(11, Wire{}.item(0).bytes), 0, 0, nullptr},
+        {"mkdir", nullptr, [](auto* t) { return modbus_vukra_op_protected_mkdir(t, "/d"); },
+         test::frame(10, Wire{}.item(1).item(0).item(kAll).text(4, "/d").bytes),
+         test::frame(10, Wire{}.item(5).item(kAll).item(0).item(0).item(0).item(0).item(0).bytes), 0, 0,
+         [](auto* t) { EXPECT_EQ(t->directory_ref, 5u); }},
+        {"mkfs", nullptr, [](auto* t) { return modbus_vukra_op_protected_mkfs(t, &mkfs_params); },
+         test::frame(15, Wire{}.item(1).item(5).item(kAll).item(64).item(8).item(2).bytes), test::frame(15, Wire{}.item(0).bytes), 0, 0,
+         nullptr},
+    };
+    for (const Exchange& x : exchanges) {
+        SCOPED_TRACE(x.what);
+        if (x.before) x.before(s);
+        ScriptedDevice device(pty, x.reply);
+        EXPECT_EQ(x.call(s), x.result);
+        EXPECT_EQ(device.seen(), x.request);
+        EXPECT_EQ(modbus_vukra_op_session_error(s), x.error);
+        if (x.after) x.after(s);
+    }
+    EXPECT_EQ(modbus_vukra_op_protected_mkfs(s, nullptr), -1);
     EXPECT_EQ(modbus_vukra_op_protected_write(s, nullptr, 4), -1) << "no data to send";
 }
 
-TEST_F(RemoteFsTest, ReaddirHandsOverEntriesTheHostFreesWithFree) {
-    s->directory_ref = 8;
-    s->position = 2;
-    ScriptedDevice device(pty, test::frame(12, Wire{}
-                                               .word(36).item(1).text(4, "a")
-                                               .word(24).item(2).text(8, "bbbb")
-                                               .word(12).item(3).text(4, "ccc")
-                                               .word(0)
-                                               .item(5).item(4, {1}).item(0).bytes));
-    modbus_vukra_dir_entry* first = nullptr;
-    EXPECT_EQ(modbus_vukra_op_protected_readdir(s, &first), 1);
-    EXPECT_EQ(device.seen(), test::frame(12, Wire{}.item(kAll).item(8).item(kAll).item(2).item(120).bytes));
-    EXPECT_EQ(test::take_names(first), (std::vector<std::string>{"a", "bbbb", "ccc"}));
-    EXPECT_EQ(s->position, 5);
-    EXPECT_EQ(modbus_vukra_op_protected_telldir(s), 5);
-}
-
-TEST_F(RemoteFsTest, FsstatRemoveRenameRmdirMkdirAndMkfsFrames) {
-    s->volume = 1;
-    {
-        ScriptedDevice device(pty, test::frame(13, Wire{}.item(1).item(2).item(3).item(4).item(0).bytes));
-        modbus_vukra_usage usage{};
-        EXPECT_EQ(modbus_vukra_op_protected_fsstat(s, "/", &usage), 0);
-        EXPECT_EQ(device.seen(), test::frame(13, Wire{}.item(1).text(4, "/").bytes));
-        EXPECT_EQ(usage.words[3], 4u);
-    }
-    {
-        ScriptedDevice device(pty, test::frame(8, Wire{}.item(2).bytes));
-        EXPECT_EQ(modbus_vukra_op_protected_remove(s, "/abc"), -1);
-        EXPECT_EQ(device.seen(), test::frame(8, Wire{}.item(1).text(8, "/abc").bytes));
-        EXPECT_EQ(modbus_vukra_op_session_error(s), 2);
-    }
-    {
-        ScriptedDevice device(pty, test::frame(9, Wire{}.item(0).bytes));
-        EXPECT_EQ(modbus_vukra_op_protected_rename(s, "/a", "/b"), 0);
-        EXPECT_EQ(device.seen(), test::frame(9, Wire{}.item(1).text(4, "/a").text(4, "/b").bytes));
-    }
-    {
-        ScriptedDevice device(pty, test::frame(11, Wire{}.item(0).bytes));
-        EXPECT_EQ(modbus_vukra_op_protected_rmdir(s, "/d"), 0);
-        EXPECT_EQ(device.seen()[1], 11);
-    }
-    {
-        ScriptedDevice device(pty, test::frame(10, Wire{}.item(5).item(kAll).item(0).item(0).item(0).item(0).item(0).bytes));
-        EXPECT_EQ(modbus_vukra_op_protected_mkdir(s, "/d"), 0);
-        EXPECT_EQ(device.seen()[1], 10);
-        EXPECT_EQ(s->directory_ref, 5u);
-    }
-    {
-        ScriptedDevice device(pty, test::frame(15, Wire{}.item(0).bytes));
-        const modbus_vukra_mkfs_params params{{64, 8, 2}};
-        EXPECT_EQ(modbus_vukra_op_protected_mkfs(s, &params), 0);
-        EXPECT_EQ(device.seen(), test::frame(15, Wire{}.item(1).item(5).item(kAll).item(64).item(8).item(2).bytes));
-    }
-    EXPECT_EQ(modbus_vukra_op_protected_mkfs(s, nullptr), -1);
-}
-
+// Results and error words, in order, with nothing open, a directory, a file.
 TEST_F(RemoteFsTest, SeekSeekdirAndTelldirAnswerFromTheSession) {
-    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 10, 0), -1);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), 21);
-    EXPECT_EQ(modbus_vukra_op_protected_seekdir(s, 3), -1);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), 21);
-    EXPECT_EQ(modbus_vukra_op_protected_telldir(s), -1);
-
-    s->directory_ref = 7; // a directory is open
-    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 10, 0), -1);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), -31);
-    EXPECT_EQ(modbus_vukra_op_protected_seekdir(s, 12), 12);
-    EXPECT_EQ(modbus_vukra_op_protected_telldir(s), 12);
-
+    using Results = std::vector<std::int32_t>;
+    const auto error = [&] { return modbus_vukra_op_session_error(s); };
+    EXPECT_EQ((Results{modbus_vukra_op_protected_seek(s, 10, 0), error(), modbus_vukra_op_protected_seekdir(s, 3), error(),
+                       modbus_vukra_op_protected_telldir(s)}),
+              (Results{-1, 21, -1, 21, -1}));
+    s->directory_ref = 7;
+    EXPECT_EQ((Results{modbus_vukra_op_protected_seek(s, 10, 0), error(), modbus_vukra_op_protected_seekdir(s, 12),
+                       modbus_vukra_op_protected_telldir(s)}),
+              (Results{-1, -31, 12, 12}));
     s->directory_ref = 0;
-    s->file_descriptor = 2; // a file is open
-    s->error = 0;
-    EXPECT_EQ(modbus_vukra_op_protected_telldir(s), -1);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), -56);
-    EXPECT_EQ(modbus_vukra_op_protected_seekdir(s, 1), -1);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), -56);
-    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 100, 0), 100);
-    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 10, 2), 90) << "back from the current position";
-    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 5, 1), 95);
-    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 5, 9), 95);
+    s->file_descriptor = 2;
+    EXPECT_EQ((Results{modbus_vukra_op_protected_telldir(s), error(), modbus_vukra_op_protected_seekdir(s, 1), error(),
+                       modbus_vukra_op_protected_seek(s, 100, 0), modbus_vukra_op_protected_seek(s, 10, 2),
+                       modbus_vukra_op_protected_seek(s, 5, 1), modbus_vukra_op_protected_seek(s, 5, 9)}),
+              (Results{-1, -56, -1, -56, 100, 90, 95, 95})); // whence 2 goes back from the current position
     EXPECT_TRUE(line_quiet());
 }
 
@@ -364,32 +332,19 @@ TEST_F(RemoteFsTest, AnEmptyRequestIsJustTheHeader) {
     EXPECT_GT(info[MODBUS_VUKRA_INFO_BITS_PER_SECOND], 0);
 }
 
-TEST(RemoteFsNoSession, EveryFileExportRefusesANullSession) {
+TEST_F(RemoteFsTest, EveryFileExportRefusesANullSession) {
     modbus_vukra_dir_entry* first = nullptr;
-    modbus_vukra_usage usage;
     const modbus_vukra_mkfs_params params{};
-    char buffer[4];
-    EXPECT_EQ(modbus_vukra_op_protected_null(nullptr), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_mount(nullptr), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_lookup(nullptr, "/x", nullptr), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_read(nullptr, buffer, 4), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_write(nullptr, buffer, 4), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_create(nullptr, "/x"), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_remove(nullptr, "/x"), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_rename(nullptr, "/x", "/y"), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_mkdir(nullptr, "/x"), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_rmdir(nullptr, "/x"), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_readdir(nullptr, &first), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_fsstat(nullptr, "/x", &usage), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_mkfs(nullptr, &params), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_seek(nullptr, 0, 0), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_seekdir(nullptr, 0), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_telldir(nullptr), -1);
-}
-
-TEST_F(RemoteFsTest, ANullSessionIsRefusedWhileASessionIsOpen) {
-    EXPECT_EQ(modbus_vukra_op_protected_lookup(nullptr, "/x", nullptr), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_telldir(nullptr), -1);
+    const std::int32_t results[] = {
+        modbus_vukra_op_protected_null(nullptr), modbus_vukra_op_protected_mount(nullptr),
+        modbus_vukra_op_protected_lookup(nullptr, "/x", nullptr), modbus_vukra_op_protected_read(nullptr, got_bytes, 4),
+        modbus_vukra_op_protected_write(nullptr, got_bytes, 4), modbus_vukra_op_protected_create(nullptr, "/x"),
+        modbus_vukra_op_protected_remove(nullptr, "/x"), modbus_vukra_op_protected_rename(nullptr, "/x", "/y"),
+        modbus_vukra_op_protected_mkdir(nullptr, "/x"), modbus_vukra_op_protected_rmdir(nullptr, "/x"),
+        modbus_vukra_op_protected_readdir(nullptr, &first), modbus_vukra_op_protected_fsstat(nullptr, "/x", &got_usage),
+        modbus_vukra_op_protected_mkfs(nullptr, &params), modbus_vukra_op_protected_seek(nullptr, 0, 0),
+        modbus_vukra_op_protected_seekdir(nullptr, 0), modbus_vukra_op_protected_telldir(nullptr)};
+    for (std::int32_t r : results) EXPECT_EQ(r, -1);
     EXPECT_TRUE(line_quiet());
 }
 

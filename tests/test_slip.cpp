@@ -5,10 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <termios.h>
+
 #include <vector>
 
 using namespace vukra;
-using test::PtyPair;
 using Bytes = std::vector<std::uint8_t>;
 
 namespace {
@@ -16,14 +17,15 @@ namespace {
 constexpr link::SerialSettings kQuick{400000, 'N', 8, 1, 300};
 
 struct SlipTest : ::testing::Test {
-    PtyPair pty;
+    test::PtyPair pty;
     link::Port* port = link::serial_open(0, pty.slave_path.c_str(), 0, &kQuick);
     ~SlipTest() override { link::serial_close(port); }
 
+    // One packet into a buffer of capacity; {-1} when none came.
     Bytes receive(std::size_t capacity) {
         Bytes out(capacity + 8, 0xEE);
         long n = link::slip_receive(port, out.data(), capacity);
-        if (n < 0) return {};
+        if (n < 0) return {0xFF, 0xFF};
         EXPECT_EQ(out[static_cast<std::size_t>(n)], 0xEE) << "wrote past the packet";
         out.resize(static_cast<std::size_t>(n));
         return out;
@@ -34,47 +36,36 @@ TEST_F(SlipTest, SendEscapesEndAndEscAndFramesWithEnd) {
     Bytes payload{0x01, 0xC0, 0x02, 0xDB, 0x03};
     EXPECT_EQ(link::slip_send(port, payload.data(), payload.size()), 5);
     EXPECT_EQ(pty.receive(9), (Bytes{0xC0, 0x01, 0xDB, 0xDC, 0x02, 0xDB, 0xDD, 0x03, 0xC0}));
-
     EXPECT_EQ(link::slip_send(port, nullptr, 0), 0);
     EXPECT_EQ(pty.receive(2), (Bytes{0xC0, 0xC0}));
-}
 
-TEST_F(SlipTest, SendOfALongPayloadKeepsEveryByte) {
-    Bytes payload(5000, 0xC0); // escapes to 10000 bytes, past any one buffer
-    payload[4999] = 0x42;
-    link::slip_send(port, payload.data(), payload.size());
+    Bytes longer(5000, 0xC0); // escapes to 10000 bytes, past any one buffer
+    longer[4999] = 0x42;
+    link::slip_send(port, longer.data(), longer.size());
     Bytes expected{0xC0};
     for (int i = 0; i < 4999; ++i) expected.insert(expected.end(), {0xDB, 0xDC});
     expected.insert(expected.end(), {0x42, 0xC0});
     EXPECT_EQ(pty.receive(expected.size()), expected);
 }
 
-TEST_F(SlipTest, ReceiveSkipsLeadingEndsAndUndoesEscapes) {
+TEST_F(SlipTest, ReceiveUndoesEscapesJoinsPiecesAndCutsAtTheCapacity) {
     pty.send({0xC0, 0xC0, 0xC0, 0x10, 0xDB, 0xDC, 0xDB, 0xDD, 0xDB, 0x41, 0x20, 0xC0});
     EXPECT_EQ(receive(64), (Bytes{0x10, 0xC0, 0xDB, 0x41, 0x20}));
-}
-
-TEST_F(SlipTest, PacketsArriveOneByOneAndInPieces) {
     pty.send({0xC0, 'a', 'b', 0xC0, 0xC0, 'c', 0xC0, 'd'});
     EXPECT_EQ(receive(64), test::bytes_of("ab"));
     EXPECT_EQ(receive(64), test::bytes_of("c"));
     pty.send({'e', 0xC0});
     EXPECT_EQ(receive(64), test::bytes_of("de"));
-}
-
-TEST_F(SlipTest, APacketLongerThanCapacityIsCutAndItsRestComesNext) {
     pty.send({0xC0, '1', '2', '3', '4', '5', '6', 0xC0});
     EXPECT_EQ(receive(4), test::bytes_of("1234")); // '5' is dropped
     EXPECT_EQ(receive(4), test::bytes_of("6"));
-}
-
-TEST_F(SlipTest, SilenceAndAnEndlessPacketGiveMinusOne) {
-    Bytes buffer(16);
-    EXPECT_EQ(link::slip_receive(port, buffer.data(), buffer.size()), -1);
-    pty.send({0xC0, 'x', 'y', 'z'}); // no closing END
-    EXPECT_EQ(link::slip_receive(port, buffer.data(), buffer.size()), -1);
-    pty.send({0xC0, 'q', 0xDB}); // escape cut off by silence
-    EXPECT_EQ(link::slip_receive(port, buffer.data(), buffer.size()), -1);
+    // Silence, a packet without its END, an escape cut off by silence.
+    const Bytes none{0xFF, 0xFF};
+    EXPECT_EQ(receive(16), none);
+    pty.send({0xC0, 'x', 'y', 'z'});
+    EXPECT_EQ(receive(16), none);
+    pty.send({0xC0, 'q', 0xDB});
+    EXPECT_EQ(receive(16), none);
 }
 
 TEST_F(SlipTest, PurgeDropsWhatTheBufferHolds) {
@@ -85,31 +76,30 @@ TEST_F(SlipTest, PurgeDropsWhatTheBufferHolds) {
     EXPECT_EQ(receive(64), test::bytes_of("new"));
 }
 
-TEST(SlipPort, APortThatCannotBeOpenedStillGivesAHandleWhoseTransfersFail) {
-    link::Port* port = link::serial_open(0, "/dev/no-such-port", 0, &kQuick);
-    ASSERT_NE(port, nullptr);
+TEST(SlipPort, AMissingPortFailsItsTransfersAndEveryByteValueCrossesARealOne) {
+    link::Port* missing = link::serial_open(0, "/dev/no-such-port", 0, &kQuick);
+    ASSERT_NE(missing, nullptr);
     std::uint8_t buffer[8];
-    EXPECT_EQ(link::slip_receive(port, buffer, sizeof buffer), -1);
-    EXPECT_EQ(link::serial_read(port, buffer, sizeof buffer), -1);
-    EXPECT_EQ(link::slip_send(port, "x", 1), 1); // the write's failure is not reported
-    link::serial_close(port);
-}
+    EXPECT_EQ(link::slip_receive(missing, buffer, sizeof buffer), -1);
+    EXPECT_EQ(link::serial_read(missing, buffer, sizeof buffer), -1);
+    EXPECT_EQ(link::slip_send(missing, "x", 1), 1); // the write's failure is not reported
+    link::serial_close(missing);
 
-TEST(SlipPort, ConfigureKeepsTheLastSettingsAndAlwaysSets8N1) {
-    PtyPair pty;
+    // The settings are kept as given; the line itself always carries 8-bit bytes.
+    test::PtyPair pty;
+    termios line{}; // as a line may come: CR turned into LF, XON/XOFF honoured
+    ::tcgetattr(pty.slave, &line);
+    line.c_iflag |= ICRNL | IXON;
+    ::tcsetattr(pty.slave, TCSANOW, &line);
     const link::SerialSettings odd{400000, 'E', 7, 2, 250};
     link::Port* port = link::serial_open(0, pty.slave_path.c_str(), 0, &odd);
-    link::SerialSettings last = link::serial_last_settings();
-    EXPECT_EQ(last.baud, 400000u);
-    EXPECT_EQ(last.parity, 'E');
-    EXPECT_EQ(last.timeout_ms, 250u);
-    // The line itself carries 8-bit bytes: every value arrives unchanged.
-    Bytes all(256);
+    const link::SerialSettings last = link::serial_last_settings();
+    EXPECT_EQ((Bytes{static_cast<std::uint8_t>(last.parity), last.data_bits, last.stop_bits}), (Bytes{'E', 7, 2}));
+    EXPECT_EQ(last.baud + last.timeout_ms, 400250u);
+    Bytes all(256), got(256);
     for (int i = 0; i < 256; ++i) all[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(i);
     pty.send(all);
-    Bytes got(256);
-    std::size_t n = 0;
-    while (n < got.size()) {
+    for (std::size_t n = 0; n < got.size();) {
         long r = link::serial_read(port, got.data() + n, got.size() - n);
         ASSERT_GT(r, 0);
         n += static_cast<std::size_t>(r);

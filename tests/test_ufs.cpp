@@ -1,6 +1,5 @@
 // ufs volumes on the SD card: making, mounting, files across the block
 // map's boundaries, and what survives the process.
-#include "kernel/device_table.h"
 #include "kernel/kernel_errors.h"
 #include "kernel/kernel_start.h"
 #include "kernel/vfs.h"
@@ -55,7 +54,7 @@ std::uint32_t le32(const std::string& s, std::size_t at) {
     return v;
 }
 
-TEST_F(Ufs, MkfsWritesTheHeaderRepairsTheBlockSizeAndFitsTheDevice) {
+TEST_F(Ufs, MkfsWritesTheHeaderAndMountChecksIt) {
     make(100, 1000, 100); // 100 is no block size: 32 it is
     kernel::umount("/mem");
     std::string h = head(29 + 200);
@@ -78,9 +77,7 @@ TEST_F(Ufs, MkfsWritesTheHeaderRepairsTheBlockSizeAndFitsTheDevice) {
     h = head(29);
     const std::uint32_t blocks = le32(h, 25) / 512;
     EXPECT_EQ(blocks, (0x800000u - 16 * 18 - (16 / 8 + 1)) / 512 - 5) << "the largest count that fits";
-}
-
-TEST_F(Ufs, MountRefusesOtherVersionsAndLargeBlocks) {
+    // Mount refuses other versions and large blocks.
     make(16, 100, 32);
     kernel::umount("/mem");
     const std::string good = head(29);
@@ -225,29 +222,6 @@ TEST_F(Ufs, ListingsResumeFromToldPositions) {
     std::set<std::string> after = made;
     for (const std::string& n : first) after.erase(n);
     EXPECT_EQ(rest, after) << "what lay after the position is listed, and nothing before it";
-}
-
-// The SD card's driver with its writes counted.
-int card_writes = 0;
-long counting_write(Descriptor fd, const void* buffer, std::size_t count) {
-    ++card_writes;
-    return kSdcardDriver.write(fd, buffer, count);
-}
-
-TEST_F(Ufs, WritingBackAnUnchangedAllocationAreaWritesNothing) {
-    // In place before the volume opens its device: an open descriptor keeps its driver.
-    DriverDescriptor counting = kSdcardDriver;
-    counting.write = counting_write;
-    const DriverDescriptor* card = replace_device_driver(11, &counting);
-    make(16, 100, 32);
-    ASSERT_TRUE(test::put_file("/mem/x", "data"));
-    card_writes = 0;
-    ASSERT_EQ(kernel::flush_mounts(), 0);
-    EXPECT_EQ(card_writes, 1) << "the file's allocation is written back once";
-    ASSERT_EQ(kernel::flush_mounts(), 0);
-    EXPECT_EQ(card_writes, 1) << "then nothing has changed";
-    ASSERT_NE(mount_slot(1), nullptr) << "still mounted after the flushes";
-    replace_device_driver(11, card);
 }
 
 // A file written by one process is read by the next: the test runs itself

@@ -53,16 +53,12 @@ std::int32_t watched_transfer(modbus_vukra_session* s, bool put, Watch& w) {
     return result;
 }
 
-// Whether the watcher saw direction's transfer reach its data phase with
-// the phases in order and its progress never falling within a phase, and
-// end done at 100. A get, paced by the device's replies, is also seen in
-// its header phase and its progress growing within a phase; a put, whose
-// requests carry the data, may pass its header phase between two looks.
+// Whether the watcher saw direction's transfer reach its data phase, the
+// phases in order, progress never falling within a phase, and the end done
+// at 100; a get, paced by the device, also in its header phase with its
+// progress growing (a put may pass its header between two looks).
 bool phases_in_order(const Watch& w, std::int32_t direction, bool paced, std::string& shown) {
     bool in_order = true, grew = false, header = false, data = false;
-    char count[32];
-    std::snprintf(count, sizeof count, " %zu samples", w.seen.size());
-    shown += count;
     const Info* previous = nullptr;
     for (const Info& i : w.seen) {
         char step[32];
@@ -71,12 +67,12 @@ bool phases_in_order(const Watch& w, std::int32_t direction, bool paced, std::st
         if (i.direction() != direction) continue;
         header = header || i.phase() == 1;
         data = data || i.phase() == 2;
-        if (previous != nullptr) {
-            if (i.phase() < previous->phase()) in_order = false;
-            if (i.phase() == previous->phase() && i.progress() < previous->progress()) in_order = false;
-            if (i.phase() == previous->phase() && i.progress() > previous->progress()) grew = true;
+        if (previous != nullptr && i.phase() == previous->phase()) {
+            in_order = in_order && i.progress() >= previous->progress();
+            grew = grew || i.progress() > previous->progress();
         }
-        if (i.phase() < 4 && i.progress() == 100 && i.phase() != 1) in_order = false;
+        in_order = in_order && (previous == nullptr || i.phase() >= previous->phase()) &&
+                   !(i.phase() < 4 && i.progress() == 100 && i.phase() != 1);
         previous = &i;
     }
     const bool done = previous != nullptr && previous->phase() == 4 && previous->progress() == 100;
@@ -103,36 +99,33 @@ const std::string kMirrorText = "written in the mirror under /mem\r\n";
 void mirror(modbus_vukra_session* s) {
     watched_and_checked(s, false, "a second thread saw getfs's phases and its progress grow:");
     const Info done = info_of(s);
-    check(done.direction() == 1 && done.phase() == 4 && done.progress() == 100, "session_info: get, done, 100");
-    check(GetFileAttributesA("sdcard0.o") != INVALID_FILE_ATTRIBUTES, "the local card sdcard0.o is in the working folder");
-    check(file_text(s, "/mem/work/data.txt") == kDeviceText && file_text(s, "/mem/big.bin") == kDeviceBig,
-          "the mirror holds what was written on the device");
-    check(create_with(s, "/mem/mirror-only.txt", kMirrorText) && file_text(s, "/mem/mirror-only.txt") == kMirrorText,
-          "a file made in the mirror");
+    check(done.direction() == 1 && done.phase() == 4 && done.progress() == 100 &&
+              GetFileAttributesA("sdcard0.o") != INVALID_FILE_ATTRIBUTES,
+          "session_info: get, done, 100; the local card sdcard0.o is in the working folder");
+    check(file_text(s, "/mem/work/data.txt") == kDeviceText && file_text(s, "/mem/big.bin") == kDeviceBig &&
+              create_with(s, "/mem/mirror-only.txt", kMirrorText) && file_text(s, "/mem/mirror-only.txt") == kMirrorText,
+          "the mirror holds what was written on the device; a file made in it");
 
-    {
-        Watch w;
-        w.cancel = true;
-        const std::int32_t result = watched_transfer(s, false, w);
-        check(w.cancel_result == 0, "cancelfs from the second thread during the data phase");
-        check(result == -1 && VK(session_error)(s) == -11, "the cancelled getfs: -1, error word -11");
-        const Info i = info_of(s);
-        check(i.phase() == 2 && i.progress() < 100, "session_info: stopped in the data phase, below 100");
-    }
+    Watch w;
+    w.cancel = true;
+    const std::int32_t result = watched_transfer(s, false, w);
+    const Info i = info_of(s);
+    check(w.cancel_result == 0 && result == -1 && VK(session_error)(s) == -11 && i.phase() == 2 && i.progress() < 100,
+          "cancelfs from a second thread: getfs -1, error -11, stopped in the data phase below 100");
     check(file_text(s, "/mem/work/data.txt") == kDeviceText && !file_exists(s, "/mem/mirror-only.txt"),
           "after the cancel, /mem is the device's again");
 
-    check(VK(protected_getfs)(s) == 0, "getfs after the cancel");
-    check(create_with(s, "/mem/work/new.txt", kMirrorText), "create and write /mem/work/new.txt in the mirror");
-    check(VK(protected_rename)(s, "/mem/work/data.txt", "/mem/renamed.txt") == 0, "rename in the mirror");
-    check(VK(protected_remove)(s, "/mem/work/a-long-name-that-fills-the-listing-pages-quickly-1") == 0, "remove in the mirror");
-    check(VK(protected_mkdir)(s, "/mem/made") == 0, "mkdir in the mirror");
+    check(VK(protected_getfs)(s) == 0 && create_with(s, "/mem/work/new.txt", kMirrorText) &&
+              VK(protected_rename)(s, "/mem/work/data.txt", "/mem/renamed.txt") == 0 &&
+              VK(protected_remove)(s, "/mem/work/a-long-name-that-fills-the-listing-pages-quickly-1") == 0 &&
+              VK(protected_mkdir)(s, "/mem/made") == 0,
+          "getfs after the cancel; create, rename, remove and mkdir in the mirror");
     watched_and_checked(s, true, "a second thread saw putfs's phases:");
 
     // A file only the old mirror has: the fresh copy from the device drops it.
-    check(create_with(s, "/mem/local-only.txt", kMirrorText), "a file made in the mirror after the put");
-    check(VK(protected_getfs)(s) == 0, "a fresh getfs");
-    check(!file_exists(s, "/mem/local-only.txt"), "the fresh copy came from the device");
+    check(create_with(s, "/mem/local-only.txt", kMirrorText) && VK(protected_getfs)(s) == 0 &&
+              !file_exists(s, "/mem/local-only.txt"),
+          "a fresh getfs comes from the device");
     check(file_text(s, "/mem/work/new.txt") == kMirrorText && file_text(s, "/mem/renamed.txt") == kDeviceText &&
               !file_exists(s, "/mem/work/data.txt") &&
               !file_exists(s, "/mem/work/a-long-name-that-fills-the-listing-pages-quickly-1") && file_exists(s, "/mem/made"),

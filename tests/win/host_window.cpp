@@ -4,7 +4,6 @@
 // and on a handle the host opened itself.
 #include "host_app.h"
 
-#include <cstdio>
 
 namespace host {
 
@@ -60,21 +59,14 @@ HWND make_window() {
 
 HWND window = nullptr;
 
-std::string counted(const char* what, int n) {
-    char line[160];
-    std::snprintf(line, sizeof line, "%s (%d)", what, n);
-    return line;
-}
-
 } // namespace
 
 void window_and_callback(modbus_vukra_session* s) {
     watched = s;
     window = make_window();
     if (!check(window != nullptr, "a message-only window (HWND_MESSAGE)")) return;
-    check(VK(session_hwnd)(s, window, kNotifyMessage) == 0, "session_hwnd");
-    check(VK(session_callback)(s, callback) == 0, "session_callback");
-
+    check(VK(session_hwnd)(s, window, kNotifyMessage) == 0 && VK(session_callback)(s, callback) == 0,
+          "session_hwnd, session_callback");
     pump(1500);
     check(notified == 0 && callbacks == 0, "no notification before the mount");
 
@@ -82,9 +74,9 @@ void window_and_callback(modbus_vukra_session* s) {
     check(VK(protected_mount)(s) == 0, "mount");
     // About one a second: over 3.5 s, between 2 and 6 of each.
     pump(3500);
-    check(notified >= 2 && notified <= 6, counted("the window's message loop got the message about once a second", notified));
-    check(callbacks >= 2 && callbacks <= 6, counted("the callback was called about once a second", callbacks));
-    check(notified_wrong == 0 && callbacks_wrong == 0, "every notification carried the session");
+    check(notified >= 2 && notified <= 6 && callbacks >= 2 && callbacks <= 6 && notified_wrong == 0 && callbacks_wrong == 0,
+          "about once a second, the window's message loop got the message and the callback was called, with the session (" +
+              std::to_string(notified) + ", " + std::to_string(callbacks.load()) + ")");
     check(callback_thread != 0 && callback_thread != GetCurrentThreadId(), "the callback runs on the timer thread");
 }
 
@@ -99,9 +91,9 @@ void close_and_reopen(modbus_vukra_session* s, const char* port_name) {
     // The same port by name again: the device kept what was written.
     modbus_vukra_session* again = VK(session_open)(port_name);
     std::int32_t energy = 0;
-    check(again != nullptr && VK(protected_readreg)(again, "energy", &energy, 4) == 4 && energy == -123456,
-          "open again by name: the device kept energy");
-    check(again != nullptr && VK(session_close)(again) == 0, "close again");
+    check(again != nullptr && VK(protected_readreg)(again, "energy", &energy, 4) == 4 && energy == -123456 &&
+              VK(session_close)(again) == 0,
+          "open again by name: the device kept energy; close again");
 
     // A handle the host opened; closing the session closes it.
     const std::string device = std::string("\\\\.\\") + port_name;
@@ -109,9 +101,9 @@ void close_and_reopen(modbus_vukra_session* s, const char* port_name) {
     if (!check(port != INVALID_HANDLE_VALUE, "CreateFileA on the port")) return;
     modbus_vukra_session* adopted = VK(session_open2)(port);
     float setpoint = 0;
-    check(adopted != nullptr && VK(protected_readreg)(adopted, "setpoint", &setpoint, 4) == 4 && setpoint == -7.25f,
-          "session_open2 on the host's handle reads registers");
-    check(adopted != nullptr && VK(session_close)(adopted) == 0, "close the session on the host's handle");
+    check(adopted != nullptr && VK(protected_readreg)(adopted, "setpoint", &setpoint, 4) == 4 && setpoint == -7.25f &&
+              VK(session_close)(adopted) == 0,
+          "session_open2 on the host's handle reads registers; close it");
     modbus_vukra_session* last = VK(session_open)(port_name);
     check(last != nullptr, "the port is free again after that close");
     if (last != nullptr) VK(session_close)(last);
