@@ -294,9 +294,7 @@ int put_file(const Remote& r, Progress& progress, const std::string& path, const
         // Best effort: the old file is untouched. A device that stopped
         // answering is not asked again (that would be one more time-out):
         // the partial copy stays under its temporary name, never the final one.
-        if (modbus_vukra_op_session_error(r.session) == remotefs::kNoReply)
-            fail("the partial copy is left on the device as " + temporary);
-        else
+        if (modbus_vukra_op_session_error(r.session) != remotefs::kNoReply)
             modbus_vukra_op_protected_remove(r.session, temporary.c_str());
         return status;
     }

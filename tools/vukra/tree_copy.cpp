@@ -40,6 +40,25 @@ fs::path local_name(const std::string& utf8_name) {
     return fs::path(std::u8string(utf8_name.begin(), utf8_name.end()));
 }
 
+// Whether inner lies within outer, both absolute with "/" between names.
+bool lies_inside(const std::string& outer, const std::string& inner) {
+    if (outer == "/" || inner.size() <= outer.size()) return false;
+    return inner.compare(0, outer.size(), outer) == 0 && inner[outer.size()] == '/';
+}
+
+std::string absolute_local(const std::string& local) {
+    std::error_code e;
+    const fs::path p = fs::absolute(fs::path(local), e).lexically_normal();
+    const std::u8string generic = p.generic_u8string();
+    std::string text = e ? local : std::string(generic.begin(), generic.end());
+    if (text.size() > 1 && text.back() == '/') text.pop_back();
+    return text;
+}
+
+int into_itself(const std::string& source, const std::string& destination) {
+    return fail("cannot copy " + source + " into " + destination + ": that lies inside it (a directory into itself)");
+}
+
 // A name the host's files cannot have: empty, or one Windows refuses
 // (its reserved characters, or bytes that are not UTF-8 and so have no
 // wide form).
@@ -138,10 +157,9 @@ int local_directory(const fs::path& path) {
 
 } // namespace
 
-// The device's tree and the host's are two trees, so neither copy can go
-// into itself: a host path is never the device's, even when its name is.
 int get_tree(Options& o, const std::string& user_remote, const std::string& local) {
     const std::string source = remote_path(user_remote);
+    if (lies_inside(source, absolute_local(local))) return into_itself(source, local);
     std::error_code e;
     if (fs::exists(local, e) && !fs::is_directory(local, e))
         return fail("cannot copy into " + local + ": it is not a directory");
@@ -179,6 +197,8 @@ int get_tree(Options& o, const std::string& user_remote, const std::string& loca
 
 int put_tree(Options& o, const std::string& local, const std::string& user_remote) {
     const std::string destination = remote_path(user_remote);
+    const std::string source = absolute_local(local);
+    if (lies_inside(source, destination)) return into_itself(local, destination);
     std::error_code e;
     if (!fs::exists(local, e)) return fail("no directory " + local);
     if (!fs::is_directory(local, e)) return fail(local + " is not a directory: fs put without -r copies a file");
