@@ -66,6 +66,7 @@ done
 [ $? = 1 ] && ok || ko "a refused mount point gives status 1"
 fails "--no-put without --mirror" "mirror" "$vukra" -p /dev/none mount --no-put mnt
 fails "--mirror outside /mem" "/mem" "$vukra" -p /dev/none mount --mirror --root /dev mnt
+for c in nan junk; do fails "--cache $c" "not a number of seconds" "$vukra" -p /dev/none mount --cache $c mnt; done
 "$vukra" mount --help | grep -q -- --cache && ok || ko "mount --help"
 
 start_pty_program sim.out "$sim" --table table.xml --image card.o 2>sim.err || exit 1
