@@ -105,6 +105,7 @@ errno_of "truncate to 5 bytes" "not supported" truncate -s 5 mnt/tree/moved
 errno_of "touch of a file" "not supported" touch mnt/tree/moved
 long=$(printf 'n%.0s' $(seq 250))
 errno_of "a path too long for the device" "too long" mkdir -p mnt/$long/$long/$long/$long
+errno_of "a name too long for the device" "too long" touch mnt/$long$long
 check "chmod to the mode shown" chmod 644 mnt/tree/moved
 rm -r mnt/$long
 unmount
