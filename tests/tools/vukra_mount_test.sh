@@ -66,6 +66,7 @@ done
 [ $? = 1 ] && ok || ko "a refused mount point gives status 1"
 fails "--no-put without --mirror" "mirror" "$vukra" -p /dev/none mount --no-put mnt
 fails "--mirror outside /mem" "/mem" "$vukra" -p /dev/none mount --mirror --root /dev mnt
+for c in nan junk; do fails "--cache $c" "not a number of seconds" "$vukra" -p /dev/none mount --cache $c mnt; done
 "$vukra" mount --help | grep -q -- --cache && ok || ko "mount --help"
 
 start_pty_program sim.out "$sim" --table table.xml --image card.o 2>sim.err || exit 1
@@ -104,6 +105,7 @@ errno_of "truncate to 5 bytes" "not supported" truncate -s 5 mnt/tree/moved
 errno_of "touch of a file" "not supported" touch mnt/tree/moved
 long=$(printf 'n%.0s' $(seq 250))
 errno_of "a path too long for the device" "too long" mkdir -p mnt/$long/$long/$long/$long
+errno_of "a name too long for the device" "too long" touch mnt/$long$long
 check "chmod to the mode shown" chmod 644 mnt/tree/moved
 rm -r mnt/$long
 unmount

@@ -291,7 +291,11 @@ int put_file(const Remote& r, Progress& progress, const std::string& path, const
     if (status == 0 && modbus_vukra_op_protected_rename(r.session, temporary.c_str(), path.c_str()) != 0)
         status = device_fail(r, "rename " + temporary + " to", path);
     if (status != 0) {
-        modbus_vukra_op_protected_remove(r.session, temporary.c_str()); // best effort: the old file is untouched
+        // Best effort: the old file is untouched. A device that stopped
+        // answering is not asked again (that would be one more time-out):
+        // the partial copy stays under its temporary name, never the final one.
+        if (modbus_vukra_op_session_error(r.session) != remotefs::kNoReply)
+            modbus_vukra_op_protected_remove(r.session, temporary.c_str());
         return status;
     }
     if (!look_up(r, path, a)) return device_fail(r, "look up", path);

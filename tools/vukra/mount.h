@@ -78,6 +78,7 @@ int errno_of(std::int32_t status, Doing doing = Doing::kOther);
 // The longest device path sent: both paths of a rename must fit in one
 // request (1968 bytes) beside its other fields.
 inline constexpr std::size_t kLongestPath = 960;
+inline constexpr std::size_t kLongestName = 255; // bytes of one name on the device
 
 // What the operations share, for the life of the mount.
 struct State {

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <dirent.h>
@@ -174,7 +175,17 @@ void add_mount_command(CLI::App& app, Options& options) {
     command->add_option("--cache", settings->cache_seconds,
                         "seconds that attributes and listings are reused (default 2; 0: ask the device every time); "
                         "what the mount changes itself is forgotten at once")
-        ->check(CLI::Range(0.0, 3600.0));
+        ->check(CLI::Validator(
+            [](std::string& text) -> std::string {
+                // Range alone lets "nan" through and words its message in floats.
+                char* end = nullptr;
+                const double seconds = std::strtod(text.c_str(), &end);
+                if (text.empty() || *end != '\0' || !(seconds >= 0 && seconds <= 3600))
+                    return text + " is not a number of seconds from 0 to 3600";
+                return {};
+            },
+            ""))
+        ->type_name("SECONDS");
     CLI::Option* mirror = command->add_flag(
         "--mirror", settings->mirror,
         "copy the whole card here first (fs getfs), serve that copy at local speed, and copy it back at the unmount "

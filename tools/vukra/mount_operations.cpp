@@ -30,10 +30,17 @@ namespace {
 State& state() { return *static_cast<State*>(fuse_get_context()->private_data); }
 
 // The device path of a path under the mount: 0, or -ENAMETOOLONG when the
-// device could not be sent it.
+// device could not be sent it or holds no name that long (it answers a name
+// of more than 255 bytes as missing, which would read as ENOENT).
 int to_device(const State& st, const char* path, std::string& out) {
     out = st.root == "/" ? std::string(path) : std::strcmp(path, "/") == 0 ? st.root : st.root + path;
-    return out.size() > kLongestPath ? -ENAMETOOLONG : 0;
+    if (out.size() > kLongestPath) return -ENAMETOOLONG;
+    for (const char* name = path; *name != '\0';) {
+        const std::size_t length = std::strcspn(name, "/");
+        if (length > kLongestName) return -ENAMETOOLONG;
+        name += length + (name[length] == '/');
+    }
+    return 0;
 }
 
 // The failure of the library call just made, as a FUSE result. A device

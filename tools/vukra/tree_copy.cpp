@@ -162,7 +162,7 @@ int get_tree(Options& o, const std::string& user_remote, const std::string& loca
     if (lies_inside(source, absolute_local(local))) return into_itself(source, local);
     std::error_code e;
     if (fs::exists(local, e) && !fs::is_directory(local, e))
-        return fail(local + " is not a directory: fs get without -r copies a file");
+        return fail("cannot copy into " + local + ": it is not a directory");
     data_stream(o);
     const Remote r(o);
     if (!r.ok()) return 1;
