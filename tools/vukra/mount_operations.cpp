@@ -71,6 +71,12 @@ int look(State& st, const std::string& path, modbus_vukra_attributes& a) {
     return 0;
 }
 
+// Looks up a path under the mount: its device path and attributes; 0 or -errno.
+int look(State& st, const char* path, std::string& device, modbus_vukra_attributes& a) {
+    if (const int refused = to_device(st, path, device)) return refused;
+    return look(st, device, a);
+}
+
 // Anything but a directory is shown as a regular file whose bytes are the
 // device's: a device node (the card's image at /dev/sdcard0, of the card's
 // size) or a fifo of the host's own kind would open one of the host's
@@ -137,9 +143,8 @@ void* on_init(fuse_conn_info* conn, fuse_config* cfg) {
 int on_getattr(const char* path, struct stat* out, fuse_file_info*) {
     State& st = state();
     std::string device;
-    if (const int refused = to_device(st, path, device)) return refused;
     modbus_vukra_attributes a;
-    if (const int result = look(st, device, a)) return result;
+    if (const int result = look(st, path, device, a)) return result;
     fill(st, a, *out);
     return 0;
 }
@@ -167,9 +172,8 @@ int on_readdir(const char* path, void* buffer, fuse_fill_dir_t filler, off_t, fu
 int on_open(const char* path, fuse_file_info* fi) {
     State& st = state();
     std::string device;
-    if (const int refused = to_device(st, path, device)) return refused;
     modbus_vukra_attributes a;
-    if (const int result = look(st, device, a)) return result;
+    if (const int result = look(st, path, device, a)) return result;
     if (is_directory(a)) return -EISDIR;
     fi->fh = st.next_file++;
     st.files[fi->fh] = device;
@@ -243,9 +247,8 @@ int on_write(const char* path, const char* buffer, std::size_t size, off_t offse
 int on_truncate(const char* path, off_t size, fuse_file_info*) {
     State& st = state();
     std::string device;
-    if (const int refused = to_device(st, path, device)) return refused;
     modbus_vukra_attributes a;
-    if (const int result = look(st, device, a)) return result;
+    if (const int result = look(st, path, device, a)) return result;
     if (is_directory(a)) return -EISDIR;
     if (size == static_cast<off_t>(a.words[kAttrSize])) return 0;
     if (size != 0 || !(a.words[kAttrKind] & kKindFile)) return -EOPNOTSUPP;
@@ -322,9 +325,8 @@ int on_fsync(const char*, int, fuse_file_info*) { return 0; }
 int on_chmod(const char* path, mode_t mode, fuse_file_info*) {
     State& st = state();
     std::string device;
-    if (const int refused = to_device(st, path, device)) return refused;
     modbus_vukra_attributes a;
-    if (const int result = look(st, device, a)) return result;
+    if (const int result = look(st, path, device, a)) return result;
     return (mode & 07777) == (mode_of(a) & 07777) ? 0 : -EPERM;
 }
 
