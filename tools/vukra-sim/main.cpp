@@ -78,8 +78,8 @@ Options parse(int argc, char** argv) {
                    "serve on TCP at HOST:PORT instead of a pseudo-terminal, as a device behind a serial device\n"
                    "server does (IPv6 in brackets, * for every address; port 0 takes a free one); the first\n"
                    "line of standard output is then tcp://HOST:PORT (tcp://localhost:PORT for *). One client\n"
-                   "at a time: a second connection waits, accepted by the\n"
-                   "system but not served, until the first one closes")
+                   "at a time: a second connection waits, accepted by the system but not served, until the\n"
+                   "first one closes")
         ->excludes(port_option);
     app.add_option("--baud", baud, "send replies at the pace of N baud, 8N1 (default: unpaced)")->check(sim::not_empty);
     app.add_option("--corrupt", corrupt, "change one random byte of a reply with probability P (0 to 1)")->check(sim::not_empty);
