@@ -47,6 +47,8 @@ has "poll, counted" '"serial_number":\{"value":123456' "$vukra" -q -p "$d1" poll
 for port in tcp://127.0.0.1 tcp://no-such-host.invalid:4001 "tcp://127.0.0.1:$(free_port)"; do
   fails "open $port" "cannot open a session on $port: " "$vukra" -q -p "$port" reg read setpoint
 done
+for n in 0 -1; do fails "--count $n" 'rounds from 1 up' timeout 5 "$vukra" -q -p "$d1" poll setpoint --count=$n; done
+fails "an unclosed bracket" 'IPv6 address goes in brackets' "$vukra" -q -p "$d1" poll setpoint --mqtt 'mqtt://[::1/q'
 
 # --- a real ser2net between vukra and the sim's pseudo-terminal ---
 start_pty_program pty.out "$sim" --table table.xml --image card.img

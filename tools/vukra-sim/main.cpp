@@ -76,9 +76,10 @@ Options parse(int argc, char** argv) {
     auto* port_option = app.add_option("--port", o.port, "use this serial device instead of a pseudo-terminal");
     app.add_option("--listen", o.listen,
                    "serve on TCP at HOST:PORT instead of a pseudo-terminal, as a device behind a serial device\n"
-                   "server does (IPv6 in brackets; port 0 takes a free one); the first line of standard output\n"
-                   "is then tcp://HOST:PORT. One client at a time: a second connection waits, accepted by the\n"
-                   "system but not served, until the first one closes")
+                   "server does (IPv6 in brackets, * for every address; port 0 takes a free one); the first\n"
+                   "line of standard output is then tcp://HOST:PORT (tcp://localhost:PORT for *). One client\n"
+                   "at a time: a second connection waits, accepted by the system but not served, until the\n"
+                   "first one closes")
         ->excludes(port_option);
     app.add_option("--baud", baud, "send replies at the pace of N baud, 8N1 (default: unpaced)")->check(sim::not_empty);
     app.add_option("--corrupt", corrupt, "change one random byte of a reply with probability P (0 to 1)")->check(sim::not_empty);
@@ -266,8 +267,11 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "vukra-sim: cannot listen on %s: %s\n", options.listen.c_str(), why);
             return 1;
         }
+        // "*" listens on every address; the name printed is then the one
+        // that reaches it from this host.
+        const bool every = std::strcmp(address.host, "*") == 0;
         const bool v6 = std::strchr(address.host, ':') != nullptr;
-        path = std::string("tcp://") + (v6 ? "[" : "") + address.host + (v6 ? "]" : "") + ":" +
+        path = std::string("tcp://") + (v6 ? "[" : "") + (every ? "localhost" : address.host) + (v6 ? "]" : "") + ":" +
                std::to_string(platform::tcp_local_port(device.listener));
         port = link::tcp_adopt(platform::kInvalidPort, 60000); // no client yet
     } else if (options.port.empty()) {

@@ -51,8 +51,13 @@ std::string parse_url(const std::string& url, Mqtt& m, bool& tls) {
                "VUKRA_MQTT_PASSWORD or --mqtt-credentials FILE";
     if (m.prefix.find_first_of("+#") != std::string::npos || m.prefix.empty())
         return "the topic prefix \"" + m.prefix + "\" may not hold + or #";
+    // An IPv6 address is in brackets: the port's colon is the one after ']'.
+    const std::size_t close = authority.find(']');
+    if (!authority.empty() && authority.front() == '[' &&
+        (close == std::string::npos || (close + 1 < authority.size() && authority[close + 1] != ':')))
+        return "\"" + url + "\" is not an MQTT URL: an IPv6 address goes in brackets, as in mqtt://[::1]:1883/PREFIX";
     std::size_t colon = authority.rfind(':');
-    if (colon != std::string::npos && authority.find(']', colon) == std::string::npos) {
+    if (colon != std::string::npos && (close == std::string::npos || colon > close)) {
         const std::string digits = authority.substr(colon + 1);
         if (digits.empty() || digits.size() > 5 || digits.find_first_not_of("0123456789") != std::string::npos ||
             std::atoi(digits.c_str()) < 1 || std::atoi(digits.c_str()) > 65535)
@@ -75,6 +80,9 @@ std::string credentials(const MqttSettings& settings, std::string& user, std::st
         if (!file) return "cannot read the credentials file " + settings.credentials_file;
         std::getline(file, user);
         std::getline(file, password);
+        // A file written on Windows ends its lines with CR LF.
+        for (std::string* line : {&user, &password})
+            if (!line->empty() && line->back() == '\r') line->pop_back();
         if (user.empty()) return "the credentials file " + settings.credentials_file + " has no user name on its first line";
         return "";
     }

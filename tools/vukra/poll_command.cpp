@@ -137,7 +137,16 @@ void add_poll_command(CLI::App& app, Options& options) {
                 "with --mqtt also publish them to a broker");
     command->add_option("NAME", po->names, "register names")->required();
     command->add_option("--every", po->every, "seconds between rounds (default 1; decimals allowed)");
-    command->add_option("--count", po->count, "stop after N rounds (status 1 if a read failed)");
+    // Without --count the poll runs until Ctrl-C; 0 or a negative count is a
+    // usage error rather than a poll that never ends.
+    command->add_option("--count", po->count, "stop after N rounds (status 1 if a read failed)")
+        ->check(CLI::Validator(
+            [](std::string& text) {
+                const bool digits = text.find_first_not_of("0123456789") == std::string::npos;
+                if (digits && text.find_first_not_of('0') != std::string::npos) return std::string();
+                return "is a number of rounds from 1 up, not \"" + text + "\"";
+            },
+            "N>=1"));
     command->add_option("--format", po->format, "text, csv or json (one object a line)");
     command->add_option("--mqtt", po->mqtt,
                         "publish to mqtt://HOST:PORT/PREFIX (mqtts:// for TLS): retained JSON at PREFIX/NAME, "
