@@ -53,6 +53,8 @@ fails "reg write without a value" "" "$vukra" -p "$port" reg write offset_trim
 fails "reg read without a port" "" "$vukra" reg read setpoint
 fails "-p without its value" "" "$vukra" reg read setpoint -p
 fails "reg list of two tables" "" "$vukra" reg list process status
+fails "poll --every 0" "is a number of seconds above 0" "$vukra" -p "$port" poll setpoint --every 0
+fails "reg read --format xml" 'is text, csv or json, not "xml"' "$vukra" -p "$port" reg read setpoint --format xml
 fails "reg list of a missing table file" "" "$vukra" --table none.xml reg list
 fails "vukra-sim --baud abc" "" "$sim" --table table.xml --baud abc
 fails "vukra-sim --baud -5" "" "$sim" --table table.xml --baud -5

@@ -21,6 +21,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <memory>
 #include <thread>
 
@@ -136,7 +137,15 @@ void add_poll_command(CLI::App& app, Options& options) {
         "poll", "read registers once a period and write one line a round (with a UTC time) until Ctrl-C or --count; "
                 "with --mqtt also publish them to a broker");
     command->add_option("NAME", po->names, "register names")->required();
-    command->add_option("--every", po->every, "seconds between rounds (default 1; decimals allowed)");
+    command->add_option("--every", po->every, "seconds between rounds (default 1; decimals allowed)")
+        ->check(CLI::Validator(
+            [](std::string& text) {
+                char* end = nullptr;
+                const double seconds = std::strtod(text.c_str(), &end);
+                if (!text.empty() && *end == '\0' && seconds > 0 && seconds <= 86400) return std::string();
+                return "is a number of seconds above 0, at most 86400, not \"" + text + "\"";
+            },
+            "SECONDS"));
     // Without --count the poll runs until Ctrl-C; 0 or a negative count is a
     // usage error rather than a poll that never ends.
     command->add_option("--count", po->count, "stop after N rounds (status 1 if a read failed)")
@@ -147,7 +156,7 @@ void add_poll_command(CLI::App& app, Options& options) {
                 return "is a number of rounds from 1 up, not \"" + text + "\"";
             },
             "N>=1"));
-    command->add_option("--format", po->format, "text, csv or json (one object a line)");
+    command->add_option("--format", po->format, "text, csv or json (one object a line)")->check(format_check());
     command->add_option("--mqtt", po->mqtt,
                         "publish to mqtt://HOST:PORT/PREFIX (mqtts:// for TLS): retained JSON at PREFIX/NAME, "
                         "writes from PREFIX/NAME/set, refusals at PREFIX/NAME/error, PREFIX/status online/offline");

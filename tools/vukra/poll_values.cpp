@@ -64,6 +64,15 @@ bool parse_format(const std::string& word, Format& format) {
     return true;
 }
 
+CLI::Validator format_check() {
+    return CLI::Validator(
+        [](std::string& text) {
+            Format format;
+            return parse_format(text, format) ? std::string() : "is text, csv or json, not \"" + text + "\"";
+        },
+        "text|csv|json");
+}
+
 std::string look_up(Polled& p, bool writing) {
     if (!table::find_register(p.reg, p.type, p.name.c_str()))
         return "no register " + p.name + " in " + table::file_name();

@@ -26,6 +26,10 @@ enum class Format { kText, kCsv, kJson };
 // "text", "csv" or "json"; false for anything else.
 bool parse_format(const std::string& word, Format& format);
 
+// The --format option's check: anything else is a usage error, told before
+// the command runs.
+CLI::Validator format_check();
+
 // A register to read, looked up in the loaded table.
 struct Polled {
     std::string name;

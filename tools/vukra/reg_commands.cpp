@@ -146,7 +146,8 @@ void add_reg_commands(CLI::App& app, Options& options) {
 
     CLI::App* read_cmd = reg->add_subcommand("read", "read registers and show their values, one \"NAME = VALUE\" a line");
     read_cmd->add_option("NAME", words->names, "register names")->required();
-    read_cmd->add_option("--format", words->format, "text (NAME = VALUE lines), csv or json, as one round of poll");
+    read_cmd->add_option("--format", words->format, "text (NAME = VALUE lines), csv or json, as one round of poll")
+        ->check(format_check());
     choose(read_cmd, options, [&options, words] {
         Format format;
         if (!parse_format(words->format, format))
