@@ -1,7 +1,7 @@
 // getfs and putfs against vukra-sim and a fake device whose lookup does not
-// tell the card's size: cancel, a vanishing device, refusals, a device card
-// that ends early, routing after a "/mem" lookup, a damaged volume under
-// "/mem". Host threads beside the timer: test_stress.
+// tell the card's size: cancel, refusals, a device card that ends early,
+// routing after a "/mem" lookup. A vanishing device: test_line_faults;
+// damaged volumes: the ufs image fuzzer; host threads: test_stress.
 #include "kernel/vfs.h"
 #include "modbus_vukra.h"
 #include "remotefs/image_transfer.h"
@@ -161,7 +161,9 @@ TEST_F(ImageTransfer, PutSendsWhatChangedUnderMemBack) {
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(modbus_vukra_op_protected_putfs(s), -1) << "no mirror yet";
     ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
-    ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
+    // Each get lets go of the "/mem" the one before mounted, or the kernel's
+    // mount slots would run out.
+    for (int i = 0; i <= kernel::kMountSlots; ++i) ASSERT_EQ(getfs(s), 0) << i << ": " << modbus_vukra_op_session_error(s);
     EXPECT_EQ(transfer_of(s), (std::vector<std::int32_t>{1, 4, 100})) << "done";
     ASSERT_EQ(modbus_vukra_op_protected_create(s, "/mem/new.txt"), 0);
     const std::string text = "written under /mem\n";
@@ -230,19 +232,6 @@ TEST_F(ImageTransfer, CancelDuringTheDataPhaseStopsAtAGroupBoundary) {
     EXPECT_EQ(modbus_vukra_op_protected_null(s), 0);
     ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
     EXPECT_TRUE(mem_mounted_locally());
-    close(s);
-}
-
-TEST_F(ImageTransfer, DeviceThatVanishesFailsWithinTheTimeOut) {
-    make_card(100000);
-    test::SimProcess sim(serving({"--drop-after", "30"}));
-    modbus_vukra_session* s = open_mounted(sim.port());
-    ASSERT_NE(s, nullptr);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(getfs(s), -1);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(6000)) << "one time-out, not one per request";
-    EXPECT_EQ(modbus_vukra_op_session_error(s), 513);
-    EXPECT_EQ(s->mirror_enabled, 0);
     close(s);
 }
 
@@ -338,63 +327,6 @@ TEST_F(ImageTransfer, DeviceCardEndingInsideItsLastUsedGroup) {
     const std::string after = test::read_file("sdcard0.o");
     EXPECT_EQ(after.compare(0, l.data_start(), empty_map, 0, l.data_start()), 0);
     EXPECT_GE(after.find_first_not_of('\0', l.data_start()), groups_end) << "every group zeroed";
-}
-
-// A volume whose header passes the transfer's checks but whose map or
-// metadata are garbage: the mount, listings and reads under "/mem" fail
-// or give what they find, within bounds, and the session goes on. No
-// unmount between Sessions: each get lets go of the "/mem" that the one
-// before left mounted (the kernel outlives Sessions), or the mounts would
-// pile up until the kernel had no slot left.
-TEST_F(ImageTransfer, DamagedVolumeUnderMemGivesErrorsNotCrashes) {
-    make_card(30000);
-    ASSERT_EQ(on_card("mkdir /d"), 0);
-    ASSERT_EQ(on_card("put hello.txt /d/inner"), 0);
-    const std::string good = test::read_file(card);
-    const Layout l = layout_of(good);
-    const std::size_t metadata_at = l.map_start + l.map_size;
-    struct Damage {
-        std::size_t at, size;
-        unsigned seed; // 0: bytes of 0xFF
-    };
-    const Damage damages[] = {
-        {metadata_at, l.metadata_size, 5},                           // metadata in random bytes
-        {metadata_at, l.metadata_size, 0},                           // metadata in 0xFF
-        {metadata_at + l.metadata_size / 2, l.metadata_size / 2, 6}, // its second half in random bytes
-        {l.map_start, l.map_size, 7},                                // map in random bytes
-    };
-    int mounted = 0;
-    for (int i = 0; i < 4 + kernel::kMountSlots; ++i) {
-        SCOPED_TRACE(i);
-        const Damage d = i < 4 ? damages[i] : Damage{0, 0, 1}; // then whole volumes
-        std::string image = good;
-        image.replace(d.at, d.size, d.seed == 0 ? std::string(d.size, '\xFF') : random_bytes(d.size, d.seed));
-        test::FakeCardDevice device(image);
-        modbus_vukra_session* s = open_mounted(device.port());
-        ASSERT_NE(s, nullptr);
-        const std::int32_t result = getfs(s);
-        EXPECT_TRUE(result == 0 || i < 4) << modbus_vukra_op_session_error(s);
-        mounted += result == 0 && i < 4 ? 1 : 0;
-        EXPECT_EQ(s->mirror_enabled, result == 0 ? 3 : 0) << "a failed get leaves no mirror";
-        const std::string paths[] = {"/mem", "/mem/d", "/mem/hello", "/mem/big", "/mem/d/inner"};
-        for (const std::string& path : paths) {
-            const bool directory = &path < paths + 2;
-            if (result != 0 || modbus_vukra_op_protected_lookup(s, path.c_str(), nullptr) != 0) continue;
-            char buffer[1024];
-            for (int piece = 0; piece < 64; ++piece) {
-                modbus_vukra_dir_entry* first = nullptr;
-                const std::int32_t n = directory ? modbus_vukra_op_protected_readdir(s, &first)
-                                                 : modbus_vukra_op_protected_read(s, buffer, sizeof buffer);
-                EXPECT_LE(test::take_names(first).size(), 256u);
-                EXPECT_LE(n, 1024);
-                if (directory ? n != 0 : n <= 0) break;
-            }
-        }
-        EXPECT_EQ(modbus_vukra_op_protected_null(s), 0) << "the session still works";
-        close(s);
-    }
-    EXPECT_GT(mounted, 0) << "some damage reached the mounted volume";
-    EXPECT_TRUE(mem_mounted_locally());
 }
 
 } // namespace

@@ -296,13 +296,6 @@ TEST_F(RemoteFsTest, NullGoesToTheDeviceEvenWhenTheMirrorIsSelected) {
     EXPECT_TRUE(line_quiet());
 }
 
-TEST_F(RemoteFsTest, ASilentDeviceGives513) {
-    s->port->timeout_ms = 200;
-    EXPECT_EQ(modbus_vukra_op_protected_null(s), -1);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), 513);
-    EXPECT_FALSE(receive_packet(pty.master, 100).empty()) << "the request went out";
-}
-
 TEST_F(RemoteFsTest, AReplyLengthBeyondWhatCameIsNotBelieved) {
     {
         ScriptedDevice device(pty, test::frame(0, Wire{}.item(0).bytes, 1900));

@@ -1,5 +1,5 @@
 // ufs volumes on the SD card: making, mounting, files across the block
-// map's boundaries, and what survives the process.
+// map's boundaries, directories and listings.
 #include "kernel/kernel_errors.h"
 #include "kernel/kernel_start.h"
 #include "kernel/vfs.h"
@@ -10,8 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <cstdlib>
-#include <filesystem>
 #include <random>
 #include <set>
 
@@ -222,25 +220,6 @@ TEST_F(Ufs, ListingsResumeFromToldPositions) {
     std::set<std::string> after = made;
     for (const std::string& n : first) after.erase(n);
     EXPECT_EQ(rest, after) << "what lay after the position is listed, and nothing before it";
-}
-
-// A file written by one process is read by the next: the test runs itself
-// again with a marker in the environment.
-TEST_F(Ufs, WhatIsWrittenSurvivesTheProcess) {
-    if (const char* first_dir = std::getenv("VUKRA_UFS_SECOND_PROCESS")) {
-        std::filesystem::current_path(first_dir); // where the first process left its image
-        ASSERT_EQ(kernel::mount(kUfsx, "/dev/sdcard0", "/mem"), 0);
-        EXPECT_EQ(test::get_file("/mem/kept/across"), "still here");
-        std::exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    make(16, 500, 64);
-    ASSERT_EQ(kernel::mkdir("/mem/kept"), 0);
-    ASSERT_TRUE(test::put_file("/mem/kept/across", "still here"));
-    ASSERT_EQ(kernel::umount("/mem"), 0);
-    const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-    const std::string command = "VUKRA_UFS_SECOND_PROCESS=" + dir.path().string() + " " + self +
-                                " --gtest_filter=Ufs.WhatIsWrittenSurvivesTheProcess > /dev/null 2>&1";
-    EXPECT_EQ(std::system(command.c_str()), 0);
 }
 
 } // namespace
