@@ -194,22 +194,6 @@ TEST_F(CodegenTest, ATableThatWouldNotCompileIsRefusedWithItsProblems) {
                                         "table \"t\", register \"9lives\": its name is not a C identifier"}));
 }
 
-TEST_F(CodegenTest, RegisterMapShowsEveryRegisterWithItsRowColour) {
-    ASSERT_EQ(codegen::write_register_map("map.html"), 0);
-    std::string page = read_file("map.html");
-    EXPECT_EQ(page.find("<html>\n<head>\n"), 0u);
-    EXPECT_TRUE(contains(page, "<TR bgcolor=\"#FFFF00\"><TD><b>process</TD><TD><b>0x0100</TD><TD></TD><TD></TD>"
-                               "<TD></TD><TD></TD></TR\n"));
-    EXPECT_TRUE(contains(page, "<TR bgcolor=\"#A060FF\">\n<a name=\"setpoint\"><TD>0x0000</TD><TD>setpoint</TD>"
-                               "<TD>Temperature setpoint in degrees</TD><TD>RW</TD><TD>real</TD><TD>2</TD></TR>\n"));
-    EXPECT_TRUE(contains(page, "<TR bgcolor=\"#8040FF\">\n<a name=\"offset_trim\">"));
-    EXPECT_TRUE(contains(page, "<TR bgcolor=\"#A060FF\">\n<a name=\"temperature\">"))
-        << "each table starts its rows again";
-    EXPECT_TRUE(contains(page, "<TD>W</TD><TD>int16</TD>"));
-    EXPECT_TRUE(page.ends_with("</TR>\n</table>\n</body>\n</html>\n"));
-    EXPECT_EQ(codegen::write_register_map("no/such/dir/map.html"), 0);
-}
-
 TEST_F(CodegenTest, LivePageReadsOneRegisterAndShowsTheOthersFromTheirCache) {
     int reads = 0;
     codegen::ReadRegister read = [&](const table::RegisterRecord& reg, const table::TypeRecord&, void* value) {

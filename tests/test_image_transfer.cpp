@@ -1,7 +1,7 @@
 // getfs and putfs against vukra-sim and a fake device whose lookup does not
-// tell the card's size: cancel, refusals, a device card that ends early,
-// routing after a "/mem" lookup. A vanishing device: test_line_faults;
-// damaged volumes: the ufs image fuzzer; host threads: test_stress.
+// tell the card's size: cancel, refusals, routing after a "/mem" lookup. A
+// vanishing device: test_line_faults; damaged volumes: the ufs image fuzzer;
+// host threads: test_stress.
 #include "kernel/vfs.h"
 #include "modbus_vukra.h"
 #include "remotefs/image_transfer.h"
@@ -64,15 +64,6 @@ std::vector<std::int32_t> transfer_of(modbus_vukra_session* s) {
 bool mem_mounted_locally() {
     kernel::NodeStatus status{};
     return kernel::stat("/mem/hello", status) == 0;
-}
-
-// A point in the middle of the image's last used group, off the 1024-byte
-// pieces of the copy.
-std::size_t cut_in_last_used_group(const std::string& image) {
-    const Layout l = layout_of(image);
-    std::uint32_t last = l.groups - 1;
-    while (last > 0 && image[l.map_start + last] == 0) --last;
-    return l.data_start() + static_cast<std::size_t>(last) * l.chunk() + l.chunk() / 2 + 100;
 }
 
 // A "ufs 1.5" header: block size, then the map size, group count and
@@ -272,61 +263,6 @@ TEST_F(ImageTransfer, RefusalsLeaveTheirErrorWords) {
         EXPECT_EQ(modbus_vukra_op_protected_null(s), 0) << "the session still works";
         close(s);
     }
-}
-
-// A device card that ends inside its last used group. A put onto it stops
-// where the device's replies say: at the device's own status, or -13 when
-// a write moves no byte; nothing lands past the card's end, and the
-// signature is not rewritten. A get from it ends that group's copy where
-// the card does, zeros follow on the local card, and the volume mounts
-// with the files before the cut. Last, a map that marks nothing used
-// reads nothing of the data groups and zeros them all.
-TEST_F(ImageTransfer, DeviceCardEndingInsideItsLastUsedGroup) {
-    make_card();
-    const std::string full = test::read_file(card);
-    const Layout l = layout_of(full);
-    const std::size_t cut = cut_in_last_used_group(full);
-    const std::size_t groups_end = std::min<std::size_t>(l.data_start() + std::size_t{l.groups} * l.chunk(), 0x800000);
-    for (const std::int32_t refusal : {0, -29}) {
-        SCOPED_TRACE(refusal);
-        test::FakeCardDevice device(full); // the whole card first: the local groups are not zeros
-        modbus_vukra_session* s = got(device);
-        ASSERT_NE(s, nullptr);
-        device.cut(cut, refusal);
-        EXPECT_EQ(modbus_vukra_op_protected_putfs(s), -1);
-        EXPECT_EQ(modbus_vukra_op_session_error(s), refusal != 0 ? refusal : remotefs::kTransferStalled);
-        EXPECT_EQ(transfer_of(s)[1], 2) << "stopped in the data groups";
-        EXPECT_TRUE(device.card() == full.substr(0, cut)) << "what fits, as the local card has it";
-        close(s);
-    }
-    {
-        test::FakeCardDevice device(full.substr(0, cut));
-        modbus_vukra_session* s = got(device);
-        ASSERT_NE(s, nullptr);
-        ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/hello", nullptr), 0);
-        EXPECT_EQ(read_all(s), "hello from the card\n");
-        close(s);
-        const std::string local = test::read_file("sdcard0.o");
-        const std::size_t last_at = cut - l.chunk() / 2 - 100;
-        EXPECT_EQ(local.compare(last_at, cut - last_at, full, last_at, cut - last_at), 0) << "up to the cut";
-        EXPECT_GE(local.find_first_not_of('\0', cut), groups_end) << "zeros from the cut on";
-    }
-    std::string empty_map = full;
-    std::fill(empty_map.begin() + l.map_start, empty_map.begin() + l.map_start + l.map_size, '\0');
-    test::FakeCardDevice device(empty_map);
-    modbus_vukra_session* s = open_mounted(device.port());
-    ASSERT_NE(s, nullptr);
-    getfs(s); // a volume without its groups may not mount; the copy is what counts here
-    EXPECT_EQ(transfer_of(s), (std::vector<std::int32_t>{1, 4, 100}));
-    // signature, block size, fields, the fields again from the device in
-    // one request, the map and metadata in pieces of 1024 at most, the
-    // signature again: nothing of the data groups.
-    const int pieces = static_cast<int>((l.map_size + 1023) / 1024 + (l.metadata_size + 1023) / 1024);
-    EXPECT_EQ(device.requests(remotefs::kOpRead), 5 + pieces);
-    close(s);
-    const std::string after = test::read_file("sdcard0.o");
-    EXPECT_EQ(after.compare(0, l.data_start(), empty_map, 0, l.data_start()), 0);
-    EXPECT_GE(after.find_first_not_of('\0', l.data_start()), groups_end) << "every group zeroed";
 }
 
 } // namespace

@@ -260,13 +260,6 @@ TEST_F(RemoteFsTest, MemPathsGoToTheMirrorAndOthersToTheDevice) {
     EXPECT_EQ(s->file_descriptor, 1);
 }
 
-TEST_F(RemoteFsTest, BeforeTheMirrorEveryPathGoesToTheDevice) {
-    ScriptedDevice device(pty, test::frame(8, Wire{}.item(0).bytes));
-    EXPECT_EQ(modbus_vukra_op_protected_remove(s, "/mem/x"), 0);
-    EXPECT_EQ(device.seen()[1], 8);
-    EXPECT_EQ(s->mirror_selected, 0);
-}
-
 TEST_F(RemoteFsTest, FsstatStatusStaysWithTheSessionThatCarriedIt) {
     modbus_vukra_session* mirror = modbus_vukra_op_session_open(nullptr);
     ASSERT_NE(mirror, nullptr);
@@ -294,21 +287,6 @@ TEST_F(RemoteFsTest, NullGoesToTheDeviceEvenWhenTheMirrorIsSelected) {
     s->file_descriptor = 1;
     EXPECT_EQ(modbus_vukra_op_protected_read(s, nullptr, 1), -1) << "other codes are served locally";
     EXPECT_TRUE(line_quiet());
-}
-
-TEST_F(RemoteFsTest, AReplyLengthBeyondWhatCameIsNotBelieved) {
-    {
-        ScriptedDevice device(pty, test::frame(0, Wire{}.item(0).bytes, 1900));
-        EXPECT_EQ(modbus_vukra_op_protected_null(s), 0);
-        device.seen();
-    }
-    s->error = 42;
-    {
-        ScriptedDevice device(pty, Bytes{1, 0, 0, 0, 4}); // a cut header
-        EXPECT_EQ(modbus_vukra_op_protected_null(s), -1);
-        device.seen();
-        EXPECT_EQ(modbus_vukra_op_session_error(s), 42) << "an undecodable reply leaves the error word";
-    }
 }
 
 TEST_F(RemoteFsTest, AnEmptyRequestIsJustTheHeader) {

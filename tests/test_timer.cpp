@@ -32,12 +32,6 @@ void counting_routine() {
     ++expiries;
 }
 
-void stopping_routine() {
-    ++expiries;
-    platform::timer_stop(platform::timer_current()); // from its own thread
-    routine_done = true;
-}
-
 void slow_routine() {
     sleep_ms(300);
     ++expiries;
@@ -91,18 +85,6 @@ TEST(Timer, StopWaitsForARoutineInProgress) {
     sleep_ms(100); // the routine is sleeping now
     stop_timer(t);
     EXPECT_TRUE(routine_done.load()) << "the routine ran to its end before the stop returned";
-    EXPECT_EQ(expiries.load(), 1);
-}
-
-TEST(Timer, RoutineStopsItsOwnTimer) {
-    platform::Timer* t = platform::timer_start(stopping_routine, nullptr, 50);
-    ASSERT_NE(t, nullptr);
-    testing::internal::CaptureStdout();
-    platform::timer_arm(t);
-    for (int i = 0; i < 100 && !routine_done.load(); ++i) sleep_ms(10);
-    sleep_ms(100); // the thread ends on its own and frees the block
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "timer thread exit\r\n");
-    EXPECT_TRUE(routine_done.load()) << "the stop returned at once on the timer's own thread";
     EXPECT_EQ(expiries.load(), 1);
 }
 

@@ -149,33 +149,6 @@ TEST_F(Ufs, TruncateKeepsTheHeadAndZeroesWhatComesBack) {
     EXPECT_EQ(back[100], 'z');
 }
 
-TEST_F(Ufs, DirectoriesNameRemoveAndRename) {
-    make(32, 500, 64);
-    ASSERT_EQ(kernel::mkdir("/mem/a"), 0);
-    ASSERT_EQ(kernel::mkdir("/mem/a/b"), 0);
-    ASSERT_TRUE(test::put_file("/mem/a/b/c.txt", "see"));
-    EXPECT_EQ(kernel::mkdir("/mem/a"), -1);
-    EXPECT_EQ(kernel_error(), kErrExists);
-    EXPECT_EQ(test::list_dir("/mem/a"), std::vector<std::string>{"b"});
-    EXPECT_EQ(kernel::remove("/mem/a/b"), -1) << "not empty";
-    ASSERT_EQ(kernel::rename("/mem/a/b/c.txt", "/mem/a/moved.txt"), 0);
-    ASSERT_EQ(kernel::rename("/mem/a/moved.txt", "/mem/a/renamed.txt"), 0);
-    EXPECT_EQ(test::get_file("/mem/a/renamed.txt"), "see");
-    EXPECT_EQ(kernel::remove("/mem/a/b"), 0);
-    EXPECT_EQ(test::list_dir("/mem/a"), std::vector<std::string>{"renamed.txt"});
-    // Path rules: repeated and trailing "/", ".", "..", and ".." that stays at the volume's root.
-    EXPECT_EQ(test::get_file("//mem/./a//renamed.txt"), "see");
-    EXPECT_EQ(test::get_file("/mem/a/../a/renamed.txt"), "see");
-    EXPECT_EQ(test::names_in("/mem/"), (std::set<std::string>{"a"}));
-    EXPECT_EQ(test::names_in("/mem/.."), test::names_in("/mem"));
-    EXPECT_EQ(test::names_in("/mem/a/../../.."), test::names_in("/mem"));
-    NodeStatus card{};
-    EXPECT_EQ(kernel::stat("/mem/../dev/sdcard0", card), -1) << "the host's devices are not reached from a volume";
-    EXPECT_EQ(kernel::stat("/mem//../../bin/init", card), -1);
-    EXPECT_EQ(kernel::mkdir("/mem/../d"), 0);
-    EXPECT_EQ(test::names_in("/mem"), (std::set<std::string>{"a", "d"})) << "made inside the volume";
-}
-
 // Pages of a listing, each from a told position on a fresh open, as a
 // server without state lists; positions told before a change still lead
 // to real entries.

@@ -135,24 +135,6 @@ TEST_F(Vfs, ADescriptorLinkOpensTheLinkedDescriptorAgain) {
     kernel::close(fd);
 }
 
-TEST_F(Vfs, DotDotStaysAtTheRootOfEveryFilesystem) {
-    EXPECT_EQ(test::names_in("/.."), test::names_in("/"));
-    EXPECT_EQ(test::get_file("/../bin/../../bin/init").size(), 8u);
-    UfsMakeArgument make{16, 100, 32, 0x20000};
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(kernel::mkfs(kUfs, "/dev/hd/hdc", &make), 0);
-    testing::internal::GetCapturedStdout();
-    ASSERT_EQ(kernel::mount(kUfs, "/dev/hd/hdc", "/mnt"), 0);
-    ASSERT_TRUE(test::put_file("/mnt/../../init", "inside"));
-    EXPECT_EQ(test::names_in("/mnt"), (std::set<std::string>{"init"}));
-    EXPECT_EQ(test::get_file("/bin/init").size(), 8u) << "the root's file is untouched";
-    NodeStatus s{};
-    EXPECT_EQ(kernel::stat("/mnt/../dev/null", s), -1);
-    EXPECT_EQ(kernel::remove("/mnt/../bin/init"), -1);
-    ASSERT_EQ(kernel::mkdir("/mnt/a"), 0);
-    EXPECT_EQ(test::get_file("/mnt/a/../init"), "inside") << "below a volume's root \"..\" goes up";
-}
-
 // The same rules of rename on the root filesystem (under "/var") and on a
 // ufs volume ("/mem").
 struct Rename : Vfs, ::testing::WithParamInterface<const char*> {
