@@ -243,10 +243,4 @@ TEST_F(LocalServer, HandlesNotOpenAreRefused) {
     EXPECT_EQ(read_status(file.handle), kServerNotOpen);
 }
 
-TEST_F(LocalServer, RefusedCodesAndNull) {
-    std::uint8_t out[kPayloadCapacity], none[1] = {};
-    for (std::uint8_t code : {3, 14, 16, 255}) EXPECT_EQ(local_serve(code, out, none, 0), -1) << int(code);
-    EXPECT_EQ(ask<StatusReply>(kOpNull, NullRequest{12345}).status, 0);
-}
-
 } // namespace

@@ -47,31 +47,11 @@ TEST_F(Vfs, CreateExclusiveAndTheOpenFlags) {
     EXPECT_EQ(kernel_error(), kErrNoNode);
 }
 
-TEST_F(Vfs, MountsNeedADeviceAndThereAreSix) {
-    EXPECT_EQ(kernel::mount(kUfs, "/bin/init", "/mnt"), -1);
-    EXPECT_EQ(kernel_error(), kErrNotDevice);
-    // Five rootfs-like volumes on the flash disk's node fill the slots the root leaves.
-    UfsMakeArgument make{8, 100, 32, 0x20000};
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(kernel::mkfs(kUfs, "/dev/hd/hdc", &make), 0);
-    testing::internal::GetCapturedStdout();
-    for (int i = 0; i < 5; ++i) {
-        const std::string point = "/mnt/m" + std::to_string(i);
-        ASSERT_EQ(kernel::mkdir(point.c_str()), 0);
-        ASSERT_EQ(kernel::mount(kUfs, "/dev/hd/hdc", point.c_str()), 0) << i;
-    }
-    ASSERT_EQ(kernel::mkdir("/mnt/seventh"), 0);
-    EXPECT_EQ(kernel::mount(kUfs, "/dev/hd/hdc", "/mnt/seventh"), -1);
-    EXPECT_EQ(kernel_error(), kErrNoNode);
-    EXPECT_EQ(kernel::umount("/mnt/m2"), 0);
-    EXPECT_EQ(kernel::mount(kUfs, "/dev/hd/hdc", "/mnt/seventh"), 0) << "a freed slot is used again";
-    EXPECT_EQ(kernel::flush_mounts(), 0);
-    for (int m = 0; m < kMountSlots; ++m) EXPECT_NE(mount_slot(m), nullptr) << m;
-}
-
 TEST_F(Vfs, DevicesAndDirectoriesRefuseWhatTheyAreNot) {
     ASSERT_EQ(kernel::mknod("/dev/ghost", kCharacterDevice, 40), 0);
     EXPECT_EQ(kernel::open("/dev/ghost", kOpenRead), -1);
+    EXPECT_EQ(kernel_error(), kErrNotDevice);
+    EXPECT_EQ(kernel::mount(kUfs, "/bin/init", "/mnt"), -1) << "a mount needs a device";
     EXPECT_EQ(kernel_error(), kErrNotDevice);
     Descriptor fd = kernel::open("/bin/init", kOpenRead);
     DirEntry entry{};
