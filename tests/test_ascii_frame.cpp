@@ -105,21 +105,6 @@ TEST_F(FrameReceive, JoinsPacketsDropsNoiseAndRestartsAtEachColon) {
     EXPECT_EQ(received(), ":0103FC\r\n");
 }
 
-TEST_F(FrameReceive, SilenceOrALineWithoutLfFailsWithoutOverflow) {
-    EXPECT_EQ(received(), "<none>");
-    std::string endless(400, 'A');
-    endless[0] = ':';
-    pty.send_packet(endless);
-    pty.send_packet(endless);
-    std::uint8_t storage[link::kFrameCapacity + 16];
-    std::fill(std::begin(storage), std::end(storage), 0x5A);
-    link::AsciiFrame f;
-    link::frame_init(f, storage, link::kFrameCapacity);
-    EXPECT_EQ(link::frame_receive(port, f), 0);
-    EXPECT_LE(f.length, link::kFrameCapacity);
-    for (int i = link::kFrameCapacity; i < link::kFrameCapacity + 16; ++i) EXPECT_EQ(storage[i], 0x5A);
-}
-
 TEST_F(FrameReceive, SendPutsTheFrameInOneSlipPacket) {
     link::frame_put_byte(reply.frame, 0xC0); // a data byte never needs escaping: it goes as "C0"
     link::frame_end(reply.frame);

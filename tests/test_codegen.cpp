@@ -1,5 +1,6 @@
 // The table code generator: the C it writes compiles and runs, the user's
-// code survives regeneration, and the texts and pages come out as they must.
+// code survives regeneration, and its texts come out as they must (the
+// pages as a browser shows them: html_pages).
 #include "codegen/c_sources.h"
 #include "codegen/html_pages.h"
 #include "codegen/table_check.h"
@@ -11,7 +12,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <cstring>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -192,54 +192,6 @@ TEST_F(CodegenTest, ATableThatWouldNotCompileIsRefusedWithItsProblems) {
     EXPECT_EQ(codegen::generation_problems(),
               (std::vector<std::string>{"type \"int16\": Ctype \"short \" is not a C type",
                                         "table \"t\", register \"9lives\": its name is not a C identifier"}));
-}
-
-TEST_F(CodegenTest, RegisterMapShowsEveryRegisterWithItsRowColour) {
-    ASSERT_EQ(codegen::write_register_map("map.html"), 0);
-    std::string page = read_file("map.html");
-    EXPECT_EQ(page.find("<html>\n<head>\n"), 0u);
-    EXPECT_TRUE(contains(page, "<TR bgcolor=\"#FFFF00\"><TD><b>process</TD><TD><b>0x0100</TD><TD></TD><TD></TD>"
-                               "<TD></TD><TD></TD></TR\n"));
-    EXPECT_TRUE(contains(page, "<TR bgcolor=\"#A060FF\">\n<a name=\"setpoint\"><TD>0x0000</TD><TD>setpoint</TD>"
-                               "<TD>Temperature setpoint in degrees</TD><TD>RW</TD><TD>real</TD><TD>2</TD></TR>\n"));
-    EXPECT_TRUE(contains(page, "<TR bgcolor=\"#8040FF\">\n<a name=\"offset_trim\">"));
-    EXPECT_TRUE(contains(page, "<TR bgcolor=\"#A060FF\">\n<a name=\"temperature\">"))
-        << "each table starts its rows again";
-    EXPECT_TRUE(contains(page, "<TD>W</TD><TD>int16</TD>"));
-    EXPECT_TRUE(page.ends_with("</TR>\n</table>\n</body>\n</html>\n"));
-    EXPECT_EQ(codegen::write_register_map("no/such/dir/map.html"), 0);
-}
-
-TEST_F(CodegenTest, LivePageReadsOneRegisterAndShowsTheOthersFromTheirCache) {
-    int reads = 0;
-    codegen::ReadRegister read = [&](const table::RegisterRecord& reg, const table::TypeRecord&, void* value) {
-        ++reads;
-        if (std::strcmp(reg.name, "energy") != 0) return 0;
-        std::int32_t v = 99;
-        std::memcpy(value, &v, 4);
-        return 1;
-    };
-    ASSERT_EQ(codegen::write_live_page("live.html", "10.0.0.7", read, "energy"), 0);
-    EXPECT_EQ(reads, 1);
-    std::string page = read_file("live.html");
-    EXPECT_TRUE(contains(page, "<TR bgcolor=\"#FFFF00\"><TD><b>Table : process</b></TD><TD></TD><TD></TD></TR>\n"));
-    EXPECT_TRUE(contains(page, "<a name=\"energy\"><TD>energy</TD><TD><FORM action=\"http://10.0.0.7/modbus.cb\" "
-                               "method=\"post\">\n<P><INPUT type=\"text\" name=\"energy\" value=\"99\">\n</FORM></TD>\n"
-                               "<TD>int32</TD></TR>\n"));
-    EXPECT_TRUE(contains(page, "name=\"setpoint\" value=\"21.5\"")) << "from the cached attribute";
-    EXPECT_TRUE(contains(page, "name=\"alarm\" value=\"Erreur\"")) << "no cache, no read";
-    table::RegisterRecord reg;
-    table::TypeRecord type;
-    ASSERT_TRUE(table::find_register(reg, type, "energy"));
-    EXPECT_STREQ(table::xml_attribute_value(reg.element, "value"), "99");
-
-    // Without a name every register is read; a failed read shows and caches "Erreur".
-    ASSERT_EQ(codegen::write_live_page("live.html", "h", read, nullptr), 0);
-    EXPECT_EQ(reads, 1 + 13);
-    ASSERT_TRUE(table::find_register(reg, type, "setpoint"));
-    EXPECT_STREQ(table::xml_attribute_value(reg.element, "value"), "Erreur");
-    ASSERT_TRUE(table::find_register(reg, type, "alarm"));
-    EXPECT_STREQ(table::xml_attribute_value(reg.element, "value"), "Erreur");
 }
 
 TEST(GeneratorEntry, ArgumentsAndResults) {

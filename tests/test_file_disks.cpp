@@ -63,17 +63,6 @@ TEST_F(FileDisks, FirstOpensMakeTheImagesAndTheSdCardKeepsItsEnd) {
     EXPECT_EQ(test::read_file("fsflash.o").substr(0, 5), "flash");
 }
 
-TEST_F(FileDisks, AnExistingImageIsKept) {
-    std::string image(0x800004, '\0');
-    image.replace(100, 4, "kept");
-    test::write_file("sdcard0.o", image);
-    Descriptor card = kernel::open("/dev/sdcard0", kOpenRead);
-    char bytes[4];
-    kernel::lseek(card, 100, 0);
-    ASSERT_EQ(kernel::read(card, bytes, 4), 4);
-    EXPECT_EQ(std::string(bytes, 4), "kept");
-}
-
 // A disk that fails its transfers after a budget of bytes, to stand in for
 // a card that breaks half-way.
 long budget = 0;

@@ -1,7 +1,7 @@
 // getfs and putfs against vukra-sim and a fake device whose lookup does not
-// tell the card's size: cancel, a vanishing device, refusals, a device card
-// that ends early, routing after a "/mem" lookup, a damaged volume under
-// "/mem". Host threads beside the timer: test_stress.
+// tell the card's size: cancel, refusals, routing after a "/mem" lookup. A
+// vanishing device: test_line_faults; damaged volumes: the ufs image fuzzer;
+// host threads: test_stress.
 #include "kernel/vfs.h"
 #include "modbus_vukra.h"
 #include "remotefs/image_transfer.h"
@@ -64,15 +64,6 @@ std::vector<std::int32_t> transfer_of(modbus_vukra_session* s) {
 bool mem_mounted_locally() {
     kernel::NodeStatus status{};
     return kernel::stat("/mem/hello", status) == 0;
-}
-
-// A point in the middle of the image's last used group, off the 1024-byte
-// pieces of the copy.
-std::size_t cut_in_last_used_group(const std::string& image) {
-    const Layout l = layout_of(image);
-    std::uint32_t last = l.groups - 1;
-    while (last > 0 && image[l.map_start + last] == 0) --last;
-    return l.data_start() + static_cast<std::size_t>(last) * l.chunk() + l.chunk() / 2 + 100;
 }
 
 // A "ufs 1.5" header: block size, then the map size, group count and
@@ -161,7 +152,9 @@ TEST_F(ImageTransfer, PutSendsWhatChangedUnderMemBack) {
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(modbus_vukra_op_protected_putfs(s), -1) << "no mirror yet";
     ASSERT_EQ(modbus_vukra_op_protected_mount(s), 0);
-    ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
+    // Each get lets go of the "/mem" the one before mounted, or the kernel's
+    // mount slots would run out.
+    for (int i = 0; i <= kernel::kMountSlots; ++i) ASSERT_EQ(getfs(s), 0) << i << ": " << modbus_vukra_op_session_error(s);
     EXPECT_EQ(transfer_of(s), (std::vector<std::int32_t>{1, 4, 100})) << "done";
     ASSERT_EQ(modbus_vukra_op_protected_create(s, "/mem/new.txt"), 0);
     const std::string text = "written under /mem\n";
@@ -233,19 +226,6 @@ TEST_F(ImageTransfer, CancelDuringTheDataPhaseStopsAtAGroupBoundary) {
     close(s);
 }
 
-TEST_F(ImageTransfer, DeviceThatVanishesFailsWithinTheTimeOut) {
-    make_card(100000);
-    test::SimProcess sim(serving({"--drop-after", "30"}));
-    modbus_vukra_session* s = open_mounted(sim.port());
-    ASSERT_NE(s, nullptr);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(getfs(s), -1);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(6000)) << "one time-out, not one per request";
-    EXPECT_EQ(modbus_vukra_op_session_error(s), 513);
-    EXPECT_EQ(s->mirror_enabled, 0);
-    close(s);
-}
-
 // The error word after each refusal: an image the transfer does not take
 // and a local card that cannot be opened leave the lookup's 0; an image
 // that does not fit the local card is -12; a map that never comes -13. A
@@ -283,118 +263,6 @@ TEST_F(ImageTransfer, RefusalsLeaveTheirErrorWords) {
         EXPECT_EQ(modbus_vukra_op_protected_null(s), 0) << "the session still works";
         close(s);
     }
-}
-
-// A device card that ends inside its last used group. A put onto it stops
-// where the device's replies say: at the device's own status, or -13 when
-// a write moves no byte; nothing lands past the card's end, and the
-// signature is not rewritten. A get from it ends that group's copy where
-// the card does, zeros follow on the local card, and the volume mounts
-// with the files before the cut. Last, a map that marks nothing used
-// reads nothing of the data groups and zeros them all.
-TEST_F(ImageTransfer, DeviceCardEndingInsideItsLastUsedGroup) {
-    make_card();
-    const std::string full = test::read_file(card);
-    const Layout l = layout_of(full);
-    const std::size_t cut = cut_in_last_used_group(full);
-    const std::size_t groups_end = std::min<std::size_t>(l.data_start() + std::size_t{l.groups} * l.chunk(), 0x800000);
-    for (const std::int32_t refusal : {0, -29}) {
-        SCOPED_TRACE(refusal);
-        test::FakeCardDevice device(full); // the whole card first: the local groups are not zeros
-        modbus_vukra_session* s = got(device);
-        ASSERT_NE(s, nullptr);
-        device.cut(cut, refusal);
-        EXPECT_EQ(modbus_vukra_op_protected_putfs(s), -1);
-        EXPECT_EQ(modbus_vukra_op_session_error(s), refusal != 0 ? refusal : remotefs::kTransferStalled);
-        EXPECT_EQ(transfer_of(s)[1], 2) << "stopped in the data groups";
-        EXPECT_TRUE(device.card() == full.substr(0, cut)) << "what fits, as the local card has it";
-        close(s);
-    }
-    {
-        test::FakeCardDevice device(full.substr(0, cut));
-        modbus_vukra_session* s = got(device);
-        ASSERT_NE(s, nullptr);
-        ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/hello", nullptr), 0);
-        EXPECT_EQ(read_all(s), "hello from the card\n");
-        close(s);
-        const std::string local = test::read_file("sdcard0.o");
-        const std::size_t last_at = cut - l.chunk() / 2 - 100;
-        EXPECT_EQ(local.compare(last_at, cut - last_at, full, last_at, cut - last_at), 0) << "up to the cut";
-        EXPECT_GE(local.find_first_not_of('\0', cut), groups_end) << "zeros from the cut on";
-    }
-    std::string empty_map = full;
-    std::fill(empty_map.begin() + l.map_start, empty_map.begin() + l.map_start + l.map_size, '\0');
-    test::FakeCardDevice device(empty_map);
-    modbus_vukra_session* s = open_mounted(device.port());
-    ASSERT_NE(s, nullptr);
-    getfs(s); // a volume without its groups may not mount; the copy is what counts here
-    EXPECT_EQ(transfer_of(s), (std::vector<std::int32_t>{1, 4, 100}));
-    // signature, block size, fields, the fields again from the device in
-    // one request, the map and metadata in pieces of 1024 at most, the
-    // signature again: nothing of the data groups.
-    const int pieces = static_cast<int>((l.map_size + 1023) / 1024 + (l.metadata_size + 1023) / 1024);
-    EXPECT_EQ(device.requests(remotefs::kOpRead), 5 + pieces);
-    close(s);
-    const std::string after = test::read_file("sdcard0.o");
-    EXPECT_EQ(after.compare(0, l.data_start(), empty_map, 0, l.data_start()), 0);
-    EXPECT_GE(after.find_first_not_of('\0', l.data_start()), groups_end) << "every group zeroed";
-}
-
-// A volume whose header passes the transfer's checks but whose map or
-// metadata are garbage: the mount, listings and reads under "/mem" fail
-// or give what they find, within bounds, and the session goes on. No
-// unmount between Sessions: each get lets go of the "/mem" that the one
-// before left mounted (the kernel outlives Sessions), or the mounts would
-// pile up until the kernel had no slot left.
-TEST_F(ImageTransfer, DamagedVolumeUnderMemGivesErrorsNotCrashes) {
-    make_card(30000);
-    ASSERT_EQ(on_card("mkdir /d"), 0);
-    ASSERT_EQ(on_card("put hello.txt /d/inner"), 0);
-    const std::string good = test::read_file(card);
-    const Layout l = layout_of(good);
-    const std::size_t metadata_at = l.map_start + l.map_size;
-    struct Damage {
-        std::size_t at, size;
-        unsigned seed; // 0: bytes of 0xFF
-    };
-    const Damage damages[] = {
-        {metadata_at, l.metadata_size, 5},                           // metadata in random bytes
-        {metadata_at, l.metadata_size, 0},                           // metadata in 0xFF
-        {metadata_at + l.metadata_size / 2, l.metadata_size / 2, 6}, // its second half in random bytes
-        {l.map_start, l.map_size, 7},                                // map in random bytes
-    };
-    int mounted = 0;
-    for (int i = 0; i < 4 + kernel::kMountSlots; ++i) {
-        SCOPED_TRACE(i);
-        const Damage d = i < 4 ? damages[i] : Damage{0, 0, 1}; // then whole volumes
-        std::string image = good;
-        image.replace(d.at, d.size, d.seed == 0 ? std::string(d.size, '\xFF') : random_bytes(d.size, d.seed));
-        test::FakeCardDevice device(image);
-        modbus_vukra_session* s = open_mounted(device.port());
-        ASSERT_NE(s, nullptr);
-        const std::int32_t result = getfs(s);
-        EXPECT_TRUE(result == 0 || i < 4) << modbus_vukra_op_session_error(s);
-        mounted += result == 0 && i < 4 ? 1 : 0;
-        EXPECT_EQ(s->mirror_enabled, result == 0 ? 3 : 0) << "a failed get leaves no mirror";
-        const std::string paths[] = {"/mem", "/mem/d", "/mem/hello", "/mem/big", "/mem/d/inner"};
-        for (const std::string& path : paths) {
-            const bool directory = &path < paths + 2;
-            if (result != 0 || modbus_vukra_op_protected_lookup(s, path.c_str(), nullptr) != 0) continue;
-            char buffer[1024];
-            for (int piece = 0; piece < 64; ++piece) {
-                modbus_vukra_dir_entry* first = nullptr;
-                const std::int32_t n = directory ? modbus_vukra_op_protected_readdir(s, &first)
-                                                 : modbus_vukra_op_protected_read(s, buffer, sizeof buffer);
-                EXPECT_LE(test::take_names(first).size(), 256u);
-                EXPECT_LE(n, 1024);
-                if (directory ? n != 0 : n <= 0) break;
-            }
-        }
-        EXPECT_EQ(modbus_vukra_op_protected_null(s), 0) << "the session still works";
-        close(s);
-    }
-    EXPECT_GT(mounted, 0) << "some damage reached the mounted volume";
-    EXPECT_TRUE(mem_mounted_locally());
 }
 
 } // namespace

@@ -4,11 +4,9 @@
 #include "session/session.h"
 #include "support/session_fixture.h"
 #include "support/sim_process.h"
-#include "table/value_parse.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -30,37 +28,6 @@ struct EndToEnd : test::SessionFixture {
     }
     std::optional<test::SimProcess> sim;
 };
-
-// Writes text to the register by its type and reads it back as text.
-std::string round_trip(modbus_vukra_session* s, const char* name, const char* text) {
-    std::uint8_t value[256] = {}, back[256] = {};
-    char shown[MODBUS_VUKRA_TEXT_SIZE];
-    table::RegisterRecord reg;
-    table::TypeRecord type;
-    if (!table::find_register(reg, type, name) || !table::parse_value(type, text, value, sizeof value)) return "<no value>";
-    const std::int32_t count = 2 * type.words;
-    testing::internal::CaptureStdout();
-    const std::int32_t wrote = modbus_vukra_op_protected_writereg(s, name, value, count);
-    const std::int32_t read = modbus_vukra_op_protected_readreg(s, name, back, count);
-    testing::internal::GetCapturedStdout();
-    if (wrote != count || read != count) return "<transfer failed>";
-    if (std::memcmp(value, back, static_cast<std::size_t>(count)) != 0) return "<different value>";
-    return modbus_vukra_op_register_btoa(shown, name, back) ? shown : "<no text>";
-}
-
-TEST_F(EndToEnd, EveryTypeMakesTheRoundTripOnADeviceThatLetsAllBeWritten) {
-    std::string text = test::read_file("table.xml");
-    for (const char* access : {"access=\"R\"", "access=\"W\""})
-        for (std::size_t at; (at = text.find(access)) != std::string::npos;) text.replace(at, 10, "access=\"RW\"");
-    test::write_file("open.xml", text);
-    start({"--table", "open.xml"});
-    const char* const cases[][3] = {
-        {"setpoint", "-2.25", "-2.250000"},      {"offset_trim", "-32768", "-32768"}, {"heater_on", "0", "0"},
-        {"cycle_count", "65535", "65535"},       {"energy", "-2000000000", "-2000000000"},
-        {"uptime", "4000000000", "4000000000"},  {"gain", "1.5", "1.500000\n"},
-        {"probe_raw", "7 -8 9", "7\n-8\n9\n"},   {"history", "123456 -7", "123456\n-7\n"}};
-    for (const auto& c : cases) EXPECT_EQ(round_trip(s, c[0], c[1]), c[2]) << c[0];
-}
 
 // A read copies the count asked for (up to 256) whatever the register's
 // size: past the value, the transfer area's zeros. Initial values come from
@@ -118,16 +85,6 @@ TEST_F(EndToEnd, TheDeviceRefusesWhatItsTableForbids) {
     EXPECT_EQ(refused_read.failure, link::Failure::kException);
     EXPECT_EQ(done.failure, link::Failure::kNone);
     EXPECT_EQ(word, 4711) << "the refused write left the value";
-}
-
-TEST_F(EndToEnd, OpenFailsCleanlyWithoutATable) {
-    std::remove("table.xml");
-    test::SimProcess device({"--table", VUKRA_EXAMPLES_DIR "/table.xml"});
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(modbus_vukra_op_session_open(device.port().c_str()), nullptr);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("error: cannot open xml input file: table.xml\r\n"),
-              std::string::npos);
-    EXPECT_FALSE(session::is_open());
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // File operations through the exports against a scripted device on a
-// pseudo-terminal: the frames they send, what they make of the replies,
-// routing by "/mem", the local operations and a silent device.
+// pseudo-terminal: the frames they send, what they make of the replies, the
+// local operations. Routing by "/mem": test_image_transfer and vukra_chain.
 #include "modbus_vukra.h"
 #include "remotefs/transport.h"
 #include "session/session.h"
@@ -226,47 +226,6 @@ TEST_F(RemoteFsTest, SeekSeekdirAndTelldirAnswerFromTheSession) {
     EXPECT_TRUE(line_quiet());
 }
 
-TEST_F(RemoteFsTest, MemPathsGoToTheMirrorAndOthersToTheDevice) {
-    modbus_vukra_session* mirror = modbus_vukra_op_session_open(nullptr);
-    ASSERT_NE(mirror, nullptr);
-    mirror->mirror_enabled = 3;
-    mirror->mirror_selected = 1;
-    mirror->file_descriptor = 3;
-    s->mirror = mirror;
-    s->mirror_enabled = 3;
-    s->error = 99;
-
-    // The local server answers (it has mounted nothing: a failing status),
-    // and nothing goes on the line.
-    EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/xx/mem/file", nullptr), -1);
-    EXPECT_EQ(s->mirror_selected, 1);
-    const std::int32_t lookup_status = modbus_vukra_op_session_error(s);
-    EXPECT_NE(lookup_status, 99) << "the mirror's status reaches the session given";
-    EXPECT_NE(lookup_status, 0);
-    mirror->file_descriptor = 3;
-    s->error = 99;
-    EXPECT_EQ(modbus_vukra_op_protected_read(s, nullptr, 4), -1) << "read follows the lookup";
-    EXPECT_NE(modbus_vukra_op_session_error(s), 99);
-    s->error = 99;
-    EXPECT_EQ(modbus_vukra_op_protected_seek(s, 8, 0), 8);
-    EXPECT_EQ(mirror->position, 8) << "the mirror session's position";
-    EXPECT_EQ(s->position, 0);
-    EXPECT_TRUE(line_quiet());
-
-    ScriptedDevice device(pty, test::frame(4, Wire{}.item(6).item(1).item(0).item(0).item(0).item(0).item(0).bytes));
-    EXPECT_EQ(modbus_vukra_op_protected_lookup(s, "/x", nullptr), 0);
-    EXPECT_EQ(device.seen()[1], 4);
-    EXPECT_EQ(s->mirror_selected, 0);
-    EXPECT_EQ(s->file_descriptor, 1);
-}
-
-TEST_F(RemoteFsTest, BeforeTheMirrorEveryPathGoesToTheDevice) {
-    ScriptedDevice device(pty, test::frame(8, Wire{}.item(0).bytes));
-    EXPECT_EQ(modbus_vukra_op_protected_remove(s, "/mem/x"), 0);
-    EXPECT_EQ(device.seen()[1], 8);
-    EXPECT_EQ(s->mirror_selected, 0);
-}
-
 TEST_F(RemoteFsTest, FsstatStatusStaysWithTheSessionThatCarriedIt) {
     modbus_vukra_session* mirror = modbus_vukra_op_session_open(nullptr);
     ASSERT_NE(mirror, nullptr);
@@ -296,28 +255,6 @@ TEST_F(RemoteFsTest, NullGoesToTheDeviceEvenWhenTheMirrorIsSelected) {
     EXPECT_TRUE(line_quiet());
 }
 
-TEST_F(RemoteFsTest, ASilentDeviceGives513) {
-    s->port->timeout_ms = 200;
-    EXPECT_EQ(modbus_vukra_op_protected_null(s), -1);
-    EXPECT_EQ(modbus_vukra_op_session_error(s), 513);
-    EXPECT_FALSE(receive_packet(pty.master, 100).empty()) << "the request went out";
-}
-
-TEST_F(RemoteFsTest, AReplyLengthBeyondWhatCameIsNotBelieved) {
-    {
-        ScriptedDevice device(pty, test::frame(0, Wire{}.item(0).bytes, 1900));
-        EXPECT_EQ(modbus_vukra_op_protected_null(s), 0);
-        device.seen();
-    }
-    s->error = 42;
-    {
-        ScriptedDevice device(pty, Bytes{1, 0, 0, 0, 4}); // a cut header
-        EXPECT_EQ(modbus_vukra_op_protected_null(s), -1);
-        device.seen();
-        EXPECT_EQ(modbus_vukra_op_session_error(s), 42) << "an undecodable reply leaves the error word";
-    }
-}
-
 TEST_F(RemoteFsTest, AnEmptyRequestIsJustTheHeader) {
     ScriptedDevice device(pty, test::frame(3, {}));
     std::uint32_t reply_length = 7;
@@ -330,22 +267,6 @@ TEST_F(RemoteFsTest, AnEmptyRequestIsJustTheHeader) {
     std::int32_t info[7];
     ASSERT_EQ(modbus_vukra_op_session_info(s, info), 0);
     EXPECT_GT(info[MODBUS_VUKRA_INFO_BITS_PER_SECOND], 0);
-}
-
-TEST_F(RemoteFsTest, EveryFileExportRefusesANullSession) {
-    modbus_vukra_dir_entry* first = nullptr;
-    const modbus_vukra_mkfs_params params{};
-    const std::int32_t results[] = {
-        modbus_vukra_op_protected_null(nullptr), modbus_vukra_op_protected_mount(nullptr),
-        modbus_vukra_op_protected_lookup(nullptr, "/x", nullptr), modbus_vukra_op_protected_read(nullptr, got_bytes, 4),
-        modbus_vukra_op_protected_write(nullptr, got_bytes, 4), modbus_vukra_op_protected_create(nullptr, "/x"),
-        modbus_vukra_op_protected_remove(nullptr, "/x"), modbus_vukra_op_protected_rename(nullptr, "/x", "/y"),
-        modbus_vukra_op_protected_mkdir(nullptr, "/x"), modbus_vukra_op_protected_rmdir(nullptr, "/x"),
-        modbus_vukra_op_protected_readdir(nullptr, &first), modbus_vukra_op_protected_fsstat(nullptr, "/x", &got_usage),
-        modbus_vukra_op_protected_mkfs(nullptr, &params), modbus_vukra_op_protected_seek(nullptr, 0, 0),
-        modbus_vukra_op_protected_seekdir(nullptr, 0), modbus_vukra_op_protected_telldir(nullptr)};
-    for (std::int32_t r : results) EXPECT_EQ(r, -1);
-    EXPECT_TRUE(line_quiet());
 }
 
 } // namespace

@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -128,32 +127,6 @@ TEST_F(SessionTest, Open2AndTheHostsHandle) {
     if (s != nullptr) modbus_vukra_op_session_close(s);
     EXPECT_NE(::fcntl(ends[0], F_GETFD), -1);
     for (int d : {ends[0], ends[1], fd}) ::close(d);
-}
-
-TEST_F(SessionTest, CancelAndInfoWhileAnotherThreadHoldsTheOperationsLock) {
-    modbus_vukra_session* s = open();
-    ASSERT_NE(s, nullptr);
-    struct Holder {
-        platform::RecursiveLock* lock;
-        std::atomic<int> state{0}; // 1 held, 2 release asked
-    } holder{&s->operations_lock};
-    platform::Thread t;
-    ASSERT_TRUE(platform::thread_start(
-        t,
-        [](void* raw) {
-            auto* h = static_cast<Holder*>(raw);
-            platform::LockGuard guard(*h->lock);
-            h->state = 1;
-            while (h->state != 2) platform::sleep_ms(1);
-        },
-        &holder));
-    while (holder.state != 1) platform::sleep_ms(1);
-    EXPECT_EQ(modbus_vukra_op_cancelfs(s), 0);
-    std::int32_t info[7];
-    EXPECT_EQ(modbus_vukra_op_session_info(s, info), 0);
-    holder.state = 2;
-    EXPECT_TRUE(platform::thread_join(t, 2000));
-    EXPECT_EQ(modbus_vukra_op_session_close(s), 0);
 }
 
 } // namespace

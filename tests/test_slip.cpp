@@ -68,14 +68,6 @@ TEST_F(SlipTest, ReceiveUndoesEscapesJoinsPiecesAndCutsAtTheCapacity) {
     EXPECT_EQ(receive(16), none);
 }
 
-TEST_F(SlipTest, PurgeDropsWhatTheBufferHolds) {
-    pty.send({0xC0, 'o', 'l', 'd', 0xC0, 0xC0, 's', 't', 'a', 'l', 'e', 0xC0});
-    EXPECT_EQ(receive(64), test::bytes_of("old")); // the stale packet now sits in the buffer
-    link::serial_purge(port);
-    pty.send({0xC0, 'n', 'e', 'w', 0xC0});
-    EXPECT_EQ(receive(64), test::bytes_of("new"));
-}
-
 TEST(SlipPort, AMissingPortFailsItsTransfersAndEveryByteValueCrossesARealOne) {
     link::Port* missing = link::serial_open(0, "/dev/no-such-port", 0, &kQuick);
     ASSERT_NE(missing, nullptr);

@@ -1,5 +1,5 @@
 // ufs volumes on the SD card: making, mounting, files across the block
-// map's boundaries, and what survives the process.
+// map's boundaries, directories and listings.
 #include "kernel/kernel_errors.h"
 #include "kernel/kernel_start.h"
 #include "kernel/vfs.h"
@@ -10,8 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <cstdlib>
-#include <filesystem>
 #include <random>
 #include <set>
 
@@ -151,33 +149,6 @@ TEST_F(Ufs, TruncateKeepsTheHeadAndZeroesWhatComesBack) {
     EXPECT_EQ(back[100], 'z');
 }
 
-TEST_F(Ufs, DirectoriesNameRemoveAndRename) {
-    make(32, 500, 64);
-    ASSERT_EQ(kernel::mkdir("/mem/a"), 0);
-    ASSERT_EQ(kernel::mkdir("/mem/a/b"), 0);
-    ASSERT_TRUE(test::put_file("/mem/a/b/c.txt", "see"));
-    EXPECT_EQ(kernel::mkdir("/mem/a"), -1);
-    EXPECT_EQ(kernel_error(), kErrExists);
-    EXPECT_EQ(test::list_dir("/mem/a"), std::vector<std::string>{"b"});
-    EXPECT_EQ(kernel::remove("/mem/a/b"), -1) << "not empty";
-    ASSERT_EQ(kernel::rename("/mem/a/b/c.txt", "/mem/a/moved.txt"), 0);
-    ASSERT_EQ(kernel::rename("/mem/a/moved.txt", "/mem/a/renamed.txt"), 0);
-    EXPECT_EQ(test::get_file("/mem/a/renamed.txt"), "see");
-    EXPECT_EQ(kernel::remove("/mem/a/b"), 0);
-    EXPECT_EQ(test::list_dir("/mem/a"), std::vector<std::string>{"renamed.txt"});
-    // Path rules: repeated and trailing "/", ".", "..", and ".." that stays at the volume's root.
-    EXPECT_EQ(test::get_file("//mem/./a//renamed.txt"), "see");
-    EXPECT_EQ(test::get_file("/mem/a/../a/renamed.txt"), "see");
-    EXPECT_EQ(test::names_in("/mem/"), (std::set<std::string>{"a"}));
-    EXPECT_EQ(test::names_in("/mem/.."), test::names_in("/mem"));
-    EXPECT_EQ(test::names_in("/mem/a/../../.."), test::names_in("/mem"));
-    NodeStatus card{};
-    EXPECT_EQ(kernel::stat("/mem/../dev/sdcard0", card), -1) << "the host's devices are not reached from a volume";
-    EXPECT_EQ(kernel::stat("/mem//../../bin/init", card), -1);
-    EXPECT_EQ(kernel::mkdir("/mem/../d"), 0);
-    EXPECT_EQ(test::names_in("/mem"), (std::set<std::string>{"a", "d"})) << "made inside the volume";
-}
-
 // Pages of a listing, each from a told position on a fresh open, as a
 // server without state lists; positions told before a change still lead
 // to real entries.
@@ -222,25 +193,6 @@ TEST_F(Ufs, ListingsResumeFromToldPositions) {
     std::set<std::string> after = made;
     for (const std::string& n : first) after.erase(n);
     EXPECT_EQ(rest, after) << "what lay after the position is listed, and nothing before it";
-}
-
-// A file written by one process is read by the next: the test runs itself
-// again with a marker in the environment.
-TEST_F(Ufs, WhatIsWrittenSurvivesTheProcess) {
-    if (const char* first_dir = std::getenv("VUKRA_UFS_SECOND_PROCESS")) {
-        std::filesystem::current_path(first_dir); // where the first process left its image
-        ASSERT_EQ(kernel::mount(kUfsx, "/dev/sdcard0", "/mem"), 0);
-        EXPECT_EQ(test::get_file("/mem/kept/across"), "still here");
-        std::exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    make(16, 500, 64);
-    ASSERT_EQ(kernel::mkdir("/mem/kept"), 0);
-    ASSERT_TRUE(test::put_file("/mem/kept/across", "still here"));
-    ASSERT_EQ(kernel::umount("/mem"), 0);
-    const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-    const std::string command = "VUKRA_UFS_SECOND_PROCESS=" + dir.path().string() + " " + self +
-                                " --gtest_filter=Ufs.WhatIsWrittenSurvivesTheProcess > /dev/null 2>&1";
-    EXPECT_EQ(std::system(command.c_str()), 0);
 }
 
 } // namespace

@@ -27,12 +27,6 @@ std::string FakeCardDevice::card() const {
     return image_;
 }
 
-void FakeCardDevice::cut(std::size_t size, std::int32_t refusal) {
-    std::lock_guard<std::mutex> hold(lock_);
-    image_.resize(std::min(size, image_.size()));
-    refusal_ = refusal;
-}
-
 void FakeCardDevice::serve() {
     SlipReader line;
     while (!stop_.load()) {
@@ -84,7 +78,7 @@ void FakeCardDevice::answer(const Bytes& packet) {
         const std::size_t at = static_cast<std::size_t>(request.position);
         const std::size_t count = at < image_.size() ? std::min<std::size_t>(request.count, image_.size() - at) : 0;
         if (count > 0) image_.replace(at, count, reinterpret_cast<const char*>(request.data.data), count);
-        reply_length = give(code, reply, WriteReply{static_cast<std::uint32_t>(count), count > 0 ? 0 : refusal_});
+        reply_length = give(code, reply, WriteReply{static_cast<std::uint32_t>(count), 0});
         break;
     }
     default: reply_length = give_status(code, reply, 29); break;

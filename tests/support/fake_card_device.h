@@ -1,7 +1,6 @@
 // A device on a pseudo-terminal that answers mount, null, lookup, read and
 // write from a card held in memory: for the image transfer (crafted
-// images, cards that end early, writes the card refuses) and for counting
-// the timer's status requests. Its lookup answers the third attribute word
+// images) and for counting the timer's status requests. Its lookup answers the third attribute word
 // with what a device may put there (0x1A4 by default, not the card's
 // size): the transfer must not rely on it.
 #pragma once
@@ -32,10 +31,6 @@ public:
     int nulls() const { return requests(0); }
     // The card as it stands.
     std::string card() const;
-    // The card ends at size from now on: reads and writes stop there. A
-    // write that starts at the end moves no byte, or, with refusal non-zero,
-    // is answered with that status.
-    void cut(std::size_t size, std::int32_t refusal = 0);
 
 private:
     void serve();
@@ -45,7 +40,6 @@ private:
     mutable std::mutex lock_;
     std::string image_;
     std::uint32_t kind_, word2_;
-    std::int32_t refusal_ = 0;
     std::atomic<int> requests_[16] = {};
     std::atomic<bool> stop_{false};
     std::thread thread_;
