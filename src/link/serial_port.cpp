@@ -35,14 +35,76 @@ bool connect(Port* port) {
     return false;
 }
 
-Port* new_port(platform::NativePort native, bool adopted) {
+// A serial line: the terminal driver's time-out, queues and break.
+long line_read_some(Port* port) {
+    long n = platform::serial_read_some(port->native, port->received, kReceiveBufferSize, port->timeout_ms);
+    if (n < 0) std::printf("%s", platform::last_error_text());
+    return n;
+}
+
+long line_write(Port* port, const void* bytes, std::size_t count) {
+    return platform::serial_write(port->native, bytes, count);
+}
+
+void line_purge(Port* port) {
+    platform::serial_purge(port->native);
+    platform::serial_clear_break(port->native);
+}
+
+// A TCP connection to a device server. A dropped connection answers at
+// once, as a silent line does once its time-out has run out; the next write
+// connects again when the address is known.
+long tcp_read_some(Port* port) {
+    long n = platform::tcp_read_some(port->native, port->received, kReceiveBufferSize, port->timeout_ms);
+    if (n < 0 && port->native != platform::kInvalidPort) {
+        std::printf("connection to the device server lost\n");
+        drop_connection(port);
+    }
+    return n;
+}
+
+long tcp_write(Port* port, const void* bytes, std::size_t count) {
+    // A connection the other end closed while nothing was asked is noticed
+    // here, so that the exchange about to start goes on a new one.
+    if (port->native != platform::kInvalidPort && !platform::tcp_connected(port->native)) drop_connection(port);
+    if (port->native == platform::kInvalidPort) {
+        if (port->address.host[0] == '\0') return -1; // handed over: there is no address to connect to
+        if (!connect(port)) {
+            std::printf("%s\n", failure);
+            return -1;
+        }
+    }
+    long n = platform::tcp_write(port->native, bytes, count);
+    if (n < 0) drop_connection(port);
+    return n;
+}
+
+void tcp_purge(Port* port) {
+    if (port->native != platform::kInvalidPort && !platform::tcp_drain(port->native)) drop_connection(port);
+}
+
+} // namespace
+
+struct Transport {
+    long (*read_some)(Port*); // into received: a count, 0 at the time-out, -1 on an error
+    long (*write)(Port*, const void* bytes, std::size_t count);
+    void (*purge)(Port*);     // drop what has arrived
+    void (*close)(platform::NativePort);
+};
+
+namespace {
+
+constexpr Transport kSerialLine{line_read_some, line_write, line_purge, platform::serial_close};
+constexpr Transport kTcpConnection{tcp_read_some, tcp_write, tcp_purge, platform::tcp_close};
+
+Port* new_port(const Transport& transport, platform::NativePort native, bool adopted) {
     auto* port = new (std::nothrow) Port;
     if (port == nullptr) return nullptr;
+    port->transport = &transport;
     port->native = native;
     port->timeout_ms = kSessionSettings.timeout_ms;
     port->head = port->tail = 0;
     port->adopted = adopted;
-    port->tcp = port->reconnects = false;
     port->address = TcpAddress{};
     return port;
 }
@@ -56,9 +118,8 @@ Port* tcp_open(const char* name, const SerialSettings* settings) {
                       name);
         return nullptr;
     }
-    Port* port = new_port(platform::kInvalidPort, false);
+    Port* port = new_port(kTcpConnection, platform::kInvalidPort, false);
     if (port == nullptr) return nullptr;
-    port->tcp = port->reconnects = true;
     port->address = address;
     if (settings != nullptr) port->timeout_ms = settings->timeout_ms;
     if (!connect(port)) {
@@ -74,39 +135,23 @@ Port* tcp_open(const char* name, const SerialSettings* settings) {
 const char* open_failure() { return failure; }
 
 Port* tcp_adopt(platform::NativePort socket, std::uint32_t timeout_ms) {
-    Port* port = new_port(socket, true);
+    Port* port = new_port(kTcpConnection, socket, true);
     if (port == nullptr) return nullptr;
-    port->tcp = true;
     port->timeout_ms = timeout_ms;
     return port;
 }
 
 int serial_fill(Port* port) {
-    if (port->tcp) {
-        // A dropped connection answers at once, as a silent line does once
-        // its time-out has run out.
-        long n = platform::tcp_read_some(port->native, port->received, kReceiveBufferSize, port->timeout_ms);
-        if (n < 0 && port->native != platform::kInvalidPort) {
-            std::printf("connection to the device server lost\n");
-            drop_connection(port);
-        }
-        port->head = 0;
-        port->tail = static_cast<std::uint32_t>(n > 0 ? n : 0);
-        return n > 0 ? 1 : n;
-    }
-    long n = platform::serial_read_some(port->native, port->received, kReceiveBufferSize, port->timeout_ms);
-    if (n < 0) {
-        std::printf("%s", platform::last_error_text());
-        return -1;
-    }
+    long n = port->transport->read_some(port);
     port->head = 0;
-    port->tail = static_cast<std::uint32_t>(n);
-    return n > 0 ? 1 : 0;
+    port->tail = static_cast<std::uint32_t>(n > 0 ? n : 0);
+    return n > 0 ? 1 : static_cast<int>(n);
 }
 
 Port* serial_open(int, const char* name, std::intptr_t native_handle, const SerialSettings* settings) {
     if (native_handle == 0 && is_tcp_name(name)) return tcp_open(name, settings);
-    Port* port = new_port(native_handle != 0 ? native_handle : platform::serial_open(name), native_handle != 0);
+    Port* port = new_port(kSerialLine, native_handle != 0 ? native_handle : platform::serial_open(name),
+                          native_handle != 0);
     if (port == nullptr) return nullptr;
     if (settings != nullptr) (void)serial_configure(name, port, settings);
     platform::serial_purge(port->native);
@@ -117,7 +162,7 @@ Port* serial_open(int, const char* name, std::intptr_t native_handle, const Seri
 
 int serial_configure(const char* name, Port* port, const SerialSettings* settings) {
     if (port == nullptr || settings == nullptr) return -1;
-    if (!port->tcp && platform::serial_configure(port->native, settings->baud, settings->timeout_ms) != 0) {
+    if (port->transport == &kSerialLine && platform::serial_configure(port->native, settings->baud, settings->timeout_ms) != 0) {
         if (!port->adopted) platform::serial_close(port->native);
         port->native = platform::kInvalidPort;
         return -1;
@@ -147,39 +192,18 @@ long serial_read(Port* port, void* buffer, std::size_t count) {
 }
 
 long serial_write(Port* port, const void* bytes, std::size_t count) {
-    if (!port->tcp) return platform::serial_write(port->native, bytes, count);
-    // A connection the other end closed while nothing was asked is noticed
-    // here, so that the exchange about to start goes on a new one.
-    if (port->native != platform::kInvalidPort && !platform::tcp_connected(port->native)) drop_connection(port);
-    if (port->native == platform::kInvalidPort) {
-        if (!port->reconnects) return -1;
-        if (!connect(port)) {
-            std::printf("%s\n", failure);
-            return -1;
-        }
-    }
-    long n = platform::tcp_write(port->native, bytes, count);
-    if (n < 0) drop_connection(port);
-    return n;
+    return port->transport->write(port, bytes, count);
 }
 
 int serial_purge(Port* port) {
     port->head = port->tail = 0;
-    if (port->tcp) {
-        if (port->native != platform::kInvalidPort && !platform::tcp_drain(port->native)) drop_connection(port);
-        return 0;
-    }
-    platform::serial_purge(port->native);
-    platform::serial_clear_break(port->native);
+    port->transport->purge(port);
     return 0;
 }
 
 int serial_close(Port* port) {
     if (port == nullptr) return 0;
-    if (port->tcp)
-        platform::tcp_close(port->native);
-    else
-        platform::serial_close(port->native);
+    port->transport->close(port->native);
     delete port;
     return 0;
 }

@@ -36,15 +36,16 @@ inline constexpr SerialSettings kSessionSettings{400000, 'N', 8, 1, 4000};
 
 inline constexpr std::size_t kReceiveBufferSize = 4096;
 
+struct Transport; // a serial line or a TCP connection: what differs between them
+
 struct Port {
+    const Transport* transport;
     platform::NativePort native;
     std::uint32_t timeout_ms;
     std::uint32_t head; // next byte to hand out
     std::uint32_t tail; // end of the bytes held
     bool adopted;       // the host handed the handle over: a failed open leaves it to the host
-    bool tcp;           // a TCP connection: native is its socket, kInvalidPort while dropped
-    bool reconnects;    // the address is known: the next write connects again after a drop
-    TcpAddress address;
+    TcpAddress address; // a TCP connection's, empty for one handed over: a dropped one cannot be made again
     std::uint8_t received[kReceiveBufferSize];
 };
 
