@@ -15,6 +15,7 @@
 // of card bytes (header, map, metadata and the used groups: what the
 // transfer must move), the median of five runs.
 #include "modbus_vukra.h"
+#include "stopwatch.h"
 #include "paced_line.h"
 #include "sim_child.h"
 
@@ -30,16 +31,12 @@
 #include <string>
 #include <vector>
 
-using Clock = std::chrono::steady_clock;
-
 namespace {
 
 constexpr unsigned kBaud = 400000;
 constexpr std::size_t kFilesTotal = 1024 * 1024;
 const char* const kCard = "card.img";
 constexpr int kUnpacedRuns = 5;
-
-double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 bool ufs(const std::string& arguments) {
     const std::string command = std::string(VUKRA_UFS_PATH) + " " + kCard + " " + arguments + " >/dev/null 2>&1";

@@ -8,6 +8,7 @@
 // local card, at local speed) in MiB/s, next to vukra-ufs reading the same
 // bytes from that card (a process each time, as a user runs it).
 #include "paced_line.h"
+#include "stopwatch.h"
 #include "sim_child.h"
 
 #include <chrono>
@@ -23,15 +24,11 @@
 #include <thread>
 #include <vector>
 
-using Clock = std::chrono::steady_clock;
-
 namespace {
 
 constexpr unsigned kBaud = 400000;
 constexpr std::size_t kFileSize = 256 * 1024;
 constexpr int kMirrorReads = 20;
-
-double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 bool mounted(const char* dir) {
     struct stat here {}, up {};

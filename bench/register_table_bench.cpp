@@ -1,6 +1,7 @@
 // Loading tables of 10,000 and 100,000 registers, next to libexpat parsing
 // the same files in the same run, and looking up the last register.
 #include "table/register_table.h"
+#include "stopwatch.h"
 
 #include <expat.h>
 
@@ -13,11 +14,7 @@
 #include <vector>
 
 using namespace vukra;
-using Clock = std::chrono::steady_clock;
-
 namespace {
-
-double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 // Tables of 1000 registers each, every other one with automatic offsets.
 std::string make_table(int registers) {

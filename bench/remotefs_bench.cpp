@@ -11,6 +11,7 @@
 //
 // Also: the round trip of one 1024-byte read straight to the sim.
 #include "modbus_vukra.h"
+#include "stopwatch.h"
 #include "paced_line.h"
 #include "sim_child.h"
 
@@ -23,15 +24,11 @@
 #include <string>
 #include <vector>
 
-using Clock = std::chrono::steady_clock;
-
 namespace {
 
 constexpr unsigned kBaud = 400000;
 constexpr std::size_t kFileSize = 256 * 1024;
 constexpr int kRoundTrips = 500;
-
-double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 // vukra-sim on the example table with a temporary card.
 std::unique_ptr<vukra::test::SimProcess> start_sim() { return bench::start_sim({"--table", "table.xml"}); }
