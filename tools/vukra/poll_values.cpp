@@ -83,7 +83,8 @@ std::string look_up(Polled& p, bool writing) {
     const std::int32_t limit = writing ? kMaxWriteWords : kMaxReadWords;
     if (p.type.words <= 0 || p.type.words > limit)
         return p.name + "'s type " + (p.type.name ? p.type.name : "?") + " has " + std::to_string(p.type.words) +
-               " words, more than one request carries: nothing was sent";
+               " words; one Modbus " + (writing ? "write" : "read") + " carries 1 to " + std::to_string(limit) +
+               ": nothing was sent";
     return "";
 }
 

@@ -15,37 +15,8 @@ namespace vukra::cli {
 
 namespace {
 
-// The most words one request carries: function 3 reads at most 125
-// registers, function 16 writes at most 123.
-constexpr std::int32_t kMaxReadWords = 125;
-constexpr std::int32_t kMaxWriteWords = 123;
-
-struct Target {
-    std::string name;
-    table::RegisterRecord reg;
-    table::TypeRecord type;
-};
-
-// Looks the register up and checks that the table allows the transfer and
-// that one request can carry it: "" when it may go, else why not.
-std::string check(Target& t, bool writing) {
-    if (!table::find_register(t.reg, t.type, t.name.c_str()))
-        return "no register " + t.name + " in " + table::file_name();
-    const std::string type_name = t.type.name ? t.type.name : "?";
-    if (writing && !(t.reg.access & table::kAccessWrite))
-        return t.name + " is read-only (access \"R\" in the table): nothing was sent";
-    if (!writing && !(t.reg.access & table::kAccessRead))
-        return t.name + " is write-only (access \"W\" in the table): nothing was sent";
-    const std::int32_t limit = writing ? kMaxWriteWords : kMaxReadWords;
-    if (t.type.words <= 0 || t.type.words > limit)
-        return t.name + "'s type " + type_name + " has " + std::to_string(t.type.words) +
-               " words; one Modbus " + (writing ? "write" : "read") + " carries 1 to " + std::to_string(limit) +
-               ": nothing was sent";
-    return "";
-}
-
 // The register's value as one line, never cut.
-std::string shown(const Target& t, const std::uint8_t* value) {
+std::string shown(const Polled& t, const std::uint8_t* value) {
     std::string text;
     if (!table::format_value(t.type, value, text)) return "";
     return text;
@@ -54,17 +25,17 @@ std::string shown(const Target& t, const std::uint8_t* value) {
 int read(Options& o, const std::vector<std::string>& names) {
     std::FILE* out = data_stream(o);
     if (!load_table(o)) return 1;
-    std::vector<Target> targets;
+    std::vector<Polled> targets;
     for (const std::string& name : names) {
-        targets.push_back(Target{name, {}, {}});
-        std::string why = check(targets.back(), false);
+        targets.push_back(Polled{name});
+        std::string why = look_up(targets.back(), false);
         if (!why.empty()) return fail(why);
     }
     modbus_vukra_session* s = device_session(o);
     if (s == nullptr) return 1;
     int status = 0;
-    for (Target& t : targets) {
-        check(t, false); // an open loads the table again
+    for (Polled& t : targets) {
+        look_up(t, false); // an open loads the table again
         std::uint8_t value[session::kTransferSize] = {};
         const std::int32_t count = 2 * t.type.words;
         if (modbus_vukra_op_protected_readreg(s, t.name.c_str(), value, count) != count) {
@@ -88,8 +59,8 @@ int write(Options& o, const std::string& name, const std::vector<std::string>& w
     if (!load_table(o)) return 1;
     std::string text;
     for (const std::string& w : words) text += (text.empty() ? "" : " ") + w;
-    Target t{name, {}, {}};
-    std::string why = check(t, true);
+    Polled t{name};
+    std::string why = look_up(t, true);
     if (!why.empty()) return fail(why);
     std::uint8_t value[session::kTransferSize] = {};
     if (!table::parse_value(t.type, text.c_str(), value, sizeof value))
@@ -97,7 +68,7 @@ int write(Options& o, const std::string& name, const std::vector<std::string>& w
                     " (decimal, or hexadecimal with 0x for integers; buffer elements separated by blanks)");
     modbus_vukra_session* s = device_session(o);
     if (s == nullptr) return 1;
-    check(t, true);
+    look_up(t, true);
     const std::int32_t count = 2 * t.type.words;
     int status = 0;
     if (modbus_vukra_op_protected_writereg(s, name.c_str(), value, count) != count)
