@@ -5,7 +5,7 @@
 // are set where the device has them (a pseudo-terminal has none, and the
 // ioctls are then quietly refused).
 #include "platform/platform.h"
-#include "platform/posix/write_all.h"
+#include "platform/posix/fd_io.h"
 #include "platform/posix/serial_speed.h"
 
 #include <cerrno>
@@ -77,21 +77,17 @@ long serial_read_some(NativePort port, void* buffer, std::size_t capacity, std::
         errno = EBADF;
         return -1;
     }
-    pollfd p{fd, POLLIN, 0};
     for (;;) {
-        int ready = ::poll(&p, 1, static_cast<int>(timeout_ms));
-        if (ready == 0) return 0;
-        if (ready < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        if (p.revents & POLLNVAL) {
+        short events = 0;
+        const int ready = wait_readable(fd, timeout_ms, events);
+        if (ready <= 0) return ready;
+        if (events & POLLNVAL) {
             errno = EBADF;
             return -1;
         }
         ssize_t got = ::read(fd, buffer, capacity);
         if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-        if (got == 0 && (p.revents & POLLHUP)) {
+        if (got == 0 && (events & POLLHUP)) {
             // The other end of a pseudo-terminal went away: nothing more will
             // come, which a reader sees as its time-out running out.
             ::poll(nullptr, 0, static_cast<int>(timeout_ms));

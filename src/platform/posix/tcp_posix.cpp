@@ -5,7 +5,7 @@
 // on the serial line. The connect alone runs non-blocking, so that it keeps
 // to its time-out.
 #include "platform/platform.h"
-#include "platform/posix/write_all.h"
+#include "platform/posix/fd_io.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -110,14 +110,10 @@ NativePort tcp_connect(const char* host, const char* service, std::uint32_t time
 long tcp_read_some(NativePort socket, void* buffer, std::size_t capacity, std::uint32_t timeout_ms) {
     const int fd = fd_of(socket);
     if (fd < 0) return -1;
-    pollfd p{fd, POLLIN, 0};
     for (;;) {
-        int ready = ::poll(&p, 1, static_cast<int>(timeout_ms));
-        if (ready == 0) return 0;
-        if (ready < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
+        short events = 0;
+        const int ready = wait_readable(fd, timeout_ms, events);
+        if (ready <= 0) return ready;
         ssize_t got = ::recv(fd, buffer, capacity, 0);
         if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         return got > 0 ? static_cast<long>(got) : -1; // 0: closed by the other end

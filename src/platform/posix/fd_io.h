@@ -1,10 +1,12 @@
-// Writes every byte of a buffer through a call that may move fewer bytes
-// than asked or be interrupted by a signal: the serial port's write and the
-// socket's send share it.
+// What the serial port and the socket share on a file descriptor: waiting
+// for bytes with a time-out, and writing a whole buffer, both through
+// interruptions by signals.
 #pragma once
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
+#include <poll.h>
 #include <sys/types.h>
 
 namespace vukra::platform {
@@ -24,6 +26,18 @@ long write_all(const void* bytes, std::size_t count, WriteSome write_some) {
         done += static_cast<std::size_t>(n);
     }
     return static_cast<long>(done);
+}
+
+// Waits until fd has bytes to read (or has been closed): 1, with the poll's
+// events in revents; 0 when timeout_ms ran out; -1 on an error.
+inline int wait_readable(int fd, std::uint32_t timeout_ms, short& revents) {
+    pollfd p{fd, POLLIN, 0};
+    for (;;) {
+        const int ready = ::poll(&p, 1, static_cast<int>(timeout_ms));
+        if (ready < 0 && errno == EINTR) continue;
+        revents = p.revents;
+        return ready > 0 ? 1 : ready;
+    }
 }
 
 } // namespace vukra::platform
