@@ -134,6 +134,8 @@ Port* tcp_open(const char* name, const SerialSettings* settings) {
 
 const char* open_failure() { return failure; }
 
+const Transport& serial_line_transport() { return kSerialLine; }
+
 Port* tcp_adopt(platform::NativePort socket, std::uint32_t timeout_ms) {
     Port* port = new_port(kTcpConnection, socket, true);
     if (port == nullptr) return nullptr;

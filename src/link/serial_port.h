@@ -65,6 +65,10 @@ const char* open_failure();
 // not connected again once dropped.
 Port* tcp_adopt(platform::NativePort socket, std::uint32_t timeout_ms);
 
+// The serial line's transport, for a Port laid out by hand (the fuzz
+// targets' line).
+const Transport& serial_line_transport();
+
 // Applies settings; prints "%s ready\n" when a name is given. 0 or -1 (the
 // Port is then left on the invalid handle; a handle opened by name is
 // closed, one the host handed over stays open for the host).

@@ -29,6 +29,7 @@ inline FuzzLine& line() {
         int room = 1 << 20;
         ::setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
         ::setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+        made->port.transport = &link::serial_line_transport();
         made->port.native = ends[0];
         made->port.timeout_ms = 0;
         made->far_end = ends[1];
