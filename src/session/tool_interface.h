@@ -4,6 +4,7 @@
 // timer stay the library's.
 #pragma once
 
+#include "link/line_failure.h"
 #include "modbus_vukra.h"
 
 #include <cstdint>
@@ -50,15 +51,7 @@ void pause_timer(Session* session);
 // (no reply, a reply that does not decode, a dropped connection).
 inline constexpr std::int32_t kLineFailed = 513;
 
-enum class FailureKind {
-    kNone,        // nothing failed since the thread's last open or exchange
-    kPort,        // the port could not be opened (reason: why)
-    kTable,       // the register table could not be loaded
-    kBusy,        // another session of this process is open
-    kTimeout,     // no reply within the port's time-out
-    kLine,        // the line failed: connection refused or dropped, a read error
-    kUndecodable, // a reply came that does not decode
-};
+using FailureKind = link::FailureKind; // kNone, kPort, kTable, kBusy, kTimeout, kLine, kUndecodable
 
 struct Failure {
     FailureKind kind = FailureKind::kNone;
