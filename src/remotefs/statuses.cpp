@@ -52,7 +52,7 @@ const StatusEntry* find_status(std::int32_t status) {
 }
 
 int errno_of(std::int32_t status, Doing doing) {
-    if (status == 0) return 0;
+    if (status == 0) return EIO;
     const StatusEntry* e = find_status(status);
     if (e == nullptr) return doing == Doing::kLookup ? ENOENT : EIO;
     if (e->error == EEXIST && doing == Doing::kRemovingDirectory) return ENOTEMPTY;

@@ -6,6 +6,7 @@
 
 #include "link/line_failure.h"
 #include "modbus_vukra.h"
+#include "remotefs/statuses.h" // the statuses the project knows, in words and as errno
 
 #include <cstdint>
 #include <string>
@@ -13,6 +14,12 @@
 namespace vukra::tool {
 
 using Session = modbus_vukra_session;
+
+// The statuses the project knows (remotefs/statuses.h): errno_of(status,
+// doing) and status_words(status, text, size) by its rule for the others.
+using remotefs::Doing;
+using remotefs::errno_of;
+using remotefs::status_words;
 
 // ---- opening ---------------------------------------------------------------
 
