@@ -306,6 +306,17 @@ enum {
  */
 MODBUS_VUKRA_API int32_t modbus_vukra_explain(int32_t status, int32_t doing, char *text, int32_t size);
 
+/*
+ * Text to the register's value as the tools read a value typed by a
+ * person: the whole text must be a value of the register's type, in its
+ * range (integers decimal, or hexadecimal after "0x"; reals decimal, "1e3"
+ * included; a buffer's elements separated by blanks; no blank around, no
+ * text after, no "inf" or "nan"). Writes the value's words (room for 256
+ * bytes) and returns 0; -1, with value untouched, for anything else or an
+ * unknown register. Unlike register_atob, no partial parse is taken.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_register_parse(void *value, const char *name, const char *text);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,12 +1,16 @@
-// The two exports outside the op family: where the diagnostics go, and a
-// failure in words. A host cannot learn either through the 30: the
-// diagnostics are printed, and a status's meaning, or why an open gave
-// NULL, is nowhere in their results.
+// The exports outside the op family, for what a host cannot get through
+// the 30: where the diagnostics go (they are printed), a failure in words
+// (a status's meaning, why an open gave NULL, what the line met), and the
+// strict reading of a value typed by a person (register_atob is lenient by
+// contract: text that does not parse still gives 0).
 #include "link/line_failure.h"
 #include "remotefs/statuses.h"
 #include "remotefs/transport.h"
 #include "session/export_guard.h"
 #include "session/log.h"
+#include "session/named_registers.h"
+#include "table/register_table.h"
+#include "table/value_parse.h"
 
 #include <cstdio>
 
@@ -35,6 +39,18 @@ MODBUS_VUKRA_API int32_t modbus_vukra_explain(int32_t status, int32_t doing, cha
     }
     if (text != nullptr && size > 0) std::snprintf(text, static_cast<std::size_t>(size), "%s", words);
     return error;
+}
+
+MODBUS_VUKRA_API int32_t modbus_vukra_register_parse(void* value, const char* name, const char* text) {
+    using namespace vukra;
+    return session::guarded<std::int32_t>(-1, [&] {
+        if (value == nullptr || text == nullptr) return -1;
+        table::TableLock table_lock; // a session opened meanwhile may reload the table
+        table::RegisterRecord reg;
+        table::TypeRecord type;
+        if (!table::find_register(reg, type, name)) return -1;
+        return table::parse_value(type, text, value, session::kTransferSize) ? 0 : -1;
+    });
 }
 
 } // extern "C"
