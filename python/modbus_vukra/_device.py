@@ -249,6 +249,7 @@ class Device:
                     log.warning("modbus_vukra: closing %s: %s", getattr(f, "name", "a file"), error)
             with self._life:
                 handle, self._handle = self._handle, None
+            _open_devices.discard(self)
         # Outside the lock: the close waits for a running status callback,
         # which may itself be waiting for the lock.
         self._lib.session_close(handle)
