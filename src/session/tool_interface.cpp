@@ -1,6 +1,7 @@
 #include "session/tool_interface.h"
 
 #include "link/line_failure.h"
+#include "link/register_transactions.h"
 #include "session/session.h"
 
 namespace vukra::tool {
@@ -28,6 +29,13 @@ Hold::~Hold() {
 
 void pause_timer(Session* session) {
     if (session != nullptr && session->timer != nullptr) platform::timer_disarm(session->timer);
+}
+
+int read_register(Session* session, const table::RegisterRecord& reg, const table::TypeRecord& type, void* value,
+                  std::size_t capacity) {
+    if (session == nullptr || session->port == nullptr) return -1;
+    platform::LockGuard operations(session->operations_lock);
+    return link::modbus_read_registers(session->port, reg, type, value, capacity);
 }
 
 Failure last_failure() {

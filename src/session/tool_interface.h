@@ -7,7 +7,9 @@
 #include "link/line_failure.h"
 #include "modbus_vukra.h"
 #include "remotefs/statuses.h" // the statuses the project knows, in words and as errno
+#include "table/register_table.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -70,7 +72,13 @@ struct Failure {
 Failure last_failure();
 
 // ---- raw exchanges with the device -------------------------------------------
-// (For a tool that forwards what others send: one SLIP packet, one Modbus
-// transaction. Added with the tool that needs them.)
+// For a tool that reads by the table's records rather than by name, or
+// forwards what others send (one SLIP packet, one Modbus transaction: added
+// with the tool that needs them). Each holds the operations lock.
+
+// A function-3 read of reg (of type) into value (capacity bytes, one
+// host-order number): 1, 0 for a wrong answer, -1 for no valid reply.
+int read_register(Session* session, const table::RegisterRecord& reg, const table::TypeRecord& type, void* value,
+                  std::size_t capacity);
 
 } // namespace vukra::tool
