@@ -1,6 +1,7 @@
 // vukra-gen: writes the device side's C sources and the HTML pages of a
 // register table.
 #include "../common/command_line.h"
+#include "../common/library_lines.h"
 #include "../common/table_errors.h"
 #include "codegen/c_sources.h"
 #include "codegen/table_check.h"
@@ -63,6 +64,7 @@ int page_written(const std::string& path) {
 int live_page(const Options& o, const std::string& path) {
     modbus_vukra_session* s = nullptr;
     if (!o.port.empty()) {
+        tools::library_lines_to(nullptr); // the page is the output; the library's lines are not
         s = tool::open(o.port.c_str(), o.table.c_str(), false);
         if (s == nullptr) {
             std::fprintf(stderr, "vukra-gen: %s\n", tool::last_failure().reason.c_str());
