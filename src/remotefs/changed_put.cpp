@@ -33,18 +33,32 @@ struct Baseline {
     ImageLayout layout;
     std::uint64_t card_size = 0;
     std::vector<std::uint8_t> head;    // bytes 0 to the data start: header, map, metadata
-    std::vector<std::uint64_t> sums;   // digest of each group the map marked used
+    // Of each group the map marked used, a digest of each change unit's
+    // part in it: what tells a change by hand from the library's.
+    std::vector<std::vector<std::uint32_t>> sums;
 };
 
 Baseline baseline;
 
-// FNV-1a: a digest to notice a group changed by hand, not a protection
+// FNV-1a: a digest to notice a unit changed by hand, not a protection
 // against a crafted one.
-std::uint64_t digest(const std::uint8_t* p, std::size_t n) {
-    std::uint64_t h = 0xcbf29ce484222325ull;
-    for (std::size_t i = 0; i < n; ++i) h = (h ^ p[i]) * 0x100000001b3ull;
+std::uint32_t digest(const std::uint8_t* p, std::size_t n) {
+    std::uint32_t h = 0x811c9dc5u;
+    for (std::size_t i = 0; i < n; ++i) h = (h ^ p[i]) * 0x01000193u;
     return h;
 }
+
+// Calls each(from, to) for the parts of [offset, offset + length) that
+// lie in one change unit each, in order.
+template <typename Each>
+void for_each_unit(std::uint64_t offset, std::uint64_t length, Each&& each) {
+    for (std::uint64_t at = offset, end = offset + length; at < end;) {
+        const std::uint64_t to = std::min(end, (at / kUnit + 1) * kUnit);
+        each(at, to);
+        at = to;
+    }
+}
+
 
 bool map_used(const ImageLayout& l, const std::vector<std::uint8_t>& head, std::uint32_t group) {
     return group < l.map_size && head[l.map_start + group] != 0;
@@ -133,11 +147,25 @@ struct Run {
     std::uint64_t from, to;
 };
 
+// Appends [from, to) to runs, joined to the last run when they meet.
+void add_run(std::vector<Run>& runs, std::uint64_t from, std::uint64_t to) {
+    if (!runs.empty() && runs.back().to == from)
+        runs.back().to = to;
+    else
+        runs.push_back({from, to});
+}
+
+// The runs of one data group to send.
+struct GroupRuns {
+    std::uint32_t group;
+    std::vector<Run> runs;
+};
+
 // What the put sends, and whether the local card changed outside the
 // library.
 struct Plan {
     std::vector<std::uint8_t> head; // the local card's header, map and metadata now
-    std::vector<std::uint32_t> groups;
+    std::vector<GroupRuns> groups;
     std::vector<Run> metadata, map, header, signature;
     bool changed_by_hand = false;
     bool empty() const {
@@ -150,19 +178,32 @@ struct Plan {
 // differs but was not written marks the card changed by hand.
 std::vector<Run> head_runs(Plan& plan, std::uint64_t from, std::uint64_t to) {
     std::vector<Run> runs;
-    for (std::uint64_t at = from; at < to;) {
-        const std::uint64_t end = std::min(to, (at / kUnit + 1) * kUnit);
-        const bool differs = std::memcmp(plan.head.data() + at, baseline.head.data() + at, end - at) != 0;
-        if (differs && !kernel::card_changed(at, end - at)) plan.changed_by_hand = true;
-        if (differs) {
-            if (!runs.empty() && runs.back().to == at)
-                runs.back().to = end;
-            else
-                runs.push_back({at, end});
-        }
-        at = end;
-    }
+    for_each_unit(from, to - from, [&](std::uint64_t at, std::uint64_t end) {
+        if (std::memcmp(plan.head.data() + at, baseline.head.data() + at, end - at) == 0) return;
+        if (!kernel::card_changed(at, end - at)) plan.changed_by_hand = true;
+        add_run(runs, at, end);
+    });
     return runs;
+}
+
+// The runs of a group used at the get and now: the units the library
+// wrote. The others must be as they were (their digests tell).
+bool group_runs(const LocalCard& card, std::uint32_t i, std::vector<std::uint8_t>& bytes, Plan& plan) {
+    const ImageLayout& l = baseline.layout;
+    const std::uint64_t offset = l.group_offset(i);
+    const std::uint32_t length = group_length(l, baseline.card_size, i);
+    if (!card.read_at(offset, bytes.data(), length)) return false;
+    GroupRuns g{i, {}};
+    std::size_t k = 0;
+    for_each_unit(offset, length, [&](std::uint64_t at, std::uint64_t end) {
+        if (kernel::card_changed(at, end - at))
+            add_run(g.runs, at, end);
+        else if (digest(bytes.data() + (at - offset), end - at) != baseline.sums[i][k])
+            plan.changed_by_hand = true;
+        ++k;
+    });
+    if (!g.runs.empty()) plan.groups.push_back(std::move(g));
+    return true;
 }
 
 // Compares the local card with the baseline; false when it cannot be read
@@ -182,15 +223,12 @@ bool make_plan(const LocalCard& card, Plan& plan) {
     std::vector<std::uint8_t> group(l.chunk());
     for (std::uint32_t i = 0; i < l.group_count; ++i) {
         if (!map_used(l, plan.head, i)) continue; // an unused group is not sent, as a full put skips it
-        const std::uint32_t length = group_length(l, baseline.card_size, i);
         // A group that was unused at the get holds, on the device, bytes
         // the get did not fetch: it goes whole.
-        if (!map_used(l, baseline.head, i) || kernel::card_changed(l.group_offset(i), length)) {
-            plan.groups.push_back(i);
-            continue;
-        }
-        if (!card.read_at(l.group_offset(i), group.data(), length)) return false;
-        if (digest(group.data(), length) != baseline.sums[i]) plan.changed_by_hand = true;
+        if (!map_used(l, baseline.head, i))
+            plan.groups.push_back({i, {{l.group_offset(i), l.group_offset(i) + group_length(l, baseline.card_size, i)}}});
+        else if (!group_runs(card, i, group, plan))
+            return false;
     }
     return true;
 }
@@ -224,10 +262,11 @@ std::uint64_t send(session::Session& s, const LocalCard& card, const Plan& plan)
     set_state(s, kPhaseData, 0);
     std::vector<std::uint8_t> group(l.chunk());
     for (std::size_t n = 0; n < plan.groups.size(); ++n) {
-        const std::uint32_t i = plan.groups[n];
-        const std::uint32_t length = group_length(l, baseline.card_size, i);
-        if (!card.read_at(l.group_offset(i), group.data(), length)) throw Stopped{kLocalCardFailed};
-        remote_write(s, l.group_offset(i), group.data(), length, written);
+        const std::uint64_t offset = l.group_offset(plan.groups[n].group);
+        const std::uint32_t length = group_length(l, baseline.card_size, plan.groups[n].group);
+        if (!card.read_at(offset, group.data(), length)) throw Stopped{kLocalCardFailed};
+        for (const Run& r : plan.groups[n].runs)
+            remote_write(s, r.from, group.data() + (r.from - offset), r.to - r.from, written);
         if (progress_and_cancel(s, n + 1, plan.groups.size())) throw Stopped{kTransferCancelled};
     }
     // Then the metadata, the map and the header, the signature last; no
@@ -246,13 +285,16 @@ void remember_local_card() {
     Baseline b;
     if (!card.read_head(b.layout, b.head)) return;
     b.card_size = card.size();
-    b.sums.assign(b.layout.group_count, 0);
+    b.sums.resize(b.layout.group_count);
     std::vector<std::uint8_t> group(b.layout.chunk());
     for (std::uint32_t i = 0; i < b.layout.group_count; ++i) {
         if (!map_used(b.layout, b.head, i)) continue;
+        const std::uint64_t offset = b.layout.group_offset(i);
         const std::uint32_t length = group_length(b.layout, b.card_size, i);
-        if (!card.read_at(b.layout.group_offset(i), group.data(), length)) return;
-        b.sums[i] = digest(group.data(), length);
+        if (!card.read_at(offset, group.data(), length)) return;
+        for_each_unit(offset, length, [&](std::uint64_t at, std::uint64_t end) {
+            b.sums[i].push_back(digest(group.data() + (at - offset), end - at));
+        });
     }
     b.kept = true;
     baseline = std::move(b);
