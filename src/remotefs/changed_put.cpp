@@ -186,6 +186,17 @@ std::vector<Run> head_runs(Plan& plan, std::uint64_t from, std::uint64_t to) {
     return runs;
 }
 
+// The blocks in use of group i, as runs.
+std::vector<Run> used_blocks(const ImageLayout& l, const std::vector<std::uint8_t>& head, std::uint32_t i) {
+    std::vector<Run> runs;
+    const std::uint64_t start = l.group_offset(i), end = start + group_length(l, baseline.card_size, i);
+    for (std::uint32_t b = 0; b < kBlocksPerGroup; ++b) {
+        const std::uint64_t from = start + std::uint64_t{b} * l.block_size;
+        if ((head[l.map_start + i] >> b & 1) != 0 && from < end) add_run(runs, from, std::min(end, from + l.block_size));
+    }
+    return runs;
+}
+
 // The runs of a group used at the get and now: the units the library
 // wrote. The others must be as they were (their digests tell).
 bool group_runs(const LocalCard& card, std::uint32_t i, std::vector<std::uint8_t>& bytes, Plan& plan) {
@@ -224,9 +235,10 @@ bool make_plan(const LocalCard& card, Plan& plan) {
     for (std::uint32_t i = 0; i < l.group_count; ++i) {
         if (!map_used(l, plan.head, i)) continue; // an unused group is not sent, as a full put skips it
         // A group that was unused at the get holds, on the device, bytes
-        // the get did not fetch: it goes whole.
+        // the get did not fetch: each of its blocks in use goes whole (bit
+        // b of the group's map byte is its block b).
         if (!map_used(l, baseline.head, i))
-            plan.groups.push_back({i, {{l.group_offset(i), l.group_offset(i) + group_length(l, baseline.card_size, i)}}});
+            plan.groups.push_back({i, used_blocks(l, plan.head, i)});
         else if (!group_runs(card, i, group, plan))
             return false;
     }
