@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
 
@@ -89,6 +90,11 @@ TEST_F(ChangedPut, EachChangeTravelsInAFewBytesAndTheCardsAgree) {
                 EXPECT_EQ(remote.compare(at, l.chunk(), local, at, l.chunk()), 0) << i;
             }
         }
+        // The data first, then the metadata, then the map (the header does not change).
+        std::vector<int> regions;
+        for (const std::size_t at : device.write_positions())
+            regions.push_back(at >= l.data_start() ? 2 : at >= l.metadata_start() ? 1 : 0);
+        EXPECT_TRUE(std::is_sorted(regions.rbegin(), regions.rend()));
         test::write_file("device.img", remote);
         EXPECT_EQ(on_card("device.img", "check"), 0);
 
