@@ -122,7 +122,7 @@ long disk_write(Descriptor fd, const void* buffer, std::size_t count) {
 long sdcard_write(Descriptor fd, const void* buffer, std::size_t count) {
     const std::int32_t at = descriptor_position(fd);
     const long n = disk_write<sdcard>(fd, buffer, count);
-    if (n > 0) note_card_write(static_cast<std::uint32_t>(at), static_cast<std::uint64_t>(n));
+    if (n > 0 && at >= 0) note_card_write(static_cast<std::uint64_t>(at), static_cast<std::uint64_t>(n));
     return n;
 }
 

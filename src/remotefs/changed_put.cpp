@@ -1,12 +1,13 @@
 // The put of what changed: after a get (or a put) the library keeps the
 // local card's header, map and metadata as they were then, with a digest
-// of every used group, and the SD card's driver notes every write since
-// (kernel/card_changes.h). A put of the changed parts sends only the
-// groups and the pieces of the map and metadata that the library wrote
-// and that now differ, once it has made sure that neither card changed
-// behind its back: the local card outside the library (what differs but
-// was not written through it), the device's card by another program (its
-// header, map and metadata read back and compared).
+// of each 64-byte unit of the used groups, and the SD card's driver notes
+// every write since (kernel/card_changes.h). A put of the changed parts
+// sends only the units of the groups that the library wrote, and the
+// pieces of the map and metadata that differ, once it has made sure that
+// neither card changed behind its back: the local card outside the
+// library (what differs but was not written through it), the device's
+// card by another program (its header, map and metadata read back and
+// compared). See docs/image-transfer.md.
 #include "remotefs/image_transfer.h"
 
 #include "kernel/card_changes.h"
@@ -58,7 +59,6 @@ void for_each_unit(std::uint64_t offset, std::uint64_t length, Each&& each) {
         at = to;
     }
 }
-
 
 bool map_used(const ImageLayout& l, const std::vector<std::uint8_t>& head, std::uint32_t group) {
     return group < l.map_size && head[l.map_start + group] != 0;
