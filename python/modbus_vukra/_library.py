@@ -1,4 +1,4 @@
-"""Finding the shared library and declaring its 30 exports for ctypes.
+"""Finding the shared library and declaring its exports (the 30 of the op family and the few beyond) for ctypes.
 
 The library is looked for, in order, at the path in MODBUS_VUKRA_LIBRARY,
 beside this package, then by the system's search. It is loaded on first
