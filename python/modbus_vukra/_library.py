@@ -1,4 +1,5 @@
-"""Finding the shared library and declaring its exports (the 30 of the op family and the few beyond) for ctypes.
+"""Finding the shared library and declaring its exports for ctypes: the 30 of
+the op family and the few beyond it.
 
 The library is looked for, in order, at the path in MODBUS_VUKRA_LIBRARY,
 beside this package, then by the system's search. It is loaded on first
