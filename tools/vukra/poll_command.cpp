@@ -138,8 +138,9 @@ void add_poll_command(CLI::App& app, Options& options) {
             "N>=1"));
     command->add_option("--format", po->format, "text, csv or json (one object a line)")->check(format_check());
     command->add_option("--mqtt", po->mqtt,
-                        "publish to mqtt://HOST:PORT/PREFIX (mqtts:// for TLS): retained JSON at PREFIX/NAME, "
-                        "writes from PREFIX/NAME/set, refusals at PREFIX/NAME/error, PREFIX/status online/offline");
+                        "publish to mqtt://HOST:PORT/PREFIX (mqtts:// for TLS): retained JSON at PREFIX/register/NAME, "
+                        "writes from PREFIX/register/NAME/set, refusals at PREFIX/register/NAME/error, PREFIX/status "
+                        "online/offline");
     command->add_option("--mqtt-credentials", po->credentials,
                         "a file: the broker's user name on its first line, the password on its second (else "
                         "VUKRA_MQTT_USERNAME and VUKRA_MQTT_PASSWORD)");
