@@ -11,7 +11,6 @@
 #include "interrupt.h"
 #include "poll_values.h"
 
-
 #ifdef VUKRA_HAVE_MQTT
 #include "mqtt_bridge.h"
 #endif
