@@ -2,6 +2,7 @@
 // buffers and their lock.
 #include "remotefs/transport.h"
 
+#include "kernel/vfs.h"
 #include "link/slip.h"
 #include "remotefs/local_server.h"
 
@@ -38,6 +39,10 @@ std::int32_t serve_locally(session::Session& s, std::uint8_t code, std::uint8_t*
     const std::uint32_t start = platform::clock_ms();
     const std::int32_t served = local_serve(code, reply, request, length);
     if (served < 0) return -1;
+    // The local card on disk holds every answered change, the volume's own
+    // bookkeeping included: a process that ends before its putfs leaves a
+    // card whose files are sound.
+    if (code >= kOpWrite && code <= kOpRmdir) kernel::flush_mounts();
     const std::uint32_t duration = platform::clock_ms() - start;
     // The mirror session has no locks of its own; its statistics count the
     // request frame.
