@@ -7,6 +7,7 @@
 #include "kernel/kernel_diagnostics.h"
 #include "kernel/vfs.h"
 #include "remotefs/file_operations.h"
+#include "remotefs/local_card.h"
 #include "remotefs/local_server.h"
 
 #include <algorithm>
@@ -361,6 +362,7 @@ std::int32_t transfer(session::Session& s, TransferDirection direction) {
 } // namespace
 
 std::int32_t getfs(session::Session& s) {
+    if (!hold_local_card(s)) return -1;
     if (transfer(s, kGet) != 0) {
         // The local card is partly written: "/mem" stays unmounted and its
         // paths go to the device again until a get succeeds.

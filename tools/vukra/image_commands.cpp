@@ -111,6 +111,13 @@ int card_transfer(Options& o, bool get) {
         const std::int32_t error = modbus_vukra_op_session_error(r.session);
         if (error == -11)
             return fail(std::string(label) + " cancelled at Ctrl-C (status -11): " + left_behind(get, error));
+        if (error == -15) {
+            std::error_code e;
+            return fail(std::string(label) + " refused: the local card sdcard0.o in " +
+                        shown(std::filesystem::current_path(e)) +
+                        " is held by another process (a mount --mirror or getfs running in that directory); "
+                        "neither card was changed: start this one in another directory");
+        }
         return fail(std::string(label) + " failed: " + failure(r.session) + "; " + left_behind(get, error));
     }
     // The summary ends the progress line of a terminal, or answers -v.
