@@ -113,12 +113,34 @@ int serve(Options& o, const Settings& settings, mount::State& st) {
     return looped < 0 ? fail("the mount on " + settings.directory + " failed: " + std::strerror(-looped)) : 0;
 }
 
-// Keeps the local card under a name no later run overwrites; empty when the copy failed.
-std::string keep_local_card() {
+// A name for the local card that no later run overwrites, and no other
+// card bears yet.
+std::string unsaved_name() {
     char stamp[32];
     const std::time_t now = std::time(nullptr);
     std::strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", std::localtime(&now));
-    const std::string kept = std::string("sdcard0-unsaved-") + stamp + ".o";
+    std::string name = std::string("sdcard0-unsaved-") + stamp + ".o";
+    for (int n = 2; std::filesystem::exists(name); ++n)
+        name = std::string("sdcard0-unsaved-") + stamp + "-" + std::to_string(n) + ".o";
+    return name;
+}
+
+// From the first write under the mirror until its put succeeds, the local
+// card has a second name: whatever ends vukra meanwhile (a signal, even
+// SIGKILL, a crash) leaves the card kept under it, and the next getfs here
+// leaves it alone (it makes a new sdcard0.o). Empty, after a warning, when
+// the directory cannot give a file two names.
+std::string second_name() {
+    const std::string kept = unsaved_name();
+    if (::link(kLocalCard, kept.c_str()) == 0) return kept;
+    std::fprintf(stderr, "vukra: cannot give the local card a second name (%s): should vukra end before its put, "
+                         "what was written is only in %s\n", std::strerror(errno), kLocalCard);
+    return "";
+}
+
+// Keeps the local card under a name no later run overwrites; empty when the copy failed.
+std::string keep_local_card() {
+    const std::string kept = unsaved_name();
     std::error_code e;
     std::filesystem::copy_file(kLocalCard, kept, e);
     return e ? "" : kept;
@@ -133,14 +155,22 @@ int run(Options& o, const Settings& settings) {
     data_stream(o); // the library's lines go to stderr from here on
     if (settings.mirror && card_transfer(o, true) != 0) return 1;
 
+    std::string kept;
+    if (settings.mirror) st.first_write = [&kept] { kept = second_name(); };
     const int status = serve(o, settings, st);
     if (!settings.mirror) return status;
+    // The put ends with the local card's second name gone: what was written
+    // is on the device, or (--no-put) only in the local card, as asked.
+    const auto let_go = [&kept] {
+        if (!kept.empty()) unlink(kept.c_str());
+    };
     if (!st.written) {
         if (!o.quiet) std::fprintf(stderr, "vukra: nothing was written under %s: the device's card is as it was\n",
                                    settings.directory.c_str());
         return status;
     }
     if (settings.no_put) {
+        let_go();
         // Asked for: not a failure, but never silent.
         std::fprintf(stderr, "vukra: --no-put: what was written under %s is only in the local card %s, which the "
                              "next getfs or mount --mirror here overwrites\n",
@@ -156,8 +186,11 @@ int run(Options& o, const Settings& settings) {
     const int put = card_transfer(o, false);
     sigaction(SIGTERM, &term, nullptr);
     sigaction(SIGHUP, &hang_up, nullptr);
-    if (put == 0) return status;
-    const std::string kept = keep_local_card();
+    if (put == 0) {
+        let_go();
+        return status;
+    }
+    if (kept.empty()) kept = keep_local_card();
     return fail("what was written under " + settings.directory + " did not reach the device; " +
                 (kept.empty() ? std::string("the local card ") + kLocalCard + " holds it (copy it aside now)"
                               : "the local card is kept as " + kept) +
