@@ -38,6 +38,8 @@ struct Settings {
 
 // The local card of the library's kernel, in the working directory.
 constexpr const char* kLocalCard = "sdcard0.o";
+// Where the device shows its card's files.
+constexpr const char* kCardRoot = "/mem";
 
 // 0 when directory can be mounted on, else the failure status after saying why.
 int refuse_mount_point(const std::string& directory) {
@@ -82,6 +84,13 @@ int serve(Options& o, const Settings& settings, mount::State& st) {
     st.gid = getgid();
 
     modbus_vukra_attributes a{};
+    if (st.root.empty()) {
+        // By default the card's files: they outlive a restart of the device,
+        // and df tells their size and use. A device without a card shows
+        // its whole tree.
+        const bool card = modbus_vukra_op_protected_lookup(st.session, kCardRoot, &a) == 0 && is_directory(a);
+        st.root = card ? kCardRoot : "/";
+    }
     if (modbus_vukra_op_protected_lookup(st.session, st.root.c_str(), &a) != 0)
         return device_fail(remote, "mount", st.root);
     if (!is_directory(a)) return fail("cannot mount " + st.root + ": not a directory");
@@ -148,7 +157,8 @@ std::string keep_local_card() {
 
 int run(Options& o, const Settings& settings) {
     mount::State st;
-    st.root = settings.root.empty() ? (settings.mirror ? "/mem" : "/") : remote_path(settings.root);
+    // Without --root: the card (kCardRoot) when the device has one, else "/".
+    st.root = settings.root.empty() ? (settings.mirror ? kCardRoot : "") : remote_path(settings.root);
     if (settings.mirror && st.root != "/mem" && st.root.compare(0, 5, "/mem/") != 0)
         usage_error("mount --mirror serves the local copy of the card, /mem: --root must be /mem or below it");
     if (const int refused = refuse_mount_point(settings.directory)) return refused;
@@ -204,7 +214,8 @@ void add_mount_command(CLI::App& app, Options& options) {
     CLI::App* command = app.add_subcommand(
         "mount", "the device's files as the directory DIR of this host until it is unmounted (Linux, FUSE 3)");
     command->add_option("DIR", settings->directory, "an empty directory")->required();
-    command->add_option("--root", settings->root, "the device's directory shown as DIR (default /; /mem with --mirror)");
+    command->add_option("--root", settings->root,
+                        "the device's directory shown as DIR (default: its card, /mem, when it has one, else /)");
     command->add_option("--cache", settings->cache_seconds,
                         "seconds that attributes and listings are reused (default 2; 0: ask the device every time); "
                         "what the mount changes itself is forgotten at once")
