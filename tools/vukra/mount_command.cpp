@@ -1,10 +1,11 @@
-// vukra mount DIR: the device's tree under DIR until it is unmounted
-// (fusermount3 -u DIR, Ctrl-C or SIGTERM). A mount point that cannot be
-// used is refused before the port opens. With --mirror the whole card is
-// copied into the library's local card first, the mount serves that copy,
-// and the copy goes back to the device after the unmount when anything was
-// written; a put that fails keeps the local card aside under a name of its
-// own and says where.
+// vukra mount DIR: the device's card (or, without one, its whole tree)
+// under DIR until it is unmounted (fusermount3 -u DIR, Ctrl-C or SIGTERM).
+// A mount point that cannot be used is refused before the port opens. With
+// --mirror the whole card is copied into the library's local card first,
+// the mount serves that copy, and the copy goes back to the device after
+// the unmount when anything was written; from the first write until that
+// put succeeds the local card has a second name of its own, which stays
+// when vukra ends before (a failed put, a signal, a crash).
 #include "chain.h"
 #include "cli.h"
 #include "device.h"

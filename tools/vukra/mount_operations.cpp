@@ -101,13 +101,14 @@ void fill(const State& st, const modbus_vukra_attributes& a, struct stat& out) {
     out.st_atime = out.st_mtime = out.st_ctime = a.words[kAttrTime];
 }
 
-// A request that changes the device's files: what it touches leaves the
-// cache, and the current handle is the device's to choose.
+// The device's files are about to change (the first time: first_write).
 void wrote(State& st) {
     if (!st.written && st.first_write) st.first_write();
     st.written = true;
 }
 
+// A request that changes the device's files: what it touches leaves the
+// cache, and the current handle is the device's to choose.
 void changing(State& st, const std::string& path) {
     st.current = 0;
     wrote(st);
