@@ -13,7 +13,7 @@ MEANINGS = {
     -12: "not an image the library takes",
     -13: "the device stopped giving bytes",
     -14: "the local card failed",
-    -15: "the local card is held by another process",
+    -18: "the local card is held by another process",
     -20: "exists, or not empty",
     -22: "a directory cannot move into itself",
     -29: "refused",

@@ -18,7 +18,7 @@ inline constexpr std::int32_t kTransferCancelled = -11; // cancelfs
 inline constexpr std::int32_t kImageRefused = -12;      // map, metadata or a group's start past the local card's end
 inline constexpr std::int32_t kTransferStalled = -13;   // no byte came for the map, metadata or signature, or a write moved none
 inline constexpr std::int32_t kLocalCardFailed = -14;   // the local card could not be read, written or mounted
-inline constexpr std::int32_t kLocalCardInUse = -15;    // another process holds the local card of this directory
+inline constexpr std::int32_t kLocalCardInUse = -18;    // another process holds the local card of this directory
 
 inline constexpr const char* kCardPath = "/dev/sdcard0";
 inline constexpr const char* kMirrorMount = "/mem";

@@ -111,7 +111,7 @@ int card_transfer(Options& o, bool get) {
         const std::int32_t error = modbus_vukra_op_session_error(r.session);
         if (error == -11)
             return fail(std::string(label) + " cancelled at Ctrl-C (status -11): " + left_behind(get, error));
-        if (error == -15) {
+        if (error == -18) {
             std::error_code e;
             return fail(std::string(label) + " refused: the local card sdcard0.o in " +
                         shown(std::filesystem::current_path(e)) +
