@@ -182,7 +182,7 @@ rm sdcard0-unsaved-*.o
 mount_on --mirror
 printf 'kept\n' >mnt/killed.txt
 kill -KILL $mount_pid
-wait $mount_pid
+wait $mount_pid 2>/dev/null
 # auto_unmount takes the dead mount away (a stat fails until then)
 for _ in $(seq 300); do stat mnt >/dev/null 2>&1 && ! mountpoint -q mnt && break; sleep 0.05; done
 mount_on --mirror --no-put
