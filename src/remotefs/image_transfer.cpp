@@ -8,6 +8,7 @@
 #include "kernel/vfs.h"
 #include "remotefs/file_operations.h"
 #include "remotefs/image_layout.h"
+#include "remotefs/local_card.h"
 #include "remotefs/local_server.h"
 
 #include <algorithm>
@@ -340,6 +341,7 @@ std::int32_t transfer(session::Session& s, TransferDirection direction) {
 } // namespace
 
 std::int32_t getfs(session::Session& s) {
+    if (!hold_local_card(s)) return -1;
     forget_local_card();
     if (transfer(s, kGet) != 0) {
         // The local card is partly written: "/mem" stays unmounted and its

@@ -136,6 +136,13 @@ int card_transfer(Options& o, bool get, bool changed) {
                         "before the device uses it");
         if (error == -11)
             return fail(std::string(label) + " cancelled at Ctrl-C (status -11): " + left_behind(get, error));
+        if (error == -18) {
+            std::error_code e;
+            return fail(std::string(label) + " refused: the local card sdcard0.o in " +
+                        shown(std::filesystem::current_path(e)) +
+                        " is held by another process (a mount --mirror or getfs running in that directory); "
+                        "neither card was changed: start this one in another directory");
+        }
         return fail(std::string(label) + " failed: " + failure(r.session) + "; " + left_behind(get, error));
     }
     // Said even without -v: a put that wrote nothing is not mistaken for one that did.
