@@ -6,6 +6,7 @@
 
 #include "modbus_vukra.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -70,7 +71,28 @@ struct Failure {
 Failure last_failure();
 
 // ---- raw exchanges with the device -------------------------------------------
-// (For a tool that forwards what others send: one SLIP packet, one Modbus
-// transaction. Added with the tool that needs them.)
+// For a tool that forwards what others send (vukra serve), each under the
+// Session's operations lock, after dropping what the line holds, so that a
+// reply too late for an earlier exchange is never taken for this one's.
+
+// The longest PDU (function code and data) of a Modbus request or reply.
+inline constexpr std::size_t kMaxPdu = 253;
+
+// One Modbus transaction as a client asked for it: the request PDU goes to
+// the device's address in an ASCII frame; the reply's PDU lands in reply
+// (kMaxPdu bytes). Its length, or -1 without a sound reply that answers
+// this request (a read's reply must carry the words asked for, a write's
+// echo its address and quantity). An exception reply (the function with
+// 0x80, and its code) is a reply.
+long modbus_exchange(Session* session, const std::uint8_t* pdu, std::size_t length, std::uint8_t* reply);
+
+// One SLIP packet of client (a number the tool gives each of its clients)
+// to the device and one back into reply (capacity bytes): its length, or -1
+// when none came within the time-out. The device's one current file handle
+// is kept to each client's own (see remotefs/relay.h).
+long packet_exchange(Session* session, int client, const std::uint8_t* packet, std::size_t length,
+                     std::uint8_t* reply, std::size_t capacity);
+// The client has gone.
+void packet_client_gone(int client);
 
 } // namespace vukra::tool
