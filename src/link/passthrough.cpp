@@ -37,9 +37,12 @@ long modbus_pass(Port* port, const std::uint8_t* pdu, std::size_t length, std::u
     for (std::size_t i = 0; i < length; ++i) frame_put_byte(request, pdu[i]);
     frame_put_lrc(request);
     frame_end(request);
+    frame_print(request);
     serial_purge(port);
     frame_send(port, request);
-    if (!frame_receive(port, answer) || !frame_check(answer)) return -1;
+    if (!frame_receive(port, answer)) return -1;
+    frame_print(answer);
+    if (!frame_check(answer)) return -1;
     // The PDU's pairs lie between the address and the LRC.
     const std::size_t got = static_cast<std::size_t>(answer.length - 7) / 2;
     if (got > kMaxPdu) return -1;

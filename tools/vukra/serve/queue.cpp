@@ -13,18 +13,21 @@ void report(const std::vector<std::shared_ptr<Job>>& jobs, Outcome outcome) {
         if (job->done) job->done(outcome);
 }
 
-// Pops heads that will not run (abandoned, or past their deadline) into
-// dropped. Under the queue's mutex.
-void drop_dead_heads(Queue& q, Clock::time_point now, std::vector<std::shared_ptr<Job>>& dropped) {
+// Takes the jobs that will not run (abandoned, or past their deadline)
+// out of the queue into dropped. Under the queue's mutex.
+void drop_dead(Queue& q, Clock::time_point now, std::vector<std::shared_ptr<Job>>& dropped) {
     for (auto& [client, jobs] : q.clients) {
-        while (!jobs.empty()) {
-            Job& head = *jobs.front();
+        for (auto j = jobs.begin(); j != jobs.end();) {
+            Job& job = **j;
             int queued = kQueued;
-            const bool dead = head.state.load() == kAbandoned ||
-                              (now >= head.deadline && head.state.compare_exchange_strong(queued, kAbandoned));
-            if (!dead) break;
-            dropped.push_back(std::move(jobs.front()));
-            jobs.pop_front();
+            const bool dead = job.state.load() == kAbandoned ||
+                              (now >= job.deadline && job.state.compare_exchange_strong(queued, kAbandoned));
+            if (!dead) {
+                ++j;
+                continue;
+            }
+            dropped.push_back(std::move(*j));
+            j = jobs.erase(j);
             --q.queued;
         }
     }
@@ -114,7 +117,7 @@ std::shared_ptr<Job> next(Queue& q) {
             std::unique_lock lock(q.mutex);
             for (;;) {
                 if (q.stopping) return nullptr;
-                drop_dead_heads(q, Clock::now(), dropped);
+                drop_dead(q, Clock::now(), dropped);
                 if (!dropped.empty()) break; // reported outside the lock, then the pick again
                 const int client = pick(q);
                 if (client != 0) {
@@ -140,6 +143,42 @@ void finish(Job& job) {
     int running = kRunning;
     const bool wanted = job.state.compare_exchange_strong(running, kFinished);
     if (job.done) job.done(wanted ? Outcome::kDone : Outcome::kExpired);
+}
+
+Outcome call(Queue& q, int client, Priority priority, Clock::duration patience,
+             std::function<void(modbus_vukra_session*)> work) {
+    struct Waiting {
+        std::mutex mutex;
+        std::condition_variable over;
+        bool reported = false;
+        Outcome outcome = Outcome::kGone;
+    };
+    auto waiting = std::make_shared<Waiting>();
+    auto job = std::make_shared<Job>();
+    job->client = client;
+    job->priority = priority;
+    job->deadline = Clock::now() + patience;
+    job->work = std::move(work);
+    job->done = [waiting](Outcome outcome) {
+        std::lock_guard lock(waiting->mutex);
+        waiting->outcome = outcome;
+        waiting->reported = true;
+        waiting->over.notify_all();
+    };
+    if (submit(q, job) != Submitted::kQueued) return Outcome::kRefused;
+    std::unique_lock lock(waiting->mutex);
+    // Past the deadline the job will not start; one that runs is waited for.
+    if (!waiting->over.wait_until(lock, job->deadline, [&] { return waiting->reported; })) {
+        lock.unlock();
+        abandon(*job);
+        {
+            std::lock_guard wake(q.mutex); // the line's thread reports a queued one as it passes
+        }
+        q.changed.notify_one();
+        lock.lock();
+        waiting->over.wait(lock, [&] { return waiting->reported; });
+    }
+    return waiting->outcome;
 }
 
 void run(Queue& q, modbus_vukra_session* session) {

@@ -47,7 +47,7 @@ using Clock = std::chrono::steady_clock;
 
 enum class Priority : int { kWrite = 0, kRead = 1, kPeriodic = 2 };
 
-enum class Outcome { kDone, kExpired, kGone };
+enum class Outcome { kDone, kExpired, kGone, kRefused /* by call(): the queue was full */ };
 
 struct Job {
     int client = 0;
@@ -99,6 +99,15 @@ std::shared_ptr<Job> next(Queue& q);
 
 // Reports a job next() gave: kDone, or kExpired when its door gave up.
 void finish(Job& job);
+
+// For a door that waits in its own thread (the web door): runs work under
+// client with priority, at the latest patience from now, and returns when
+// it is over: kDone when work ran (its results are what it left), kExpired
+// when it could not start in time, kGone when serve stops, kRefused when the
+// queue is full. work may capture the caller's locals by reference: call()
+// returns only once work has run or will never run.
+Outcome call(Queue& q, int client, Priority priority, Clock::duration patience,
+             std::function<void(modbus_vukra_session*)> work);
 
 // The line's thread: runs jobs on the session until stop(); returns when
 // the job in flight has finished.
