@@ -237,6 +237,9 @@ Server* listen_on(const std::string& address, const Protocol& protocol, Queue& q
         std::fprintf(stderr, "vukra: cannot listen for %s on %s: %s\n", protocol.name, address.c_str(), why);
         return nullptr;
     }
+    // Room for many clients connecting at once (the platform's listener
+    // keeps a few waiting, enough for one client at a time).
+    ::listen(listener, SOMAXCONN);
     sockaddr_storage bound{};
     socklen_t size = sizeof bound;
     ::getsockname(listener, reinterpret_cast<sockaddr*>(&bound), &size);
