@@ -16,6 +16,7 @@ packages=(
   help2man dpkg-dev llvm zip
   fuse3 libfuse3-dev
   mosquitto mosquitto-clients libmosquitto-dev ser2net openssl
+  python3-pymodbus mbpoll systemd
 )
 
 missing=()

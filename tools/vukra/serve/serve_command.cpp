@@ -6,6 +6,7 @@
 // finish and end serve with status 0.
 #include "../cli.h"
 #include "../device.h"
+#include "connections.h"
 #include "doors.h"
 
 #include <csignal>
@@ -25,6 +26,11 @@ int serve(cli::Options& o, Settings settings) {
     bool any = false;
     for (const Door& d : kDoors) any |= !(settings.*d.address).empty();
     if (!any) return cli::fail("serve needs a door: --modbus-tcp HOST:PORT, --share HOST:PORT");
+    for (const Door& d : kDoors) {
+        const std::string& address = settings.*d.address;
+        if (!address.empty() && !address_reads(address))
+            return cli::fail(std::string(d.option) + " " + address + " is not HOST:PORT (an IPv6 address in brackets)");
+    }
     cli::data_stream(o);
     // The doors' and the line's threads leave SIGINT and SIGTERM to this one.
     sigset_t ending;
