@@ -22,6 +22,22 @@ fi
 fails "no door" "serve needs a door" "$vukra" -p /dev/none serve
 fails "a bad address" "--share nowhere is not HOST:PORT" "$vukra" -p /dev/none serve --share nowhere
 
+# --- grouped reads: one transaction for neighbours; a span the device
+# refuses (w is write-only) read register by register from then on ---
+sed -e 's|<table_list>|<table_list><table name="t" base="300"><register_list><register name="a" offset="0" access="R" type="int16" value="1"/><register name="w" offset="1" access="W" type="int16"/><register name="b" offset="2" access="R" type="int16" value="2"/><register name="c" offset="3" access="R" type="uint32" value="70000"/></register_list></table>|' \
+  "$examples/table.xml" >grouped.xml
+start_pty_program grouped.out "$sim" --table grouped.xml 2>grouped.err || exit 1
+frames() { grep -c '^Frame : ' "$1"; }
+"$vukra" -v -p "$PTY_PATH" --table grouped.xml poll a b c --count 3 --every 0.01 >rounds 2>frames.err
+[ "$(grep -c '  a = 1  b = 2  c = 70000$' rounds)" = 3 ] && ok || ko "grouped rounds: $(cat rounds frames.err)"
+# round 1: the span (refused), then a, b and c alone; then those three a round
+[ "$(frames frames.err)" = $((2 * (4 + 3 + 3))) ] && ok || ko "exchanges of the grouped poll: $(frames frames.err)"
+"$vukra" -v -p "$PTY_PATH" --table grouped.xml reg read setpoint cycle_count gain temperature >values 2>frames.err
+[ "$(frames frames.err)" = 4 ] && ok || ko "two tables, two exchanges: $(frames frames.err)"
+"$vukra" -v -p "$PTY_PATH" --table grouped.xml reg read setpoint gain --gap 6 >values 2>frames.err
+[ "$(frames frames.err)" = 4 ] && ok || ko "--gap 6 leaves 7 words apart: $(frames frames.err)"
+stop_sim
+
 # --- serve on the sim ---
 start_pty_program sim.out "$sim" --table table.xml --image card.img 2>sim.err || exit 1
 : >serve.err
