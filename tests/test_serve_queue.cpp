@@ -36,7 +36,7 @@ std::string order(Queue& q, int n) {
     for (int i = 0; i < n; ++i) {
         const auto j = next(q);
         tags += static_cast<char>('a' + j->client - 1);
-        finish(*j);
+        finish(q, *j);
     }
     return tags;
 }
@@ -71,7 +71,7 @@ TEST(ServeQueue, BoundsDeadlinesAndClientsThatGo) {
     EXPECT_EQ(t.outcomes, "1E");
     // Abandoned while running: reported expired, not done.
     EXPECT_TRUE(abandon(*j));
-    finish(*j);
+    finish(q, *j);
     // A client that goes takes its queued jobs with it.
     EXPECT_EQ(submit(q, job(a, Priority::kRead, t, '6')), Submitted::kQueued);
     close_client(q, a);

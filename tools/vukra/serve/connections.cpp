@@ -309,6 +309,7 @@ Submitted submit(Connection& c, const std::shared_ptr<Job>& job, Bytes at_deadli
         std::lock_guard lock(c.mutex);
         c.pending.push_back(Pending{job, std::move(at_deadline)});
     }
+    if (run_now(*c.server->queue, job)) return Submitted::kQueued;
     const Submitted result = serve::submit(*c.server->queue, job);
     if (result != Submitted::kQueued) {
         std::lock_guard lock(c.mutex);

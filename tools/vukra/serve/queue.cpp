@@ -119,12 +119,13 @@ std::shared_ptr<Job> next(Queue& q) {
                 if (q.stopping) return nullptr;
                 drop_dead(q, Clock::now(), dropped);
                 if (!dropped.empty()) break; // reported outside the lock, then the pick again
-                const int client = pick(q);
+                const int client = q.busy ? 0 : pick(q);
                 if (client != 0) {
                     auto& jobs = q.clients[client];
                     job = std::move(jobs.front());
                     jobs.pop_front();
                     --q.queued;
+                    q.busy = true;
                     break;
                 }
                 // Nothing waits: sleep until a submit (a door gives up on its own jobs at their deadlines).
@@ -136,13 +137,50 @@ std::shared_ptr<Job> next(Queue& q) {
         int queued = kQueued;
         if (job->state.compare_exchange_strong(queued, kRunning)) return job;
         if (job->done) job->done(Outcome::kExpired); // abandoned between the pick and now
+        std::lock_guard lock(q.mutex);
+        q.busy = false;
     }
 }
 
-void finish(Job& job) {
+namespace {
+
+// Runs a job marked running on the line, then frees the line.
+void run_on_line(Queue& q, Job& job, modbus_vukra_session* session) {
+    const Clock::time_point start = Clock::now();
+    if (job.work) job.work(session);
+    {
+        std::lock_guard lock(q.mutex);
+        q.slow = Clock::now() - start > std::chrono::seconds(1);
+    }
+    finish(q, job);
+}
+
+} // namespace
+
+bool run_now(Queue& q, const std::shared_ptr<Job>& job) {
+    modbus_vukra_session* session;
+    {
+        std::lock_guard lock(q.mutex);
+        if (q.stopping || q.busy || q.slow || q.queued > 0 || q.session == nullptr || !q.clients.count(job->client))
+            return false;
+        int queued = kQueued;
+        if (!job->state.compare_exchange_strong(queued, kRunning)) return false;
+        q.busy = true;
+        session = q.session;
+    }
+    run_on_line(q, *job, session);
+    return true;
+}
+
+void finish(Queue& q, Job& job) {
     int running = kRunning;
     const bool wanted = job.state.compare_exchange_strong(running, kFinished);
     if (job.done) job.done(wanted ? Outcome::kDone : Outcome::kExpired);
+    {
+        std::lock_guard lock(q.mutex);
+        q.busy = false;
+    }
+    q.changed.notify_all();
 }
 
 Outcome call(Queue& q, int client, Priority priority, Clock::duration patience,
@@ -182,10 +220,13 @@ Outcome call(Queue& q, int client, Priority priority, Clock::duration patience,
 }
 
 void run(Queue& q, modbus_vukra_session* session) {
-    while (std::shared_ptr<Job> job = next(q)) {
-        if (job->work) job->work(session);
-        finish(*job);
+    {
+        std::lock_guard lock(q.mutex);
+        q.session = session;
     }
+    while (std::shared_ptr<Job> job = next(q)) run_on_line(q, *job, session);
+    std::lock_guard lock(q.mutex);
+    q.session = nullptr;
 }
 
 void stop(Queue& q) {
