@@ -114,7 +114,8 @@ std::vector<Reading> read_registers(modbus_vukra_session* s, const std::vector<P
             if (got < 0) {
                 readings[i].name = p.name;
                 readings[i].type = p.type.name ? p.type.name : "?";
-                readings[i].error = "no valid reply from the device (time-out, or a bad frame)";
+                const tool::Failure why = tool::last_failure();
+                readings[i].error = why.kind == tool::FailureKind::kNone ? "no reply from the device" : why.reason;
                 continue;
             }
             std::uint8_t value[session::kTransferSize] = {};
