@@ -13,7 +13,6 @@ namespace vukra::cli {
 
 namespace {
 
-constexpr std::uint32_t kMostWords = 125; // in one function-3 request
 
 std::uint32_t first_word(const Polled& p) { return table::address_of(p.reg) & 0xFFFF; }
 std::uint32_t end_word(const Polled& p) { return first_word(p) + static_cast<std::uint32_t>(p.type.words); }
@@ -45,7 +44,7 @@ std::vector<std::vector<std::size_t>> plan_spans(const std::vector<Polled>& poll
     for (std::size_t i : order) {
         const Polled& p = polled[i];
         const bool joins = !spans.empty() && same_table(polled[spans.back().front()], p) &&
-                           first_word(p) <= end + gap && std::max(end, end_word(p)) - start <= kMostWords;
+                           first_word(p) <= end + gap && std::max(end, end_word(p)) - start <= tool::kMaxReadWords;
         if (!joins) {
             spans.push_back({});
             start = first_word(p);
@@ -61,7 +60,7 @@ void add_gap_option(CLI::App* command, unsigned& gap) {
     command->add_option("--gap", gap,
                         "read registers of one table at most WORDS unwanted words apart in one transaction "
                         "(default 4; 0: only registers side by side)")
-        ->check(CLI::Range(0u, kMostWords - 1));
+        ->check(CLI::Range(0u, tool::kMaxReadWords - 1));
 }
 
 modbus_vukra_session* open_for_reading(Options& o, const std::vector<std::string>& names, std::vector<Polled>& polled) {
