@@ -136,8 +136,10 @@ def open(port, table: str = TABLE_FILE, timeout: Optional[float] = None) -> "Dev
     table is the register table file, from the caller's working directory
     or absolute; timeout is how long each request waits for its reply: the
     library's 4 seconds (None) is the only one it has, and any other value
-    raises ValueError. Only one session is open per process at a time. A port
-    that cannot be opened raises the OSError of the system (FileNotFoundError, ...).
+    raises ValueError. Only one session is open per process at a time (a second
+    raises VukraError, errno EBUSY, saying where the first was opened). A port that
+    cannot be opened raises the OSError for the library's reason (FileNotFoundError
+    "no such device", PermissionError, ENOTTY "not a serial port", ConnectionRefusedError).
     Use it as a context manager, or close() it.
     """
     name = _port_name(port)

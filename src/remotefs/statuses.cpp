@@ -3,6 +3,14 @@
 #include <cerrno>
 #include <cstdio>
 
+// Windows' C library lacks these two; a POSIX program would see Linux's.
+#ifndef ESTALE
+#define ESTALE 116
+#endif
+#ifndef ENOTBLK
+#define ENOTBLK 15
+#endif
+
 namespace vukra::remotefs {
 
 namespace {
