@@ -61,6 +61,7 @@ _vukra() {
         [ "$group" = mount ] && options+=" --root --cache --mirror --no-put"
         [ "$group" = serve ] && options+=" --modbus-tcp --share --read-only --max-clients"
         [[ $group/$verb == reg/read || $group == poll ]] && options+=" --gap"
+        [ "$group/$verb" = fs/putfs ] && options+=" --changed --full"
         COMPREPLY=($(compgen -W "$options" -- "$cur"))
         return 0
     fi
