@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,12 +13,10 @@ namespace vukra::kernel {
 int kernel_start();
 bool kernel_started();
 
-// The full start; running a program is handed to the hook (this build has
-// no process model), which by default records what would run.
+// The full start; this build has no process model, so a program the boot
+// would run is only recorded.
 int kernel_boot(void* argument);
-using ProgramHook = std::function<void(const std::string& program, const std::vector<std::string>& arguments)>;
-void set_program_hook(ProgramHook hook);
-// What the default hook recorded, in order.
+// The programs the boot would have run, in order.
 const std::vector<std::vector<std::string>>& programs_run();
 
 // The boot readers on their own (kernel_boot calls them).
