@@ -161,7 +161,7 @@ int run(Options& o, const Settings& settings) {
     return fail("what was written under " + settings.directory + " did not reach the device; " +
                 (kept.empty() ? std::string("the local card ") + kLocalCard + " holds it (copy it aside now)"
                               : "the local card is kept as " + kept) +
-                ": see docs/mount.md for the way back");
+                ": see " VUKRA_MOUNT_DOC " for the way back");
 }
 
 } // namespace
@@ -194,7 +194,7 @@ void add_mount_command(CLI::App& app, Options& options) {
         ->needs(mirror);
     command->footer(
         "vukra stays in the foreground while mounted; fusermount3 -u DIR, Ctrl-C or SIGTERM unmounts.\n"
-        "The device's statuses reach programs as errno values (docs/mount.md); a device that stops\n"
+        "The device's statuses reach programs as errno values (" VUKRA_MOUNT_DOC "); a device that stops\n"
         "answering makes each request fail with EIO within the port's time-out and a second.");
     choose(command, options, [&options, settings] { return run(options, *settings); });
 }
