@@ -41,6 +41,9 @@ inline constexpr std::size_t kMaxSetPayload = 4096;
 
 struct Mqtt;
 
+// What is wrong with an MQTT URL, or "": the command line's check.
+std::string mqtt_url_problem(const std::string& url);
+
 // Starts the link (the broker need not be there yet): null, with why, when
 // the URL, the credentials or the TLS settings are wrong.
 Mqtt* mqtt_start(const MqttSettings& settings, std::string& why);
