@@ -1,6 +1,7 @@
 // vukra-gen: writes the device side's C sources and the HTML pages of a
 // register table.
 #include "../common/command_line.h"
+#include "../common/null_device.h"
 #include "../common/table_errors.h"
 #include "codegen/c_sources.h"
 #include "codegen/table_check.h"
@@ -14,6 +15,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <unistd.h>
 #include <string>
 #include <vector>
 
@@ -25,6 +27,7 @@ struct Options {
     std::string table;
     bool c = false;
     bool all = false;
+    bool verbose = false;
     std::string map, live, host, port, register_name;
 };
 
@@ -48,6 +51,7 @@ Options parse(int argc, char** argv) {
     app.add_option("--port", o.port, "read the values from the device on this serial port (without it every value shows as Erreur)");
     app.add_option("--register", o.register_name, "read only this register; the others show their cached \"value\"");
     app.add_flag("--all", o.all, "--c, and the map as modbus_map.html in the output directory (with --host also the live page as modbus_live.html)");
+    app.add_flag("-v,--verbose", o.verbose, "with --port, show the exchange with the device on standard error");
     live->needs(host);
     app.set_version_flag("--version", "vukra-gen " VUKRA_VERSION);
     tools::parse_command_line(app, argc, argv);
@@ -64,6 +68,16 @@ int page_written(const std::string& path) {
 int live_page(const Options& o, const std::string& path) {
     modbus_vukra_session* s = nullptr;
     if (!o.port.empty()) {
+        // The library tells every frame on standard output: on standard
+        // error with -v, else nowhere. The live page is the last thing
+        // written, and the tool says itself on standard error what failed.
+        std::fflush(stdout);
+        if (o.verbose) {
+            dup2(STDERR_FILENO, STDOUT_FILENO);
+            std::setvbuf(stdout, nullptr, _IOLBF, 0);
+        } else if (std::freopen(tools::kNullDevice, "w", stdout) == nullptr) {
+            return 1;
+        }
         s = session::open(o.port.c_str(), 0, o.table.c_str());
         if (s == nullptr || s->port->native == platform::kInvalidPort) {
             if (s != nullptr) modbus_vukra_op_session_close(s);
