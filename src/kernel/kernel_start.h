@@ -26,7 +26,8 @@ int run_boot_file(const char* path);
 // back, "x" or "X" ending it, the first character never read.
 std::uint32_t parse_board_code(const std::string& field);
 
-// Seconds of the kernel clock, set from the real-time clock at start; 0 before.
+// Seconds of the kernel clock, set from the real-time clock at start and
+// running on from there; 0 before.
 std::uint32_t kernel_seconds();
 
 // The system information call: see uname's buffer layout in docs.
