@@ -31,4 +31,12 @@ std::int32_t getfs(session::Session& s);
 // Copies the local card back to the device; -1 at once without a mirror.
 std::int32_t putfs(session::Session& s);
 
+// How far the transfer running (or last run) is, in bytes of the image that
+// cross the line: the share a user sees, where the progress word counts
+// every group of the card, used or not. total is 0 until the map is read.
+struct LineBytes {
+    std::uint64_t crossed, total;
+};
+LineBytes line_bytes(session::Session& s);
+
 } // namespace vukra::remotefs

@@ -4,17 +4,19 @@
 // operations lock throughout; a follower thread reads the transfer's state
 // (which takes only the state lock) to draw the progress line, and turns
 // a Ctrl-C into cancelfs, asked again at each look until the transfer ends
-// (a transfer clears the cancel word when it starts).
+// (a transfer clears the cancel word when it starts). The line counts the
+// bytes of the image that cross the line (the used groups of the card's
+// map), not the session's progress word, which runs over every group.
 #include "cli.h"
 #include "device.h"
 #include "interrupt.h"
 #include "remote_fs.h"
 
 #include "platform/platform.h"
+#include "remotefs/image_transfer.h"
 
 #include <atomic>
 #include <chrono>
-#include <unistd.h>
 
 namespace vukra::cli {
 
@@ -22,40 +24,21 @@ namespace {
 
 struct Follower {
     modbus_vukra_session* session = nullptr;
-    const char* label = "";
-    std::int32_t direction = 0; // 1 get, 2 put: the state of an earlier transfer is not drawn
-    bool shown = false;         // a progress line on a terminal
     std::atomic<bool> done{false};
     // Written by the follower, read once it ended.
+    Progress progress;
     std::int32_t bytes_per_second = 0;
-    bool drew = false;
 };
-
-const char* phase_name(std::int32_t phase) {
-    switch (phase) {
-    case 1: return "header and metadata";
-    case 2: return "data";
-    case 3: return "signature";
-    default: return "done";
-    }
-}
 
 void follow(void* argument) {
     Follower& f = *static_cast<Follower*>(argument);
     while (!f.done.load()) {
         if (interrupted()) modbus_vukra_op_cancelfs(f.session);
         std::int32_t info[MODBUS_VUKRA_INFO_WORDS] = {};
-        if (modbus_vukra_op_session_info(f.session, info) == 0) {
-            if (info[MODBUS_VUKRA_INFO_BITS_PER_SECOND] > 0)
-                f.bytes_per_second = info[MODBUS_VUKRA_INFO_BITS_PER_SECOND] / 8;
-            const std::int32_t phase = info[MODBUS_VUKRA_INFO_PHASE];
-            if (f.shown && info[MODBUS_VUKRA_INFO_DIRECTION] == f.direction && phase >= 1 && phase <= 3) {
-                std::fprintf(stderr, "\r%s: %-19s %3d%%, %d bytes/s ", f.label, phase_name(phase),
-                             info[MODBUS_VUKRA_INFO_PROGRESS], f.bytes_per_second);
-                std::fflush(stderr);
-                f.drew = true;
-            }
-        }
+        if (modbus_vukra_op_session_info(f.session, info) == 0 && info[MODBUS_VUKRA_INFO_BITS_PER_SECOND] > 0)
+            f.bytes_per_second = info[MODBUS_VUKRA_INFO_BITS_PER_SECOND] / 8;
+        const remotefs::LineBytes bytes = remotefs::line_bytes(*f.session);
+        if (bytes.total > 0) progress_set(f.progress, bytes.crossed, bytes.total);
         platform::sleep_ms(100);
     }
 }
@@ -94,9 +77,7 @@ int card_transfer(Options& o, bool get) {
 
     Follower f;
     f.session = r.session;
-    f.label = label;
-    f.direction = get ? 1 : 2;
-    f.shown = !o.quiet && isatty(STDERR_FILENO) == 1;
+    f.progress = progress_start(label, kTotalUnknown, o.quiet);
     platform::Thread thread;
     const bool following = platform::thread_start(thread, follow, &f);
     const auto start = std::chrono::steady_clock::now();
@@ -105,7 +86,12 @@ int card_transfer(Options& o, bool get) {
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     f.done = true;
     if (following) platform::thread_join(thread, 5000);
-    if (f.drew) std::fputc('\n', stderr);
+    const bool shown = f.progress.shown;
+    if (result == 0) { // done, though a device's card that ended early sent fewer
+        const remotefs::LineBytes bytes = remotefs::line_bytes(*r.session);
+        progress_set(f.progress, bytes.total, bytes.total);
+    }
+    progress_end(f.progress);
 
     if (result != 0) {
         const std::int32_t error = modbus_vukra_op_session_error(r.session);
@@ -114,7 +100,7 @@ int card_transfer(Options& o, bool get) {
         return fail(std::string(label) + " failed: " + failure(r.session) + "; " + left_behind(get, error));
     }
     // The summary ends the progress line of a terminal, or answers -v.
-    if (o.verbose || f.shown) {
+    if (o.verbose || shown) {
         std::fflush(stdout);
         std::fprintf(stderr, "%s: done in %.2f s (last exchange at %d bytes/s)%s\n", label, seconds, f.bytes_per_second,
                      get ? "; /mem is now the local copy" : "");
