@@ -39,6 +39,7 @@ $libdir/libmodbus_vukra.so.$major
 $libdir/libmodbus_vukra.so.$version
 $libdir/pkgconfig/modbus_vukra.pc
 share/bash-completion/completions/vukra
+$("$work/stage/bin/vukra" mount --help >/dev/null 2>&1 && echo share/doc/modbus_vukra/mount.md)
 $([ "$man_pages" = ON ] && printf 'share/man/man1/%s.1\n' vukra vukra-gen vukra-sim vukra-ufs)
 $(cd "$source/python" && find modbus_vukra -name '*.py' -o -name py.typed | sed 's|^|lib/python3/dist-packages/|')
 LIST
