@@ -1,4 +1,5 @@
-"""Finding the shared library and declaring its 30 exports for ctypes.
+"""Finding the shared library and declaring its exports for ctypes: the 30 of
+the op family and the few beyond it.
 
 The library is looked for, in order, at the path in MODBUS_VUKRA_LIBRARY,
 beside this package, then by the system's search. It is loaded on first
@@ -80,6 +81,11 @@ EXPORTS = {
     "protected_putfs": (c_int32, [_S]),
 }
 
+# The exports beyond the op family, by their whole names.
+EXTRA_EXPORTS = {
+    "modbus_vukra_protected_putfs_changed": (c_int32, [_S]),
+}
+
 if sys.platform == "win32":
     _FILE_NAMES = ["modbus_vukra.dll"]
 elif sys.platform == "darwin":
@@ -98,6 +104,11 @@ class Library:
             function.restype = result
             function.argtypes = arguments
             setattr(self, name, function)
+        for name, (result, arguments) in EXTRA_EXPORTS.items():
+            function = getattr(cdll, name)
+            function.restype = result
+            function.argtypes = arguments
+            setattr(self, name[len("modbus_vukra_"):], function)
         self.free_entry = _entry_release()
 
 

@@ -59,6 +59,7 @@ _vukra() {
         local options="-p --port --table -v --verbose -q --quiet -h --help --version"
         [[ $group/$verb == fs/get || $group/$verb == fs/put ]] && options+=" -r --recursive"
         [ "$group" = mount ] && options+=" --root --cache --mirror --no-put"
+        [ "$group/$verb" = fs/putfs ] && options+=" --changed --full"
         COMPREPLY=($(compgen -W "$options" -- "$cur"))
         return 0
     fi

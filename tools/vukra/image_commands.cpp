@@ -17,6 +17,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
+#include <string>
 
 namespace vukra::cli {
 
@@ -55,6 +57,21 @@ const char* left_behind(bool get, std::int32_t error) {
                : "the device's card is partly rewritten: put it again before the device uses it";
 }
 
+// Why a put of the changed parts refused to start, and what to do; null
+// for the other failures.
+const char* refusal(std::int32_t error) {
+    switch (error) {
+    case -15: return "no getfs in this run made the local copy, so what changed is not known: "
+                     "vukra -p PORT fs getfs + ... + fs putfs --changed";
+    case -16: return "the device's card changed since getfs (another program wrote it); nothing was written. "
+                     "fs putfs --full overwrites the device's changes with the local copy; a new fs getfs takes "
+                     "them (and drops what was changed here)";
+    case -17: return "the local card (sdcard0.o) was changed outside vukra since getfs; nothing was written. "
+                     "fs putfs --full sends the local card as it is; a new fs getfs starts again from the device";
+    default: return nullptr;
+    }
+}
+
 // Why a transfer failed, for the message.
 std::string failure(modbus_vukra_session* s) {
     if (modbus_vukra_op_session_error(s) != 0) return device_status(s);
@@ -64,8 +81,8 @@ std::string failure(modbus_vukra_session* s) {
 
 } // namespace
 
-int card_transfer(Options& o, bool get) {
-    const char* label = get ? "getfs" : "putfs";
+int card_transfer(Options& o, bool get, bool changed) {
+    const char* label = get ? "getfs" : changed ? "putfs --changed" : "putfs";
     // A putfs runs only after a getfs of the same run succeeded: the chain
     // refuses it otherwise, and stops at the first command that fails.
     data_stream(o); // the listing of /mem after a get is one of the library's lines
@@ -81,29 +98,42 @@ int card_transfer(Options& o, bool get) {
     platform::Thread thread;
     const bool following = platform::thread_start(thread, follow, &f);
     const auto start = std::chrono::steady_clock::now();
-    const std::int32_t result =
-        get ? modbus_vukra_op_protected_getfs(r.session) : modbus_vukra_op_protected_putfs(r.session);
+    const std::int32_t result = get       ? modbus_vukra_op_protected_getfs(r.session)
+                                : changed ? modbus_vukra_protected_putfs_changed(r.session)
+                                          : modbus_vukra_op_protected_putfs(r.session);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     f.done = true;
     if (following) platform::thread_join(thread, 5000);
     const bool shown = f.progress.shown;
-    if (result == 0) { // done, though a device's card that ended early sent fewer
+    if (result >= 0) { // done, though a device's card that ended early sent fewer
         const remotefs::LineBytes bytes = remotefs::line_bytes(*r.session);
         progress_set(f.progress, bytes.total, bytes.total);
     }
     progress_end(f.progress);
 
-    if (result != 0) {
+    if (result < 0) {
         const std::int32_t error = modbus_vukra_op_session_error(r.session);
+        if (changed && refusal(error) != nullptr) return fail(std::string(label) + " refused: " + refusal(error));
+        if (changed && error != -11 && error != 0)
+            return fail(std::string(label) + " failed: " + failure(r.session) +
+                        "; the device's card is partly rewritten: put it again (--changed sends all of it again) "
+                        "before the device uses it");
         if (error == -11)
             return fail(std::string(label) + " cancelled at Ctrl-C (status -11): " + left_behind(get, error));
         return fail(std::string(label) + " failed: " + failure(r.session) + "; " + left_behind(get, error));
+    }
+    // Said even without -v: a put that wrote nothing is not mistaken for one that did.
+    if (changed && result == 0 && !o.quiet) {
+        std::fprintf(stderr, "%s: nothing was changed under /mem since getfs: nothing written\n", label);
+        return 0;
     }
     // The summary ends the progress line of a terminal, or answers -v.
     if (o.verbose || shown) {
         std::fflush(stdout);
         std::fprintf(stderr, "%s: done in %.2f s (last exchange at %d bytes/s)%s\n", label, seconds, f.bytes_per_second,
-                     get ? "; /mem is now the local copy" : "");
+                     get       ? "; /mem is now the local copy"
+                     : changed ? (", " + std::to_string(result) + " bytes written").c_str()
+                               : "");
     }
     return 0;
 }
@@ -114,7 +144,14 @@ void add_image_commands(CLI::App& fs_group, Options& options) {
     choose(getfs, options, [&options] { return card_transfer(options, true); });
     CLI::App* putfs = fs_group.add_subcommand(
         "putfs", "copy the local card back to the device (after a getfs in the same run)");
-    choose(putfs, options, [&options] { return card_transfer(options, false); });
+    auto changed = std::make_shared<bool>(false);
+    CLI::Option* only = putfs->add_flag(
+        "--changed", *changed,
+        "write only what was changed under /mem since the getfs: its data, then metadata and map, the header last; "
+        "refused when the device's card changed meanwhile");
+    auto full = std::make_shared<bool>(false); // the default, named for scripts that say so
+    putfs->add_flag("--full", *full, "the whole card, every used group (the default)")->excludes(only);
+    choose(putfs, options, [&options, changed, full] { return card_transfer(options, false, *changed); });
 }
 
 } // namespace vukra::cli

@@ -22,7 +22,7 @@ namespace {
 
 // The statuses a vukra device answers, as a person reads them: the
 // kernel's errors (negative) and the server's own refusals. 513 is the
-// library's: no reply within the port's time-out; -11 to -14 are the
+// library's: no reply within the port's time-out; -11 to -17 are the
 // library's too, the endings of a whole-card transfer.
 struct StatusName {
     std::int32_t status;
@@ -33,6 +33,9 @@ constexpr StatusName kStatusNames[] = {
     {-12, "the image does not fit the local card"},
     {-13, "no bytes came, or none were taken, where bytes were due"},
     {-14, "the local card could not be read, written or mounted"},
+    {-15, "no getfs in this process: what changed is not known"},
+    {-16, "the device's card changed since getfs"},
+    {-17, "the local card changed outside the library since getfs"},
     {-20, "exists, or not empty"},
     {-22, "invalid move"},
     {-29, "refused by the device or filesystem"},
