@@ -84,6 +84,7 @@ EXPORTS = {
 # The exports beyond the op family, by their whole names.
 EXTRA_EXPORTS = {
     "modbus_vukra_protected_putfs_changed": (c_int32, [_S]),
+    "modbus_vukra_transfer_bytes": (c_int32, [_S, POINTER(ctypes.c_uint64)]),
 }
 
 if sys.platform == "win32":

@@ -398,11 +398,6 @@ std::int32_t getfs(session::Session& s) {
     return 0;
 }
 
-LineBytes line_bytes(session::Session& s) {
-    platform::LockGuard state(s.state_lock);
-    return LineBytes{s.line_bytes[0], s.line_bytes[1]};
-}
-
 std::int32_t putfs(session::Session& s) {
     if (s.mirror_enabled == 0) return -1;
     // What the mounted volume keeps in memory goes to the card first, or

@@ -44,12 +44,4 @@ std::int32_t putfs_changed(session::Session& s);
 void remember_local_card();
 void forget_local_card();
 
-// How far the transfer running (or last run) is, in bytes of the image that
-// cross the line: the share a user sees, where the progress word counts
-// every group of the card, used or not. total is 0 until the map is read.
-struct LineBytes {
-    std::uint64_t crossed, total;
-};
-LineBytes line_bytes(session::Session& s);
-
 } // namespace vukra::remotefs

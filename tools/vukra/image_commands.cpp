@@ -13,7 +13,6 @@
 #include "remote_fs.h"
 
 #include "platform/platform.h"
-#include "remotefs/image_transfer.h"
 
 #include <atomic>
 #include <chrono>
@@ -39,8 +38,9 @@ void follow(void* argument) {
         std::int32_t info[MODBUS_VUKRA_INFO_WORDS] = {};
         if (modbus_vukra_op_session_info(f.session, info) == 0 && info[MODBUS_VUKRA_INFO_BITS_PER_SECOND] > 0)
             f.bytes_per_second = info[MODBUS_VUKRA_INFO_BITS_PER_SECOND] / 8;
-        const remotefs::LineBytes bytes = remotefs::line_bytes(*f.session);
-        if (bytes.total > 0) progress_set(f.progress, bytes.crossed, bytes.total);
+        std::uint64_t bytes[2] = {};
+        if (modbus_vukra_transfer_bytes(f.session, bytes) == 0 && bytes[1] > 0)
+            progress_set(f.progress, bytes[0], bytes[1]);
         platform::sleep_ms(100);
     }
 }
@@ -106,8 +106,8 @@ int card_transfer(Options& o, bool get, bool changed) {
     if (following) platform::thread_join(thread, 5000);
     const bool shown = f.progress.shown;
     if (result >= 0) { // done, though a device's card that ended early sent fewer
-        const remotefs::LineBytes bytes = remotefs::line_bytes(*r.session);
-        progress_set(f.progress, bytes.total, bytes.total);
+        std::uint64_t bytes[2] = {};
+        if (modbus_vukra_transfer_bytes(r.session, bytes) == 0) progress_set(f.progress, bytes[1], bytes[1]);
     }
     progress_end(f.progress);
 
