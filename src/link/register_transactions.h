@@ -60,12 +60,4 @@ struct TransactionOutcome {
 };
 TransactionOutcome last_outcome();
 
-// Convenience forms by name with conversion to and from text (at least
-// table::kValueTextSize bytes). They print "read %s\n" or "write %s %s\n"
-// first. Reading counts a transaction result of -1 as done (and converts
-// whatever the buffer holds); writing stops with 0 when the name or the
-// text cannot be used and otherwise gives the transaction's result.
-int read_register_by_name(Port* port, const char* name, char* text);
-int write_register_by_name(Port* port, const char* name, const char* text);
-
 } // namespace vukra::link

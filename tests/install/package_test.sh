@@ -38,7 +38,8 @@ expect "the development package" "$dev" /usr/include/modbus_vukra.h /usr/lib/lib
   "/usr/lib/cmake/modbus_vukra/$(dpkg-deb -c "$dev" | grep -o 'modbus_vukra-targets-[a-z]*\.cmake' | head -n 1)" \
   /usr/lib/pkgconfig/modbus_vukra.pc
 tool_files=(/usr/bin/vukra /usr/bin/vukra-sim /usr/bin/vukra-ufs /usr/bin/vukra-gen /usr/share/bash-completion/completions/vukra
-  /usr/lib/systemd/system/vukra-serve@.service /usr/lib/sysusers.d/vukra.conf)
+  /usr/lib/systemd/system/vukra-serve@.service /usr/lib/sysusers.d/vukra.conf
+  /usr/share/doc/modbus_vukra/mount.md)
 [ "$man_pages" = ON ] && tool_files+=(/usr/share/man/man1/vukra.1 /usr/share/man/man1/vukra-sim.1 /usr/share/man/man1/vukra-ufs.1 /usr/share/man/man1/vukra-gen.1)
 expect "the tools package" "$tools" "${tool_files[@]}"
 

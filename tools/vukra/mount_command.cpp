@@ -27,6 +27,15 @@ namespace vukra::cli {
 
 namespace {
 
+// Where the tools' package put docs/mount.md: beside the prefix vukra runs
+// from; a vukra run from its build folder names the source's file.
+std::string mount_doc() {
+    std::error_code e;
+    const std::filesystem::path installed =
+        std::filesystem::canonical("/proc/self/exe", e).parent_path().parent_path() / VUKRA_MOUNT_DOC;
+    return !e && std::filesystem::exists(installed, e) ? installed.string() : std::string("docs/mount.md");
+}
+
 struct Settings {
     std::string directory, root;
     // Long enough for the burst of requests one command makes on the same
@@ -204,7 +213,7 @@ int run(Options& o, const Settings& settings) {
     return fail("what was written under " + settings.directory + " did not reach the device; " +
                 (kept.empty() ? std::string("the local card ") + kLocalCard + " holds it (copy it aside now)"
                               : "the local card is kept as " + kept) +
-                ": see docs/mount.md for the way back");
+                ": see " + mount_doc() + " for the way back");
 }
 
 } // namespace
@@ -238,7 +247,8 @@ void add_mount_command(CLI::App& app, Options& options) {
         ->needs(mirror);
     command->footer(
         "vukra stays in the foreground while mounted; fusermount3 -u DIR, Ctrl-C or SIGTERM unmounts.\n"
-        "The device's statuses reach programs as errno values (docs/mount.md); a device that stops\n"
+        "The device's statuses reach programs as errno values (mount.md, installed with the tools' documentation);\n"
+        "a device that stops "
         "answering makes each request fail with EIO within the port's time-out and a second.");
     choose(command, options, [&options, settings] { return run(options, *settings); });
 }

@@ -30,7 +30,7 @@ struct PollOptions {
     std::vector<std::string> names;
     double every = 1.0;
     unsigned long count = 0; // 0: until Ctrl-C
-    std::string format = "text";
+    Format format = Format::kText;
     std::string mqtt, credentials, ca_file;
     unsigned gap = kDefaultGap;
 };
@@ -38,10 +38,7 @@ struct PollOptions {
 using Clock = std::chrono::steady_clock;
 
 int poll(Options& o, const PollOptions& po) {
-    Format format;
-    if (!parse_format(po.format, format)) return fail("--format is text, csv or json, not \"" + po.format + "\"");
-    if (!(po.every > 0 && po.every <= 86400 && std::isfinite(po.every)))
-        return fail("--every is a number of seconds above 0, at most 86400");
+    const Format format = po.format;
     std::FILE* out = data_stream(o);
     std::vector<Polled> polled;
     modbus_vukra_session* s = open_for_reading(o, po.names, polled);
@@ -134,12 +131,16 @@ void add_poll_command(CLI::App& app, Options& options) {
                 return "is a number of rounds from 1 up, not \"" + text + "\"";
             },
             "N>=1"));
-    command->add_option("--format", po->format, "text, csv or json (one object a line)")->check(format_check());
+    add_format_option(command, po->format, "text, csv or json (one object a line)");
     add_gap_option(command, po->gap);
     command->add_option("--mqtt", po->mqtt,
                         "publish to mqtt://HOST:PORT/PREFIX (mqtts:// for TLS): retained JSON at PREFIX/register/NAME, "
                         "writes from PREFIX/register/NAME/set, refusals at PREFIX/register/NAME/error, PREFIX/status "
-                        "online/offline");
+                        "online/offline")
+#ifdef VUKRA_HAVE_MQTT
+        ->check(CLI::Validator(mqtt_url_problem, "URL"))
+#endif
+        ;
     command->add_option("--mqtt-credentials", po->credentials,
                         "a file: the broker's user name on its first line, the password on its second (else "
                         "VUKRA_MQTT_USERNAME and VUKRA_MQTT_PASSWORD)");

@@ -54,6 +54,9 @@ std::string csv_cell(const std::string& text) {
 
 } // namespace
 
+namespace {
+
+// "text", "csv" or "json"; false for anything else.
 bool parse_format(const std::string& word, Format& format) {
     if (word == "text") format = Format::kText;
     else if (word == "csv") format = Format::kCsv;
@@ -62,13 +65,19 @@ bool parse_format(const std::string& word, Format& format) {
     return true;
 }
 
-CLI::Validator format_check() {
-    return CLI::Validator(
-        [](std::string& text) {
-            Format format;
-            return parse_format(text, format) ? std::string() : "is text, csv or json, not \"" + text + "\"";
-        },
-        "text|csv|json");
+} // namespace
+
+CLI::Option* add_format_option(CLI::App* command, Format& format, const std::string& help) {
+    // The check runs before the function: it sees only the three words.
+    return command
+        ->add_option_function<std::string>(
+            "--format", [&format](const std::string& text) { parse_format(text, format); }, help)
+        ->check(CLI::Validator(
+            [](std::string& text) {
+                Format seen;
+                return parse_format(text, seen) ? std::string() : "is text, csv or json, not \"" + text + "\"";
+            },
+            "text|csv|json"));
 }
 
 std::string look_up(Polled& p, bool writing) {

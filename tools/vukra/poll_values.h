@@ -23,12 +23,9 @@ namespace vukra::cli {
 
 enum class Format { kText, kCsv, kJson };
 
-// "text", "csv" or "json"; false for anything else.
-bool parse_format(const std::string& word, Format& format);
-
-// The --format option's check: anything else is a usage error, told before
-// the command runs.
-CLI::Validator format_check();
+// The --format option of a command, read into format: "text", "csv" or
+// "json"; anything else is a usage error, told before the command runs.
+CLI::Option* add_format_option(CLI::App* command, Format& format, const std::string& help);
 
 // A register to read, looked up in the loaded table.
 struct Polled {

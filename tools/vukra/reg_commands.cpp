@@ -80,22 +80,18 @@ void add_reg_commands(CLI::App& app, Options& options) {
 
     struct Words {
         std::vector<std::string> names, value;
-        std::string name, table, format = "text";
+        std::string name, table;
+        Format format = Format::kText;
         unsigned gap = kDefaultGap;
     };
     auto words = std::make_shared<Words>();
 
     CLI::App* read_cmd = reg->add_subcommand("read", "read registers and show their values, one \"NAME = VALUE\" a line");
     read_cmd->add_option("NAME", words->names, "register names")->required();
-    read_cmd->add_option("--format", words->format, "text (NAME = VALUE lines), csv or json, as one round of poll")
-        ->check(format_check());
+    add_format_option(read_cmd, words->format, "text (NAME = VALUE lines), csv or json, as one round of poll");
     add_gap_option(read_cmd, words->gap);
-    choose(read_cmd, options, [&options, words] {
-        Format format;
-        if (!parse_format(words->format, format))
-            return fail("--format is text, csv or json, not \"" + words->format + "\"");
-        return read_once(options, words->names, format, words->gap);
-    });
+    choose(read_cmd, options,
+           [&options, words] { return read_once(options, words->names, words->format, words->gap); });
 
     CLI::App* write_cmd = reg->add_subcommand(
         "write", "write a register: decimal, or 0x hexadecimal for integers; a buffer's elements separated by blanks");
