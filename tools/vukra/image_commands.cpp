@@ -104,7 +104,7 @@ int card_transfer(Options& o, bool get, bool changed) {
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     f.done = true;
     if (following) platform::thread_join(thread, 5000);
-    const bool shown = f.progress.shown;
+    const bool drawn = f.progress.shown;
     if (result >= 0) { // done, though a device's card that ended early sent fewer
         std::uint64_t bytes[2] = {};
         if (modbus_vukra_transfer_bytes(r.session, bytes) == 0) progress_set(f.progress, bytes[1], bytes[1]);
@@ -135,7 +135,7 @@ int card_transfer(Options& o, bool get, bool changed) {
         return 0;
     }
     // The summary ends the progress line of a terminal, or answers -v.
-    if (o.verbose || shown) {
+    if (o.verbose || drawn) {
         std::fflush(stdout);
         std::fprintf(stderr, "%s: done in %.2f s (last exchange at %d bytes/s)%s\n", label, seconds, f.bytes_per_second,
                      get       ? "; /mem is now the local copy"
