@@ -54,8 +54,6 @@ int poll(Options& o, const PollOptions& po) {
         mqtt.reset(mqtt_start(MqttSettings{po.mqtt, po.credentials, po.ca_file}, why));
         if (!mqtt) return fail(why);
     }
-#else
-    if (!po.mqtt.empty()) return fail("this vukra was built without MQTT (libmosquitto)");
 #endif
 
     const InterruptCaught caught;
@@ -139,6 +137,9 @@ void add_poll_command(CLI::App& app, Options& options) {
                         "online/offline")
 #ifdef VUKRA_HAVE_MQTT
         ->check(CLI::Validator(mqtt_url_problem, "URL"))
+#else
+        ->check(CLI::Validator(
+            [](const std::string&) { return std::string("this vukra was built without MQTT (libmosquitto)"); }, "URL"))
 #endif
         ;
     command->add_option("--mqtt-credentials", po->credentials,
