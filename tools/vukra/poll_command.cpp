@@ -100,7 +100,7 @@ int poll(Options& o, const PollOptions& po) {
             readings.push_back(read_register(s, p));
             failed_read |= !readings.back().ok;
 #ifdef VUKRA_HAVE_MQTT
-            if (mqtt) mqtt_publish_value(mqtt.get(), p.name, reading_json(readings.back(), time));
+            if (mqtt) mqtt_publish_value(mqtt.get(), p.name, json_text(reading_object(readings.back(), time)));
 #endif
         }
         std::fputs(round_line(format, time, readings).c_str(), out);
