@@ -228,22 +228,25 @@ void events(Door& d, const Request& req, Response& res) {
         return refuse(res, 503, "too many event clients");
     }
     auto last = std::make_shared<std::uint64_t>(0);
+    // A new client hears first whether the device answers.
+    auto first = std::make_shared<std::string>("retry: 1000\n\n");
     {
         const std::lock_guard<std::mutex> lock(d.board->mutex);
         *last = d.board->last_event;
+        if (d.board->line_known)
+            *first += std::string("event: line\ndata: {\"state\":\"") + (d.board->line_up ? "up" : "down") + "\"}\n\n";
     }
     const std::string resume = req.get_header_value("Last-Event-ID");
     if (!resume.empty() && resume.find_first_not_of("0123456789") == std::string::npos && resume.size() < 20)
         *last = std::min<std::uint64_t>(*last, std::stoull(resume));
     res.set_header("Cache-Control", "no-cache");
     Board* board = &*d.board;
-    auto first = std::make_shared<bool>(true);
     res.set_chunked_content_provider(
         "text/event-stream",
         [board, last, first](std::size_t, httplib::DataSink& sink) {
             std::string out;
-            if (*first) out = "retry: 1000\n\n";
-            *first = false;
+            out.swap(*first);
+            if (!out.empty()) return sink.write(out.data(), out.size());
             std::vector<Event> news;
             if (!events_after(*board, *last, news, std::chrono::seconds(15))) return false;
             for (const Event& e : news)

@@ -44,7 +44,7 @@ function say(text) { document.getElementById("message").textContent = text; }
 
 function setLine(state) {
   const line = document.getElementById("line");
-  line.textContent = state === "up" ? "answering" : "not answering";
+  line.textContent = {up: "answering", down: "not answering"}[state] || "no news from vukra serve";
   line.className = state;
 }
 
@@ -129,7 +129,9 @@ async function load() {
 const events = new EventSource("api/events");
 events.addEventListener("value", (e) => show(JSON.parse(e.data)));
 events.addEventListener("line", (e) => setLine(JSON.parse(e.data).state));
+// Again when the stream comes back: what changed meanwhile was not heard.
 events.onopen = () => load().catch((e) => say("cannot load the registers: " + e));
+events.onerror = () => setLine("unknown");
 </script>
 </body>
 </html>
