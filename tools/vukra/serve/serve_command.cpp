@@ -19,12 +19,20 @@ namespace {
 constexpr Door kDoors[] = {
     {"Modbus TCP", "--modbus-tcp", &Settings::modbus_tcp, start_modbus_tcp, stop_modbus_tcp},
     {"the shared line", "--share", &Settings::share, start_share, stop_share},
+#ifdef VUKRA_HAVE_WEB
+    {"the web door", "--http", &Settings::http, start_web, stop_web},
+    {"MQTT", "--mqtt", &Settings::mqtt, start_mqtt, stop_mqtt},
+#endif
 };
 
 int serve(cli::Options& o, Settings settings) {
     bool any = false;
     for (const Door& d : kDoors) any |= !(settings.*d.address).empty();
-    if (!any) return cli::fail("serve needs a door: --modbus-tcp HOST:PORT, --share HOST:PORT");
+    if (!any) {
+        std::string options;
+        for (const Door& d : kDoors) options += std::string(options.empty() ? "" : ", ") + d.option;
+        return cli::fail("serve needs a door: " + options);
+    }
     cli::data_stream(o);
     // The doors' and the line's threads leave SIGINT and SIGTERM to this one.
     sigset_t ending;
@@ -37,6 +45,7 @@ int serve(cli::Options& o, Settings settings) {
     modbus_vukra_session* session = cli::device_session(o);
     if (session == nullptr) return 1;
     settings.table = o.table;
+    settings.port = o.port;
     Queue queue;
     std::size_t opened = 0;
     for (; opened < std::size(kDoors); ++opened) {
@@ -82,6 +91,28 @@ void add_serve_command(CLI::App& app, Options& options) {
     command->add_option("--share", s->share,
                         "HOST:PORT: the library's own line protocol shared: open tcp://HOST:PORT with vukra, vukra "
                         "mount, the Python package or a C host");
+#ifdef VUKRA_HAVE_WEB
+    command->add_option("--http", s->http,
+                        "HOST:PORT: the web door: the live page (/), the map (/map), a JSON API (/api/registers), "
+                        "events (/api/events), a page of its own (/ui) and Prometheus metrics (/metrics)");
+    command->add_option("--http-token-file", s->http_token_file,
+                        "a file whose first line is the token a write through the web door needs (Authorization: "
+                        "Bearer TOKEN, or open /ui?token=TOKEN); required off loopback");
+    command->add_option("--mqtt", s->mqtt,
+                        "mqtt://HOST:PORT/PREFIX: every readable register published as vukra poll --mqtt does, "
+                        "sets from PREFIX/register/NAME/set, the line's state at PREFIX/line");
+    command->add_option("--mqtt-credentials", s->mqtt_credentials,
+                        "a file: the broker's user name on its first line, the password on its second (else "
+                        "VUKRA_MQTT_USERNAME and VUKRA_MQTT_PASSWORD)");
+    command->add_option("--mqtt-cafile", s->mqtt_cafile, "mqtts: the certificate authority's file (default: the system's)");
+    command->add_option("--ha-discovery", s->ha_discovery,
+                        "with --mqtt: Home Assistant discovery under PREFIX (default homeassistant)")
+        ->expected(0, 1)
+        ->default_str("homeassistant");
+    command->add_option("--name", s->name, "the device's name in Home Assistant (default: from the port)");
+    command->add_option("--every", s->every, "seconds between the web door's and MQTT's reading rounds (default 1)")
+        ->check(CLI::Range(0.05, 86400.0));
+#endif
     command->add_flag("--read-only", s->read_only, "answer Modbus writes with exception 1 (illegal function)");
     command->add_option("--max-clients", s->max_clients, "connections at once, per door (default 32)")
         ->check(CLI::Range(1u, 1024u));

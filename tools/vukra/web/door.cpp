@@ -154,7 +154,7 @@ void live(Door& d, const Request& req, Response& res, const char* name, int stat
     const std::string host = page_host(d, req);
     const Ran ran = d.line->run(
         [&](modbus_vukra_session* s) { written = live_page(*d.pages, s, d.board->counters, host, name, html); },
-        false, deadline(d));
+        Urgency::kRead, deadline(d));
     if (const int refused = line_refusal(ran, why)) return refuse(res, refused, why);
     if (!written) return refuse(res, 500, "cannot write the page in " + d.pages->dir);
     res.status = status;
@@ -196,7 +196,7 @@ void get_one(Door& d, const Request& req, Response& res) {
             r = read_entry(s, *d.board, index);
             silent = !r.ok && link_silent();
         },
-        false, deadline(d));
+        Urgency::kRead, deadline(d));
     if (const int refused = line_refusal(ran, why)) return refuse(res, refused, why);
     if (!r.ok) return refuse(res, silent ? 504 : 502, "cannot read " + name + ": " + r.error);
     json_reply(res, 200, entry_json_locked(*d.board, index));
@@ -304,11 +304,10 @@ Door* start_door(const DoorSettings& settings, Board& board, Line& line, Pages& 
               " is not on loopback: writes need a token there (--http-token-file FILE)";
         return nullptr;
     }
-    std::string map_why;
-    const Ran ran = line.run([&](modbus_vukra_session*) { map_page(pages, d->map_html); }, false,
-                             Clock::now() + std::chrono::seconds(30));
-    if (ran != Ran::kDone) {
-        why = "cannot make the register map page";
+    // The table does not change while serve runs: the map is made once,
+    // here, before the line's thread takes the table.
+    if (!map_page(pages, d->map_html)) {
+        why = "cannot write the register map page in " + pages.dir;
         return nullptr;
     }
     routes(*d);

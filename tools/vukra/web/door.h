@@ -38,7 +38,8 @@ struct DoorSettings {
 struct Door;
 
 // Checks the settings, reads the token and listens; null, with why, when it
-// cannot. The pages folder must be made.
+// cannot. The pages folder must be made; called before the line's thread
+// runs (it writes the register map from the table).
 Door* start_door(const DoorSettings& settings, Board& board, Line& line, Pages& pages, std::string& why);
 
 // The address it listens on, as HOST:PORT with the port it got.

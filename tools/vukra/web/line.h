@@ -21,10 +21,15 @@ enum class Ran {
     kStopped, // serve is stopping
 };
 
+// How urgent a job is: writes go ahead of a client's reads, which go
+// ahead of the reading rounds.
+enum class Urgency { kWrite, kRead, kRound };
+
 struct Line {
-    // Runs work with the session on the line's thread and waits for it, at
-    // most until deadline; writes go ahead of reads.
-    std::function<Ran(std::function<void(modbus_vukra_session*)> work, bool write, Clock::time_point deadline)> run;
+    // Runs work with the session on the line's thread and waits for it: it
+    // is not started after deadline, and once started it is waited for.
+    std::function<Ran(std::function<void(modbus_vukra_session*)> work, Urgency urgency, Clock::time_point deadline)>
+        run;
 };
 
 // Reads one register on the line's thread (in a job), counts the exchange

@@ -54,7 +54,7 @@ void start(Rounds& r) {
         std::unique_lock<std::mutex> lock(r.mutex);
         while (!r.stopping) {
             lock.unlock();
-            const Ran ran = r.line->run([&r](modbus_vukra_session* s) { round(r, s); }, false, next + r.period);
+            const Ran ran = r.line->run([&r](modbus_vukra_session* s) { round(r, s); }, Urgency::kRound, next + r.period);
             if ((ran == Ran::kDone || ran == Ran::kLate) && r.after_round) r.after_round();
             // A round that ran late starts the next at once; the missed
             // ones are not made up.

@@ -65,7 +65,7 @@ Written write_text(Board& b, Line& line, const std::string& name, const std::str
             }
             if (entry.readable) result->read_back = read_entry(s, b, index).ok;
         },
-        true, deadline);
+        Urgency::kWrite, deadline);
     if (ran == Ran::kBusy) return refuse(503, "the line's queue is full: nothing was sent");
     if (ran == Ran::kStopped) return refuse(503, "vukra serve is stopping: nothing was sent");
     if (ran == Ran::kExpired) return refuse(504, "the line was busy past the request's time: nothing was sent");
