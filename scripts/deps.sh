@@ -16,6 +16,7 @@ packages=(
   help2man dpkg-dev llvm zip
   fuse3 libfuse3-dev
   mosquitto mosquitto-clients libmosquitto-dev libssl-dev ser2net openssl
+  libcpp-httplib-dev nlohmann-json3-dev prometheus curl mbpoll
 )
 
 missing=()

@@ -252,14 +252,16 @@ void on_connect(mosquitto* client, void* context, int rc) {
         std::lock_guard<std::mutex> hold(m->lock);
         for (const auto& watched : m->watches) mosquitto_subscribe(client, nullptr, watched.first.c_str(), 1);
         connected = m->on_connected;
+        m->connected = true;
     }
     if (connected) connected();
 }
 
 void on_disconnect(mosquitto*, void* context, int rc) {
     auto* m = static_cast<Mqtt*>(context);
-    if (rc == 0) return; // asked for
     std::lock_guard<std::mutex> hold(m->lock);
+    m->connected = false;
+    if (rc == 0) return; // asked for
     m->waiting_answer = false;
     if (m->said_lost) return;
     m->said_lost = true;
@@ -416,8 +418,11 @@ void mqtt_watch(Mqtt* m, const std::string& filter, MqttHeard heard) {
 }
 
 void mqtt_on_connect(Mqtt* m, std::function<void()> connected) {
-    std::lock_guard<std::mutex> hold(m->lock);
-    m->on_connected = std::move(connected);
+    std::unique_lock<std::mutex> hold(m->lock);
+    m->on_connected = connected;
+    if (!m->connected) return;
+    hold.unlock(); // connected before it was asked for: told now
+    connected();
 }
 
 void mqtt_stop(Mqtt* m) {

@@ -267,6 +267,13 @@ void routes(Door& d) {
             refuse(res, 403, "this door answers to loopback host names only");
             return httplib::Server::HandlerResponse::Handled;
         }
+        // httplib bounds a body by its Content-Length only: a chunked one
+        // would be read without end. No client of the door needs one.
+        if (req.has_header("Transfer-Encoding")) {
+            refuse(res, 411, "a body goes with its Content-Length (at most " + std::to_string(kMaxBody) + " bytes)");
+            res.set_header("Connection", "close");
+            return httplib::Server::HandlerResponse::Handled;
+        }
         return httplib::Server::HandlerResponse::Unhandled;
     });
     s.Get("/", [&d](const Request& req, Response& res) {
