@@ -16,7 +16,8 @@ packages=(
   help2man dpkg-dev llvm zip
   fuse3 libfuse3-dev
   mosquitto mosquitto-clients libmosquitto-dev libssl-dev ser2net openssl
-  libcpp-httplib-dev nlohmann-json3-dev prometheus curl mbpoll
+  python3-pymodbus mbpoll systemd
+  libcpp-httplib-dev nlohmann-json3-dev prometheus curl
 )
 
 missing=()

@@ -1,8 +1,11 @@
 #include "link/passthrough.h"
 
 #include "link/ascii_frame.h"
+#include "link/line_failure.h"
 #include "link/register_transactions.h"
 #include "link/slip.h"
+
+#include <cerrno>
 
 namespace vukra::link {
 
@@ -37,15 +40,23 @@ long modbus_pass(Port* port, const std::uint8_t* pdu, std::size_t length, std::u
     for (std::size_t i = 0; i < length; ++i) frame_put_byte(request, pdu[i]);
     frame_put_lrc(request);
     frame_end(request);
+    frame_print(request);
     serial_purge(port);
     frame_send(port, request);
-    if (!frame_receive(port, answer) || !frame_check(answer)) return -1;
+    if (!frame_receive(port, answer)) return -1;
+    frame_print(answer);
+    if (!frame_check(answer)) {
+        note_failure(FailureKind::kUndecodable, EIO, "the reply was not a sound frame (start, end, length or LRC)");
+        return -1;
+    }
     // The PDU's pairs lie between the address and the LRC.
     const std::size_t got = static_cast<std::size_t>(answer.length - 7) / 2;
     if (got > kMaxPdu) return -1;
     // One byte at a time: the bytes keep their order on any host.
     for (std::size_t i = 0; i < got; ++i) hex_decode(reply_text + 3 + 2 * i, 1, 0, reply + i);
-    return answers(pdu, length, reply, got) ? static_cast<long>(got) : -1;
+    if (answers(pdu, length, reply, got)) return static_cast<long>(got);
+    note_failure(FailureKind::kUndecodable, EIO, "the reply did not answer the request (another function, count or address)");
+    return -1;
 }
 
 long packet_pass(Port* port, const std::uint8_t* packet, std::size_t length, std::uint8_t* reply,

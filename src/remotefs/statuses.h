@@ -38,7 +38,8 @@ const StatusEntry* find_status(std::int32_t status);
 // empty" as "not empty".
 enum class Doing : std::int32_t { kOther = 0, kLookup = 1, kRemovingDirectory = 2 };
 
-// The errno for status by the rule above; 0 for status 0.
+// The errno for the status of a failed call by the rule above; status 0
+// (the call failed without one: a reply that does not decode) is EIO.
 int errno_of(std::int32_t status, Doing doing = Doing::kOther);
 
 // "status N (text)", "status N" for one the project does not know.

@@ -4,7 +4,10 @@
 // timer stay the library's.
 #pragma once
 
+#include "link/line_failure.h"
 #include "modbus_vukra.h"
+#include "remotefs/statuses.h" // the statuses the project knows, in words and as errno
+#include "table/register_table.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -13,6 +16,12 @@
 namespace vukra::tool {
 
 using Session = modbus_vukra_session;
+
+// The statuses the project knows (remotefs/statuses.h): errno_of(status,
+// doing) and status_words(status, text, size) by its rule for the others.
+using remotefs::Doing;
+using remotefs::errno_of;
+using remotefs::status_words;
 
 // ---- opening ---------------------------------------------------------------
 
@@ -51,15 +60,7 @@ void pause_timer(Session* session);
 // (no reply, a reply that does not decode, a dropped connection).
 inline constexpr std::int32_t kLineFailed = 513;
 
-enum class FailureKind {
-    kNone,        // nothing failed since the thread's last open or exchange
-    kPort,        // the port could not be opened (reason: why)
-    kTable,       // the register table could not be loaded
-    kBusy,        // another session of this process is open
-    kTimeout,     // no reply within the port's time-out
-    kLine,        // the line failed: connection refused or dropped, a read error
-    kUndecodable, // a reply came that does not decode
-};
+using FailureKind = link::FailureKind; // kNone, kPort, kTable, kBusy, kTimeout, kLine, kUndecodable
 
 struct Failure {
     FailureKind kind = FailureKind::kNone;
@@ -71,6 +72,14 @@ struct Failure {
 Failure last_failure();
 
 // ---- raw exchanges with the device -------------------------------------------
+// For a tool that reads by the table's records rather than by name. Holds
+// the operations lock.
+
+// A function-3 read of reg (of type) into value (capacity bytes, one
+// host-order number): 1, 0 for a wrong answer, -1 for no valid reply.
+int read_register(Session* session, const table::RegisterRecord& reg, const table::TypeRecord& type, void* value,
+                  std::size_t capacity);
+
 // For a tool that forwards what others send (vukra serve), each under the
 // Session's operations lock, after dropping what the line holds, so that a
 // reply too late for an earlier exchange is never taken for this one's.

@@ -30,6 +30,8 @@ bin/vukra-gen
 bin/vukra-sim
 bin/vukra-ufs
 include/modbus_vukra.h
+lib/systemd/system/vukra-serve@.service
+lib/sysusers.d/vukra.conf
 $libdir/cmake/modbus_vukra/modbus_vukra-config-version.cmake
 $libdir/cmake/modbus_vukra/modbus_vukra-config.cmake
 $libdir/cmake/modbus_vukra/modbus_vukra-targets-CONFIG.cmake

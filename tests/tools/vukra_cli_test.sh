@@ -64,6 +64,14 @@ fails "vukra-sim --cut abc" '"abc" is not a decimal number' "$sim" --table table
 fails "vukra-sim --wrong nonsense" "is none of register" "$sim" --table table.xml --wrong nonsense
 fails "vukra-sim --wrong ''" "an empty value" "$sim" --table table.xml --wrong ''
 fails "vukra-sim --late too long" "is not from 1 to 600000" "$sim" --table table.xml --late 99999999999999
+fails "vukra-sim --statuses 2" "is not FROM=TO" "$sim" --table table.xml --statuses 2
+# Why a port did not open, and a failure that is not a time-out, in words.
+fails "a port that does not exist" "cannot open the port $work/none: no such device" "$vukra" -p "$work/none" reg read setpoint
+fails "a port that is a plain file" "not a serial port" "$vukra" -p "$work/table.xml" fs ls /
+fails "vukra-gen on a port that does not exist" "no such device" "$gen" table.xml --html-live x.html --host h --port "$work/none"
+start_pty_program wrong.out "$sim" --table table.xml --wrong file 2>/dev/null || exit 1
+fails "a reply that does not decode" "reply (8 bytes) does not decode" "$vukra" -p "$PTY_PATH" fs ls /
+stop_sim
 fails "vukra-sim --drop-for alone" "needs --drop-after" "$sim" --table table.xml --drop-for 2
 fails "vukra-sim --silent with a fault" "takes no other fault option" "$sim" --table table.xml --silent --twice
 fails "vukra-sim --fault-for without a fault" "chooses the requests of a fault" "$sim" --table table.xml --fault-for 2
@@ -123,7 +131,7 @@ says "a read too large for function 3" "1 to 125" "$vukra" --table big.xml -p "$
 start_pty_program silent.out "$sim" --table table.xml --silent 2>/dev/null || exit 1
 says "a silent device" "time-out" "$vukra" -p "$PTY_PATH" reg read offset_trim
 start_pty_program corrupt.out "$sim" --table table.xml --corrupt 1 --seed 3 2>/dev/null || exit 1
-says "a damaged reply" "bad frame" "$vukra" -p "$PTY_PATH" reg read offset_trim
+says "a damaged reply" "not a sound frame" "$vukra" -p "$PTY_PATH" reg read offset_trim
 
 # The generator writes only where it is told, and only C that compiles.
 mkdir gen && cd gen

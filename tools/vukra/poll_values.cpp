@@ -1,6 +1,7 @@
 #include "poll_values.h"
 
 #include "device.h"
+#include "register_reads.h"
 
 #include "session/named_registers.h"
 #include "table/value_format.h"
@@ -115,15 +116,22 @@ std::string look_up(Polled& p, bool writing) {
 }
 
 Reading read_register(modbus_vukra_session* s, const Polled& p) {
-    Reading r;
-    r.name = p.name;
-    r.type = p.type.name ? p.type.name : "?";
     std::uint8_t value[session::kTransferSize] = {};
     const std::int32_t count = 2 * p.type.words;
     if (modbus_vukra_op_protected_readreg(s, p.name.c_str(), value, count) != count) {
+        Reading r;
+        r.name = p.name;
+        r.type = p.type.name ? p.type.name : "?";
         r.error = transaction_failure();
         return r;
     }
+    return reading_of(p, value);
+}
+
+Reading reading_of(const Polled& p, const std::uint8_t* value) {
+    Reading r;
+    r.name = p.name;
+    r.type = p.type.name ? p.type.name : "?";
     if (!table::format_value(p.type, value, r.text)) {
         r.error = "its type " + r.type + " has no text form";
         return r;
@@ -177,25 +185,24 @@ std::string round_line(Format format, const std::string& time, const std::vector
     return line + "\n";
 }
 
-int read_once(Options& o, const std::vector<std::string>& names, Format format) {
+int read_once(Options& o, const std::vector<std::string>& names, Format format, unsigned gap) {
     std::FILE* out = data_stream(o);
-    if (!load_table(o)) return 1;
     std::vector<Polled> polled;
-    for (const std::string& name : names) {
-        polled.push_back(Polled{name});
-        const std::string why = look_up(polled.back(), false);
-        if (!why.empty()) return fail(why);
-    }
-    modbus_vukra_session* s = device_session(o);
+    modbus_vukra_session* s = open_for_reading(o, names, polled);
     if (s == nullptr) return 1;
-    std::vector<Reading> readings;
+    Grouping grouping;
+    grouping.gap = gap;
+    const std::string time = timestamp();
+    const std::vector<Reading> readings = read_registers(s, polled, grouping);
     int status = 0;
-    for (Polled& p : polled) {
-        look_up(p, false); // the open loaded the table again
-        readings.push_back(read_register(s, p));
-        if (!readings.back().ok) status = fail("cannot read " + p.name + ": " + readings.back().error);
+    for (const Reading& r : readings)
+        if (!r.ok) status = fail("cannot read " + r.name + ": " + r.error);
+    if (format == Format::kText) {
+        for (const Reading& r : readings)
+            if (r.ok) std::fprintf(out, "%s = %s\n", r.name.c_str(), r.text.c_str());
+    } else {
+        std::fputs((header_line(format, polled) + round_line(format, time, readings)).c_str(), out);
     }
-    std::fputs((header_line(format, polled) + round_line(format, timestamp(), readings)).c_str(), out);
     if (std::fflush(out) != 0) status = fail("cannot write the values");
     return status;
 }

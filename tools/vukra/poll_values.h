@@ -64,7 +64,10 @@ nlohmann::ordered_json reading_object(const Reading& r, const std::string& time 
 // JSON as text on one line; bytes that are not UTF-8 become U+FFFD.
 std::string json_text(const nlohmann::ordered_json& json);
 
+// One register read by its name (the library's named read).
 Reading read_register(modbus_vukra_session* s, const Polled& p);
+// The reading of a value read (host-order words, as the named read gives).
+Reading reading_of(const Polled& p, const std::uint8_t* value);
 
 // Now, UTC, as 2026-11-24T11:40:00.125Z.
 std::string timestamp();
@@ -74,8 +77,9 @@ std::string timestamp();
 std::string header_line(Format format, const std::vector<Polled>& polled);
 std::string round_line(Format format, const std::string& time, const std::vector<Reading>& readings);
 
-// Reads the registers once and writes the round in the format (reg read
-// --format): 0, or 1 when a register could not be read.
-int read_once(Options& o, const std::vector<std::string>& names, Format format);
+// Reads the registers once, grouped with gaps of at most gap words, and
+// writes the round in the format (reg read): 0, or 1 when a register could
+// not be read.
+int read_once(Options& o, const std::vector<std::string>& names, Format format, unsigned gap);
 
 } // namespace vukra::cli

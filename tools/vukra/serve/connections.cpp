@@ -223,20 +223,38 @@ void accept_loop(Server& s) {
 
 } // namespace
 
-Server* listen_on(const std::string& address, const Protocol& protocol, Queue& queue, unsigned max_clients) {
-    // HOST:PORT as a client names it; port 0 asks the system for a free one.
+namespace {
+
+// HOST:PORT as a client names it; port 0 asks the system for a free one.
+bool parse_address(const std::string& address, link::TcpAddress& where, bool& any_port) {
     std::string name = "tcp://" + address;
-    const bool any_port = name.ends_with(":0");
+    any_port = name.ends_with(":0");
     if (any_port) name.back() = '1';
+    return link::parse_tcp_name(name.c_str(), where);
+}
+
+} // namespace
+
+bool address_reads(const std::string& address) {
     link::TcpAddress where;
+    bool any_port;
+    return parse_address(address, where, any_port);
+}
+
+Server* listen_on(const std::string& address, const Protocol& protocol, Queue& queue, unsigned max_clients) {
+    link::TcpAddress where;
+    bool any_port = false;
     char why[256] = "not HOST:PORT (an IPv6 address in brackets)";
     platform::NativePort listener = platform::kInvalidPort;
-    if (link::parse_tcp_name(name.c_str(), where))
+    if (parse_address(address, where, any_port))
         listener = platform::tcp_listen(where.host, any_port ? "0" : where.service, why, sizeof why);
     if (listener == platform::kInvalidPort) {
         std::fprintf(stderr, "vukra: cannot listen for %s on %s: %s\n", protocol.name, address.c_str(), why);
         return nullptr;
     }
+    // Room for many clients connecting at once (the platform's listener
+    // keeps a few waiting, enough for one client at a time).
+    ::listen(listener, SOMAXCONN);
     sockaddr_storage bound{};
     socklen_t size = sizeof bound;
     ::getsockname(listener, reinterpret_cast<sockaddr*>(&bound), &size);
@@ -291,6 +309,7 @@ Submitted submit(Connection& c, const std::shared_ptr<Job>& job, Bytes at_deadli
         std::lock_guard lock(c.mutex);
         c.pending.push_back(Pending{job, std::move(at_deadline)});
     }
+    if (run_now(*c.server->queue, job)) return Submitted::kQueued;
     const Submitted result = serve::submit(*c.server->queue, job);
     if (result != Submitted::kQueued) {
         std::lock_guard lock(c.mutex);

@@ -41,6 +41,9 @@ struct Protocol {
 
 struct Server;
 
+// Whether address reads as HOST:PORT (port 0 allowed), before anything opens.
+bool address_reads(const std::string& address);
+
 // Listens on address (HOST:PORT, IPv6 in brackets, "*" for every
 // address, port 0 for any free one) and prints "vukra: NAME on HOST:PORT"
 // on standard error, with a warning about authentication unless the address

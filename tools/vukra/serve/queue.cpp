@@ -13,18 +13,21 @@ void report(const std::vector<std::shared_ptr<Job>>& jobs, Outcome outcome) {
         if (job->done) job->done(outcome);
 }
 
-// Pops heads that will not run (abandoned, or past their deadline) into
-// dropped. Under the queue's mutex.
-void drop_dead_heads(Queue& q, Clock::time_point now, std::vector<std::shared_ptr<Job>>& dropped) {
+// Takes the jobs that will not run (abandoned, or past their deadline)
+// out of the queue into dropped. Under the queue's mutex.
+void drop_dead(Queue& q, Clock::time_point now, std::vector<std::shared_ptr<Job>>& dropped) {
     for (auto& [client, jobs] : q.clients) {
-        while (!jobs.empty()) {
-            Job& head = *jobs.front();
+        for (auto j = jobs.begin(); j != jobs.end();) {
+            Job& job = **j;
             int queued = kQueued;
-            const bool dead = head.state.load() == kAbandoned ||
-                              (now >= head.deadline && head.state.compare_exchange_strong(queued, kAbandoned));
-            if (!dead) break;
-            dropped.push_back(std::move(jobs.front()));
-            jobs.pop_front();
+            const bool dead = job.state.load() == kAbandoned ||
+                              (now >= job.deadline && job.state.compare_exchange_strong(queued, kAbandoned));
+            if (!dead) {
+                ++j;
+                continue;
+            }
+            dropped.push_back(std::move(*j));
+            j = jobs.erase(j);
             --q.queued;
         }
     }
@@ -114,14 +117,15 @@ std::shared_ptr<Job> next(Queue& q) {
             std::unique_lock lock(q.mutex);
             for (;;) {
                 if (q.stopping) return nullptr;
-                drop_dead_heads(q, Clock::now(), dropped);
+                drop_dead(q, Clock::now(), dropped);
                 if (!dropped.empty()) break; // reported outside the lock, then the pick again
-                const int client = pick(q);
+                const int client = q.busy ? 0 : pick(q);
                 if (client != 0) {
                     auto& jobs = q.clients[client];
                     job = std::move(jobs.front());
                     jobs.pop_front();
                     --q.queued;
+                    q.busy = true;
                     break;
                 }
                 // Nothing waits: sleep until a submit (a door gives up on its own jobs at their deadlines).
@@ -133,20 +137,96 @@ std::shared_ptr<Job> next(Queue& q) {
         int queued = kQueued;
         if (job->state.compare_exchange_strong(queued, kRunning)) return job;
         if (job->done) job->done(Outcome::kExpired); // abandoned between the pick and now
+        std::lock_guard lock(q.mutex);
+        q.busy = false;
     }
 }
 
-void finish(Job& job) {
+namespace {
+
+// Runs a job marked running on the line, then frees the line.
+void run_on_line(Queue& q, Job& job, modbus_vukra_session* session) {
+    const Clock::time_point start = Clock::now();
+    if (job.work) job.work(session);
+    {
+        std::lock_guard lock(q.mutex);
+        q.slow = Clock::now() - start > std::chrono::seconds(1);
+    }
+    finish(q, job);
+}
+
+} // namespace
+
+bool run_now(Queue& q, const std::shared_ptr<Job>& job) {
+    modbus_vukra_session* session;
+    {
+        std::lock_guard lock(q.mutex);
+        if (q.stopping || q.busy || q.slow || q.queued > 0 || q.session == nullptr || !q.clients.count(job->client))
+            return false;
+        int queued = kQueued;
+        if (!job->state.compare_exchange_strong(queued, kRunning)) return false;
+        q.busy = true;
+        session = q.session;
+    }
+    run_on_line(q, *job, session);
+    return true;
+}
+
+void finish(Queue& q, Job& job) {
     int running = kRunning;
     const bool wanted = job.state.compare_exchange_strong(running, kFinished);
     if (job.done) job.done(wanted ? Outcome::kDone : Outcome::kExpired);
+    {
+        std::lock_guard lock(q.mutex);
+        q.busy = false;
+    }
+    q.changed.notify_all();
+}
+
+Outcome call(Queue& q, int client, Priority priority, Clock::duration patience,
+             std::function<void(modbus_vukra_session*)> work) {
+    struct Waiting {
+        std::mutex mutex;
+        std::condition_variable over;
+        bool reported = false;
+        Outcome outcome = Outcome::kGone;
+    };
+    auto waiting = std::make_shared<Waiting>();
+    auto job = std::make_shared<Job>();
+    job->client = client;
+    job->priority = priority;
+    job->deadline = Clock::now() + patience;
+    job->work = std::move(work);
+    job->done = [waiting](Outcome outcome) {
+        std::lock_guard lock(waiting->mutex);
+        waiting->outcome = outcome;
+        waiting->reported = true;
+        waiting->over.notify_all();
+    };
+    if (submit(q, job) != Submitted::kQueued) return Outcome::kRefused;
+    std::unique_lock lock(waiting->mutex);
+    // Past the deadline the job will not start; one that runs is waited for.
+    if (!waiting->over.wait_until(lock, job->deadline, [&] { return waiting->reported; })) {
+        lock.unlock();
+        abandon(*job);
+        {
+            std::lock_guard wake(q.mutex); // the line's thread reports a queued one as it passes
+        }
+        q.changed.notify_one();
+        lock.lock();
+        waiting->over.wait(lock, [&] { return waiting->reported; });
+    }
+    return waiting->outcome;
 }
 
 void run(Queue& q, modbus_vukra_session* session) {
-    while (std::shared_ptr<Job> job = next(q)) {
-        if (job->work) job->work(session);
-        finish(*job);
+    {
+        std::lock_guard lock(q.mutex);
+        q.session = session;
     }
+    while (std::shared_ptr<Job> job = next(q)) run_on_line(q, *job, session);
+    std::lock_guard lock(q.mutex);
+    q.session = nullptr;
 }
 
 void stop(Queue& q) {

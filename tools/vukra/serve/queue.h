@@ -47,7 +47,7 @@ using Clock = std::chrono::steady_clock;
 
 enum class Priority : int { kWrite = 0, kRead = 1, kPeriodic = 2 };
 
-enum class Outcome { kDone, kExpired, kGone };
+enum class Outcome { kDone, kExpired, kGone, kRefused /* by call(): the queue was full */ };
 
 struct Job {
     int client = 0;
@@ -82,6 +82,11 @@ struct Queue {
     int passed_over = 0;  // picks in a row that left a less urgent job waiting
     std::size_t queued = 0;
     bool stopping = false;
+    // The line: its session (set by run()), whether a job runs on it now,
+    // and whether the last one took long (a silent device).
+    modbus_vukra_session* session = nullptr;
+    bool busy = false;
+    bool slow = false;
 };
 
 int open_client(Queue& q);
@@ -92,13 +97,30 @@ void close_client(Queue& q, int client);
 enum class Submitted { kQueued, kClientFull, kFull, kStopped, kNoClient };
 Submitted submit(Queue& q, std::shared_ptr<Job> job);
 
+// When the line is free and nothing waits, runs the job at once in the
+// calling thread (no one is passed over, and a request costs no hand-over
+// between threads) and returns true; otherwise false, and the job is to be
+// submitted. Not while the line is slow: a door's thread must not wait on a
+// silent device.
+bool run_now(Queue& q, const std::shared_ptr<Job>& job);
+
 // The next job to run, by the order above, marked running; jobs past their
 // deadline or abandoned are reported kExpired on the way. Waits for one;
 // null once stop() was called.
 std::shared_ptr<Job> next(Queue& q);
 
-// Reports a job next() gave: kDone, or kExpired when its door gave up.
-void finish(Job& job);
+// Reports a job next() gave (kDone, or kExpired when its door gave up) and
+// frees the line for the next.
+void finish(Queue& q, Job& job);
+
+// For a door that waits in its own thread (the web door): runs work under
+// client with priority, at the latest patience from now, and returns when
+// it is over: kDone when work ran (its results are what it left), kExpired
+// when it could not start in time, kGone when serve stops, kRefused when the
+// queue is full. work may capture the caller's locals by reference: call()
+// returns only once work has run or will never run.
+Outcome call(Queue& q, int client, Priority priority, Clock::duration patience,
+             std::function<void(modbus_vukra_session*)> work);
 
 // The line's thread: runs jobs on the session until stop(); returns when
 // the job in flight has finished.

@@ -6,6 +6,7 @@
 // finish and end serve with status 0.
 #include "../cli.h"
 #include "../device.h"
+#include "connections.h"
 #include "doors.h"
 
 #include <csignal>
@@ -32,6 +33,12 @@ int serve(cli::Options& o, Settings settings) {
         std::string options;
         for (const Door& d : kDoors) options += std::string(options.empty() ? "" : ", ") + d.option;
         return cli::fail("serve needs a door: " + options);
+    }
+    for (const Door& d : kDoors) {
+        const std::string& address = settings.*d.address;
+        const bool listens = d.address != &Settings::mqtt; // MQTT's is the broker's URL
+        if (listens && !address.empty() && !address_reads(address))
+            return cli::fail(std::string(d.option) + " " + address + " is not HOST:PORT (an IPv6 address in brackets)");
     }
     cli::data_stream(o);
     // The doors' and the line's threads leave SIGINT and SIGTERM to this one.

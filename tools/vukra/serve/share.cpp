@@ -60,7 +60,10 @@ bool changes_files(std::uint8_t code) {
 void take(Connection& c, const std::uint8_t* m, std::size_t length) {
     const Bytes packet = unescape(m, length);
     if (packet.empty()) return;
-    if (packet.size() > remotefs::kFrameSize) return hang_up(c);
+    // The library's packets are file frames (from 1) and register frames
+    // (from ':'); anything else is not this protocol, and never sent.
+    if (packet.size() > remotefs::kFrameSize || (packet[0] != remotefs::kFrameMarker && packet[0] != ':'))
+        return hang_up(c);
     auto job = std::make_shared<Job>();
     job->priority = packet.size() > 1 && changes_files(packet[1]) ? Priority::kWrite : Priority::kRead;
     job->deadline = Clock::now() + std::chrono::milliseconds(settings.timeout_ms) - kMargin;
