@@ -3,6 +3,7 @@
 // requests, and the reading round once a period that keeps the board.
 #pragma once
 
+#include "../register_reads.h"
 #include "board.h"
 
 #include "modbus_vukra.h"
@@ -39,8 +40,8 @@ cli::Reading read_entry(modbus_vukra_session* s, Board& b, std::size_t index);
 // Whether the line thread's last transaction found the device silent.
 bool link_silent();
 
-// The reading round: every readable register once a period, through the
-// line, each round told to after_round (on the round's thread). The line
+// The reading round: every readable register once a period, in grouped
+// reads, through the line, each round told to after_round (on the round's thread). The line
 // is down when a round finds the device silent, or when no read has
 // succeeded for two periods (a round stuck behind time-outs); up again
 // at the first read that succeeds.
@@ -50,6 +51,9 @@ struct Rounds {
     Clock::duration period{};
     std::function<void()> after_round;
     std::atomic<Clock::rep> last_answer{0}; // when the device last answered
+    std::vector<cli::Polled> polled;        // the readable registers, read in groups
+    std::vector<std::size_t> indexes;       // their entries on the board
+    cli::Grouping grouping;
     std::thread thread, watchdog;
     std::mutex mutex;
     std::condition_variable wake;

@@ -1,6 +1,7 @@
 #include "metrics.h"
 
 #include "link/register_transactions.h"
+#include "session/tool_interface.h"
 
 #include <cstdio>
 
@@ -37,16 +38,26 @@ std::string number(double v) {
 
 } // namespace
 
+void count_failure(LineCounters& c) {
+    // A relayed exchange says why in the tool interface, a named one in the
+    // link's outcome.
+    const tool::FailureKind relayed = tool::last_failure().kind;
+    FailureKind kind = FailureKind::kNoReply;
+    if (relayed == tool::FailureKind::kUndecodable) kind = FailureKind::kBadFrame;
+    else if (relayed == tool::FailureKind::kNone) switch (link::last_outcome().failure) {
+        case link::Failure::kNone:
+        case link::Failure::kNoReply: break;
+        case link::Failure::kBadFrame: kind = FailureKind::kBadFrame; break;
+        case link::Failure::kException: kind = FailureKind::kException; break;
+        case link::Failure::kWrongFunction: kind = FailureKind::kWrongFunction; break;
+        case link::Failure::kWrongEcho: kind = FailureKind::kWrongEcho; break;
+        }
+    ++c.failures[static_cast<std::size_t>(kind)];
+}
+
 void count_transaction(LineCounters& c) {
     ++c.exchanges;
-    switch (link::last_outcome().failure) {
-    case link::Failure::kNone: break;
-    case link::Failure::kNoReply: ++c.failures[static_cast<std::size_t>(FailureKind::kNoReply)]; break;
-    case link::Failure::kBadFrame: ++c.failures[static_cast<std::size_t>(FailureKind::kBadFrame)]; break;
-    case link::Failure::kException: ++c.failures[static_cast<std::size_t>(FailureKind::kException)]; break;
-    case link::Failure::kWrongFunction: ++c.failures[static_cast<std::size_t>(FailureKind::kWrongFunction)]; break;
-    case link::Failure::kWrongEcho: ++c.failures[static_cast<std::size_t>(FailureKind::kWrongEcho)]; break;
-    }
+    if (link::last_outcome().failure != link::Failure::kNone) count_failure(c);
 }
 
 std::string metrics_text(const Board& b) {

@@ -19,6 +19,9 @@ namespace vukra::web {
 // Counts the calling thread's last register transaction (on the line's thread).
 void count_transaction(LineCounters& c);
 
+// Counts a failure of the calling thread's last exchange, by its kind.
+void count_failure(LineCounters& c);
+
 std::string metrics_text(const Board& b);
 
 } // namespace vukra::web

@@ -2,6 +2,7 @@
 #include "metrics.h"
 
 #include "link/register_transactions.h"
+#include "session/tool_interface.h"
 
 #include <memory>
 
@@ -11,31 +12,24 @@ namespace {
 
 void answered(Rounds& r) { r.last_answer = Clock::now().time_since_epoch().count(); }
 
-// One round on the line's thread. After the first time-out the others of
-// the round are not tried: one silent read a round is enough to know.
+// One round on the line's thread, in grouped reads (register_reads.h).
 void round(Rounds& r, modbus_vukra_session* s) {
     Board& b = *r.board;
-    bool answer = false, silent = false;
-    for (std::size_t i = 0; i < b.entries.size(); ++i) {
-        if (!b.entries[i].readable) continue;
-        if (silent) {
-            cli::Reading gone = b.entries[i].last;
-            gone.ok = false;
-            gone.error = "no reply from the device (time-out)";
-            record(b, i, gone, cli::timestamp());
-            continue;
-        }
-        read_entry(s, b, i);
-        if (link_silent()) {
-            silent = true;
-        } else { // a value or a refusal: the device answers
-            answer = true;
-            answered(r);
-        }
+    const unsigned before = r.grouping.transactions;
+    const std::vector<cli::Reading> readings = cli::read_registers(s, r.polled, r.grouping);
+    b.counters.exchanges += r.grouping.transactions - before;
+    const std::string time = cli::timestamp();
+    bool answer = false;
+    for (std::size_t i = 0; i < readings.size(); ++i) {
+        record(b, r.indexes[i], readings[i], time);
+        answer |= readings[i].ok;
     }
-    record_line(b, answer || !silent, cli::timestamp());
+    // A refusal is an answer too; only silence is a line down.
+    const bool silent = !answer && !readings.empty() && link_silent();
+    if (!answer && !readings.empty()) count_failure(b.counters);
+    if (answer || !silent) answered(r);
+    record_line(b, answer || !silent, time);
 }
-
 } // namespace
 
 cli::Reading read_entry(modbus_vukra_session* s, Board& b, std::size_t index) {
@@ -45,10 +39,19 @@ cli::Reading read_entry(modbus_vukra_session* s, Board& b, std::size_t index) {
     return r;
 }
 
-bool link_silent() { return link::last_outcome().failure == link::Failure::kNoReply; }
+bool link_silent() {
+    const tool::FailureKind kind = tool::last_failure().kind;
+    return kind == tool::FailureKind::kTimeout || kind == tool::FailureKind::kLine ||
+           link::last_outcome().failure == link::Failure::kNoReply;
+}
 
 void start(Rounds& r) {
     answered(r);
+    for (std::size_t i = 0; i < r.board->entries.size(); ++i) {
+        if (!r.board->entries[i].readable) continue;
+        r.polled.push_back(r.board->entries[i].reg);
+        r.indexes.push_back(i);
+    }
     r.thread = std::thread([&r] {
         Clock::time_point next = Clock::now();
         std::unique_lock<std::mutex> lock(r.mutex);
