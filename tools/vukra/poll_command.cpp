@@ -137,10 +137,7 @@ void add_poll_command(CLI::App& app, Options& options) {
     command->add_option("--mqtt", po->mqtt,
                         "publish to mqtt://HOST:PORT/PREFIX (mqtts:// for TLS): retained JSON at PREFIX/NAME, "
                         "writes from PREFIX/NAME/set, refusals at PREFIX/NAME/error, PREFIX/status online/offline");
-    command->add_option("--mqtt-credentials", po->credentials,
-                        "a file: the broker's user name on its first line, the password on its second (else "
-                        "VUKRA_MQTT_USERNAME and VUKRA_MQTT_PASSWORD)");
-    command->add_option("--mqtt-cafile", po->ca_file, "mqtts: the certificate authority's file (default: the system's)");
+    add_mqtt_options(command, po->credentials, po->ca_file);
     choose(command, options, [&options, po] { return poll(options, *po); });
 }
 

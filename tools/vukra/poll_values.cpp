@@ -91,6 +91,13 @@ bool parse_format(const std::string& word, Format& format) {
     return true;
 }
 
+void add_mqtt_options(CLI::App* command, std::string& credentials, std::string& ca_file) {
+    command->add_option("--mqtt-credentials", credentials,
+                        "a file: the broker's user name on its first line, the password on its second (else "
+                        "VUKRA_MQTT_USERNAME and VUKRA_MQTT_PASSWORD)");
+    command->add_option("--mqtt-cafile", ca_file, "mqtts: the certificate authority's file (default: the system's)");
+}
+
 CLI::Validator format_check() {
     return CLI::Validator(
         [](std::string& text) {

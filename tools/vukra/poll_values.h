@@ -28,6 +28,9 @@ enum class Format { kText, kCsv, kJson };
 // "text", "csv" or "json"; false for anything else.
 bool parse_format(const std::string& word, Format& format);
 
+// --mqtt-credentials FILE and --mqtt-cafile FILE, as poll and serve take them.
+void add_mqtt_options(CLI::App* command, std::string& credentials, std::string& ca_file);
+
 // The --format option's check: anything else is a usage error, told before
 // the command runs.
 CLI::Validator format_check();

@@ -6,6 +6,7 @@
 // finish and end serve with status 0.
 #include "../cli.h"
 #include "../device.h"
+#include "../poll_values.h"
 #include "connections.h"
 #include "doors.h"
 
@@ -108,10 +109,7 @@ void add_serve_command(CLI::App& app, Options& options) {
     command->add_option("--mqtt", s->mqtt,
                         "mqtt://HOST:PORT/PREFIX: every readable register published as vukra poll --mqtt does, "
                         "sets from PREFIX/register/NAME/set, the line's state at PREFIX/line");
-    command->add_option("--mqtt-credentials", s->mqtt_credentials,
-                        "a file: the broker's user name on its first line, the password on its second (else "
-                        "VUKRA_MQTT_USERNAME and VUKRA_MQTT_PASSWORD)");
-    command->add_option("--mqtt-cafile", s->mqtt_cafile, "mqtts: the certificate authority's file (default: the system's)");
+    add_mqtt_options(command, s->mqtt_credentials, s->mqtt_cafile);
     command->add_option("--ha-discovery", s->ha_discovery,
                         "with --mqtt: Home Assistant discovery under PREFIX (default homeassistant)")
         ->expected(0, 1)
