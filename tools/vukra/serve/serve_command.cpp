@@ -35,6 +35,8 @@ int serve(cli::Options& o, Settings settings) {
         for (const Door& d : kDoors) options += std::string(options.empty() ? "" : ", ") + d.option;
         return cli::fail("serve needs a door: " + options);
     }
+    if (!settings.ha_discovery.empty() && settings.mqtt.empty())
+        return cli::fail("--ha-discovery publishes through the MQTT bridge: give --mqtt URL too");
     for (const Door& d : kDoors) {
         const std::string& address = settings.*d.address;
         const bool listens = d.address != &Settings::mqtt; // MQTT's is the broker's URL

@@ -60,7 +60,7 @@ std::string read_token(const std::string& file, std::string& token) {
     while (!token.empty() && (token.back() == '\r' || token.back() == ' ' || token.back() == '\t')) token.pop_back();
     if (token.size() < kShortestToken)
         return "the token in " + file + " is shorter than " + std::to_string(kShortestToken) +
-               " characters (make one with: openssl rand -hex 24 > " + file + ")";
+               " characters (`openssl rand -hex 24` prints one)";
     if (token.find_first_of(" ;,\"\\") != std::string::npos)
         return "the token in " + file + " holds a blank, a quote, a comma, a semicolon or a backslash";
     return "";
