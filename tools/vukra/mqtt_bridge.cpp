@@ -248,12 +248,15 @@ void on_connect(mosquitto* client, void* context, int rc) {
     const std::string status = m->prefix + "/status";
     mosquitto_publish(client, nullptr, status.c_str(), 6, "online", 1, true);
     std::function<void()> connected;
+    std::vector<std::string> filters;
     {
         std::lock_guard<std::mutex> hold(m->lock);
-        for (const auto& watched : m->watches) mosquitto_subscribe(client, nullptr, watched.first.c_str(), 1);
+        for (const auto& watched : m->watches) filters.push_back(watched.first);
         connected = m->on_connected;
         m->connected = true;
     }
+    // Outside the lock: libmosquitto takes its own and may log (on_log).
+    for (const std::string& filter : filters) mosquitto_subscribe(client, nullptr, filter.c_str(), 1);
     if (connected) connected();
 }
 
@@ -412,8 +415,10 @@ void mqtt_publish(Mqtt* m, const std::string& topic, const std::string& payload,
 const std::string& mqtt_prefix(const Mqtt* m) { return m->prefix; }
 
 void mqtt_watch(Mqtt* m, const std::string& filter, MqttHeard heard) {
-    std::lock_guard<std::mutex> hold(m->lock);
-    m->watches.emplace_back(filter, std::move(heard));
+    {
+        std::lock_guard<std::mutex> hold(m->lock);
+        m->watches.emplace_back(filter, std::move(heard));
+    }
     mosquitto_subscribe(m->client, nullptr, filter.c_str(), 1); // when connected; else at the connection
 }
 
