@@ -266,7 +266,26 @@ MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_getfs(modbus_vukra_session *s
  */
 MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_putfs(modbus_vukra_session *session);
 
-/* ---- outside the op family: diagnostics and the words for a failure ------ */
+/* ---- beyond the op family: the put of what changed ------------------------ */
+
+/*
+ * Writes back to the device only what the library wrote on the local card
+ * since the last getfs or put of this process: the data groups it wrote,
+ * then the pieces of the metadata and the allocation map that differ, the
+ * header last. Before writing it reads back the device's header, map and
+ * metadata and compares them with what getfs fetched. The same lock,
+ * phases (1 the check, 2 data, 3 metadata, map and header, 4 done) and
+ * cancel (after each piece read, at each group) as putfs. The local card is
+ * only read. Returns the bytes written (0: nothing changed, nothing
+ * written), or -1 with the error word: -15 no getfs in this process made
+ * the mirror, -16 the device's card changed since (another program wrote
+ * it: a full putfs overwrites that, a new getfs takes it), -17 the local
+ * card changed outside the library since getfs, -11, -13, -14 and the
+ * remote statuses as putfs. Nothing is written on -15, -16 and -17.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_protected_putfs_changed(modbus_vukra_session *session);
+
+/* ---- beyond the op family: diagnostics, failures in words, strict values -- */
 
 /*
  * Receives one line of the library's diagnostics (frames on the line,

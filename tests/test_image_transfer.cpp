@@ -1,7 +1,8 @@
 // getfs and putfs against vukra-sim and a fake device whose lookup does not
-// tell the card's size: cancel, refusals, routing after a "/mem" lookup. A
-// vanishing device: test_line_faults; damaged volumes: the ufs image fuzzer;
-// host threads: test_stress.
+// tell the card's size: cancel, refusals, routing after a "/mem" lookup; the
+// put of what changed against the fake device, which counts what is written.
+// A vanishing device: test_line_faults; damaged volumes: the ufs image
+// fuzzer; host threads: test_stress.
 #include "kernel/vfs.h"
 #include "modbus_vukra.h"
 #include "remotefs/image_transfer.h"
@@ -17,6 +18,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <fstream>
+#include <functional>
 #include <cstdlib>
 #include <random>
 #include <thread>
@@ -30,6 +33,7 @@ namespace {
 // The parts of an image as the transfer sees them.
 struct Layout {
     std::uint32_t block_size = 0, map_start = 0, map_size = 0, groups = 0, metadata_size = 0;
+    std::uint32_t metadata_start() const { return map_start + map_size; }
     std::uint32_t data_start() const { return map_start + map_size + metadata_size; }
     std::uint32_t chunk() const { return block_size * 8; }
 };
@@ -77,9 +81,9 @@ std::string header15(std::uint16_t block_size, std::uint32_t map_size, std::uint
 }
 
 struct ImageTransfer : test::SessionFixture {
-    // vukra-ufs on the card image, its output dropped: its exit status.
-    int on_card(const std::string& arguments) const {
-        return std::system((VUKRA_UFS_PATH " " + card + " " + arguments + " >/dev/null 2>&1").c_str());
+    // vukra-ufs on the card image (or another), its output dropped: its exit status.
+    int on_card(const std::string& arguments, const std::string& image = "") const {
+        return std::system((VUKRA_UFS_PATH " " + (image.empty() ? card : image) + " " + arguments + " >/dev/null 2>&1").c_str());
     }
     // vukra-sim's arguments to serve the card, and more.
     std::vector<std::string> serving(std::vector<std::string> more = {}) const {
@@ -263,6 +267,100 @@ TEST_F(ImageTransfer, RefusalsLeaveTheirErrorWords) {
         EXPECT_EQ(modbus_vukra_op_protected_null(s), 0) << "the session still works";
         close(s);
     }
+}
+
+bool write_file_under_mem(modbus_vukra_session* s, const char* path, const std::string& text) {
+    return modbus_vukra_op_protected_create(s, path) == 0 &&
+           modbus_vukra_op_protected_write(s, text.data(), static_cast<std::int32_t>(text.size())) ==
+               static_cast<std::int32_t>(text.size());
+}
+
+TEST_F(ImageTransfer, ChangedPutSendsEachChangeInAFewBytesAndTheCardsAgree) {
+    make_card();
+    const std::pair<const char*, std::function<bool(modbus_vukra_session*)>> changes[] = {
+        {"a small file", [](auto* s) { return write_file_under_mem(s, "/mem/new.conf", "rate=9600\n"); }},
+        {"a directory", [](auto* s) { return modbus_vukra_op_protected_mkdir(s, "/mem/d") == 0; }},
+        {"a rename", [](auto* s) { return modbus_vukra_op_protected_rename(s, "/mem/hello", "/mem/hi") == 0; }},
+        {"a removal", [](auto* s) { return modbus_vukra_op_protected_remove(s, "/mem/big") == 0; }},
+    };
+    for (const auto& [what, change] : changes) {
+        SCOPED_TRACE(what);
+        test::FakeCardDevice device(test::read_file(card));
+        modbus_vukra_session* s = got(device);
+        ASSERT_NE(s, nullptr);
+        ASSERT_TRUE(change(s));
+        const std::int32_t written = modbus_vukra_protected_putfs_changed(s);
+        EXPECT_GT(written, 0) << modbus_vukra_op_session_error(s);
+        EXPECT_EQ(written, device.bytes_written());
+        EXPECT_LT(written, 1200) << "a block and a few pieces of metadata and map";
+
+        const std::string local = test::read_file("sdcard0.o"), remote = device.card();
+        const Layout l = layout_of(local);
+        EXPECT_EQ(remote.compare(0, l.data_start(), local, 0, l.data_start()), 0) << "header, map and metadata";
+        for (std::size_t i = 0; i < l.groups && i < l.map_size; ++i) {
+            const std::size_t at = l.data_start() + i * std::size_t{l.chunk()};
+            if (local[l.map_start + i] != 0) {
+                EXPECT_EQ(remote.compare(at, l.chunk(), local, at, l.chunk()), 0) << i;
+            }
+        }
+        // The data first, then the metadata, then the map (the header does not change).
+        std::vector<int> regions;
+        for (const std::size_t at : device.write_positions())
+            regions.push_back(at >= l.data_start() ? 2 : at >= l.metadata_start() ? 1 : 0);
+        EXPECT_TRUE(std::is_sorted(regions.rbegin(), regions.rend()));
+        test::write_file("device.img", remote);
+        EXPECT_EQ(on_card("check", "device.img"), 0);
+
+        // Nothing changed since: nothing written, and the local card as it was.
+        EXPECT_EQ(modbus_vukra_protected_putfs_changed(s), 0);
+        EXPECT_EQ(device.bytes_written(), written);
+        EXPECT_EQ(test::read_file("sdcard0.o"), local);
+        close(s);
+    }
+}
+
+// Each refusal comes before the first write, with its error word.
+TEST_F(ImageTransfer, ChangedPutRefusalsWriteNothing) {
+    make_card();
+    const Layout l = layout_of(test::read_file(card));
+    const std::size_t big_data = l.data_start() + 2 * l.chunk(); // inside /big, far from what the change writes
+    // Changes made behind the host's back: on the device, or on the local card's file.
+    struct Behind {
+        const char* what;
+        std::function<void(test::FakeCardDevice&)> poke;
+        std::int32_t error;
+    };
+    const auto on_local = [](std::size_t at) { // a byte of the local card's file flipped
+        std::fstream f("sdcard0.o", std::ios::in | std::ios::out | std::ios::binary);
+        const int byte = f.seekg(static_cast<std::streamoff>(at)).get();
+        f.seekp(static_cast<std::streamoff>(at)).put(static_cast<char>(~byte));
+    };
+    const Behind behind[] = {
+        {"the device's metadata", [&](auto& d) { d.poke(l.metadata_start() + 18 * 5, "\x01"); }, remotefs::kDeviceCardChanged},
+        {"the device's map", [&](auto& d) { d.poke(l.map_start + 40, "\x01"); }, remotefs::kDeviceCardChanged},
+        {"the local card's metadata", [&](auto&) { on_local(l.metadata_start() + 18 * 40); }, remotefs::kLocalCardChanged},
+        {"the local card's data", [&](auto&) { on_local(big_data + 100); }, remotefs::kLocalCardChanged},
+    };
+    for (const Behind& b : behind) {
+        SCOPED_TRACE(b.what);
+        test::FakeCardDevice device(test::read_file(card));
+        modbus_vukra_session* s = got(device);
+        ASSERT_NE(s, nullptr);
+        ASSERT_TRUE(write_file_under_mem(s, "/mem/new.conf", "rate=9600\n"));
+        b.poke(device);
+        EXPECT_EQ(modbus_vukra_protected_putfs_changed(s), -1);
+        EXPECT_EQ(modbus_vukra_op_session_error(s), b.error);
+        EXPECT_EQ(device.bytes_written(), 0);
+        close(s);
+    }
+    // No getfs by this session.
+    test::FakeCardDevice device(test::read_file(card));
+    modbus_vukra_session* s = open_mounted(device.port());
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(modbus_vukra_protected_putfs_changed(s), -1);
+    EXPECT_EQ(modbus_vukra_op_session_error(s), remotefs::kNoGetfs);
+    EXPECT_EQ(device.requests(remotefs::kOpLookup), 0);
+    close(s);
 }
 
 } // namespace

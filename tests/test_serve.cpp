@@ -2,6 +2,7 @@
 // and raw MBAP where a client library would refuse to send), and the
 // library itself through the shared line.
 #include "modbus_vukra.h"
+#include "support/child_process.h"
 #include "support/sim_process.h"
 #include "support/temp_dir.h"
 
@@ -14,11 +15,9 @@
 #include <filesystem>
 #include <map>
 #include <netinet/in.h>
-#include <poll.h>
 #include <set>
 #include <string>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -34,53 +33,30 @@ const std::uint16_t kProcess[] = {0x41AC, 0, 0xFFF4, 1, 4711, 0xFFFE, 0x7960, 0x
 
 // vukra -p PORT serve --modbus-tcp 127.0.0.1:0 --share 127.0.0.1:0 EXTRA...
 // in the working directory, its ports read from its listening lines.
-struct Serve {
-    pid_t pid = -1;
+struct Serve : vukra::test::Child {
     int modbus = 0, share = 0;
-    explicit Serve(const std::string& device, std::vector<std::string> extra = {}) {
-        std::filesystem::copy_file(VUKRA_EXAMPLES_DIR "/table.xml", "table.xml",
-                                   std::filesystem::copy_options::overwrite_existing);
-        int err[2];
-        EXPECT_EQ(pipe(err), 0);
-        std::vector<std::string> args{VUKRA_PATH, "-p", device, "serve", "--modbus-tcp", "127.0.0.1:0", "--share",
-                                      "127.0.0.1:0"};
-        args.insert(args.end(), extra.begin(), extra.end());
-        pid = fork();
-        if (pid == 0) {
-            dup2(err[1], 2);
-            close(err[0]);
-            std::vector<char*> argv;
-            for (std::string& a : args) argv.push_back(a.data());
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        close(err[1]);
-        std::string line;
-        char c;
-        pollfd p{err[0], POLLIN, 0};
-        while ((modbus == 0 || share == 0) && poll(&p, 1, 30000) > 0 && read(err[0], &c, 1) == 1) {
-            if (c != '\n') {
-                line += c;
-                continue;
-            }
+    explicit Serve(const std::string& device, std::vector<std::string> extra = {})
+        : Child(arguments(device, std::move(extra))) {
+        while (modbus == 0 || share == 0) {
+            const std::string line = this->line();
+            if (line.empty()) break;
             const auto colon = line.rfind(':');
             if (line.starts_with("vukra: Modbus TCP on 127.0.0.1:")) modbus = std::stoi(line.substr(colon + 1));
             if (line.starts_with("vukra: the shared line on 127.0.0.1:")) share = std::stoi(line.substr(colon + 1));
-            line.clear();
         }
-        close(err[0]);
         EXPECT_GT(modbus, 0);
         EXPECT_GT(share, 0);
     }
-    // SIGTERM ends serve with status 0.
-    int stop() {
-        int status = -1;
-        if (pid > 0 && kill(pid, SIGTERM) == 0) waitpid(pid, &status, 0);
-        pid = -1;
-        return status;
+    static std::vector<std::string> arguments(const std::string& device, std::vector<std::string> extra) {
+        std::filesystem::copy_file(VUKRA_EXAMPLES_DIR "/table.xml", "table.xml",
+                                   std::filesystem::copy_options::overwrite_existing);
+        std::vector<std::string> args{VUKRA_PATH, "-p", device, "serve", "--modbus-tcp", "127.0.0.1:0", "--share",
+                                      "127.0.0.1:0"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        return args;
     }
-    ~Serve() { stop(); }
+    // SIGTERM ends serve with status 0.
+    int stop() { return wait(true); }
 };
 
 int connect_to(int port, int patience_s = 5) {

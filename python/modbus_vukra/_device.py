@@ -136,8 +136,10 @@ def open(port, table: str = TABLE_FILE, timeout: Optional[float] = None) -> "Dev
     table is the register table file, from the caller's working directory
     or absolute; timeout is how long each request waits for its reply: the
     library's 4 seconds (None) is the only one it has, and any other value
-    raises ValueError. Only one session is open per process at a time. A port
-    that cannot be opened raises the OSError of the system (FileNotFoundError, ...).
+    raises ValueError. Only one session is open per process at a time (a second
+    raises VukraError, errno EBUSY, saying where the first was opened). A port that
+    cannot be opened raises the OSError for the library's reason (FileNotFoundError
+    "no such device", PermissionError, ENOTTY "not a serial port", ConnectionRefusedError).
     Use it as a context manager, or close() it.
     """
     name = _port_name(port)
@@ -348,12 +350,19 @@ class Device:
         cancel() or Ctrl-C stops it: TransferCancelled, or KeyboardInterrupt once the session is usable."""
         self._transfer("protected_getfs", 1, progress)
 
-    def putfs(self, progress: Optional[Callable[[int, int], None]] = None) -> None:
+    def putfs(self, progress: Optional[Callable[[int, int], None]] = None, changed_only: bool = False) -> int:
         """Copies the local card back to the device after a getfs; as getfs for progress and cancel.
-        A failed or cancelled put leaves the device's card partly written: put it again."""
+        A failed or cancelled put leaves the device's card partly written: put it again.
+        changed_only: only what was written under /mem since the last getfs or putfs of this process
+        (data, then metadata and map, the header last), after checking that the device's card did not
+        change meanwhile (VukraError with status -16 if it did: nothing is written). Returns the bytes
+        written: 0 when nothing changed (nothing is written); the full put returns 0."""
+        if changed_only:
+            return self._transfer("protected_putfs_changed", 2, progress)
         self._transfer("protected_putfs", 2, progress)
+        return 0
 
-    def _transfer(self, name: str, direction: int, progress) -> None:
+    def _transfer(self, name: str, direction: int, progress) -> int:
         if progress is not None and not callable(progress):
             raise TypeError("progress must be a callable or None")
         with self._lock:
@@ -371,11 +380,11 @@ class Device:
                 # lock go, the timer's status request (due since long) takes it
                 # and writes its own answer there.
                 code = transfer(handle)
-                result.append((code, error_word(handle) if code != 0 else 0))
+                result.append((code, error_word(handle) if code < 0 else 0))
 
             # The transfer runs on its own thread, so that this one stays free
             # to follow it and to take a Ctrl-C, which becomes a cancel.
-            worker = threading.Thread(target=run, name="modbus_vukra " + name[10:], daemon=True)
+            worker = threading.Thread(target=run, name="modbus_vukra " + name[len("protected_"):], daemon=True)
             self._cancel_asked = False
             self._transferring = True
             pending = None  # a Ctrl-C, or what the progress callable raised: raised once the transfer stopped
@@ -402,7 +411,7 @@ class Device:
             if pending is not None:
                 raise pending
             code, status = result[0]
-            if code != 0:
+            if code < 0:
                 what = "getfs" if direction == 1 else "putfs"
                 if status == CANCELLED or (status == 0 and self._cancel_asked):
                     raise TransferCancelled(f"{what} cancelled", status)
@@ -412,6 +421,7 @@ class Device:
                     raise VukraError(f"{what} failed: the local card (\"sdcard0.o\" in {os.getcwd()}) "
                                      "could not be opened, or the device's card is not a file", status)
                 raise VukraError(f"{what} failed: {status_words(status)}", status)
+            return code
 
 
 __all__ = ["Device", "open"]

@@ -1,4 +1,5 @@
-"""Finding the shared library and declaring its exports for ctypes.
+"""Finding the shared library and declaring its exports for ctypes: the 30 of
+the op family and the few beyond it.
 
 The library is looked for, in order, at the path in MODBUS_VUKRA_LIBRARY,
 beside this package, then by the system's search. It is loaded on first
@@ -84,8 +85,9 @@ EXPORTS = {
 # The log sink: called with a line of the library's diagnostics.
 LOG_CALLBACK = ctypes.CFUNCTYPE(None, c_void_p, c_char_p)
 
-# The exports outside the op family: name after "modbus_vukra_", result, arguments.
+# The exports beyond the op family: name after "modbus_vukra_", result, arguments.
 OTHER_EXPORTS = {
+    "protected_putfs_changed": (c_int32, [_S]),
     "set_log": (None, [LOG_CALLBACK, c_void_p]),
     "explain": (c_int32, [c_int32, c_int32, c_char_p, c_int32]),
     "register_parse": (c_int32, [c_void_p, c_char_p, c_char_p]),

@@ -126,6 +126,8 @@ def test_getfs_progress_and_mirror(dev):
     assert seen[-1] == (4, 100) and seen == sorted(seen) and len(seen) > 2
     with dev.fs.open("/mem/notes.txt", "a") as f:  # the local copy now
         f.write("four\n")
+    # Only what changed: a node, a block and a little of the map, then nothing at all.
+    assert 0 < dev.putfs(changed_only=True) < 2048 and dev.putfs(changed_only=True) == 0
     dev.putfs()
     assert os.path.getsize("sdcard0.o") > 0
 

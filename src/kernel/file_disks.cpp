@@ -5,6 +5,7 @@
 //
 // A disk's image file is opened on the first open of its node and stays
 // open for the life of the process (close only counts down).
+#include "kernel/card_changes.h"
 #include "kernel/device_table.h"
 #include "kernel/kernel_diagnostics.h"
 #include "kernel/vfs.h"
@@ -117,6 +118,14 @@ long disk_write(Descriptor fd, const void* buffer, std::size_t count) {
     return disk_transfer<d>(fd, [&](int h) { return platform::file_write(h, buffer, count); });
 }
 
+// The SD card notes what it writes, for a put of the changed parts only.
+long sdcard_write(Descriptor fd, const void* buffer, std::size_t count) {
+    const std::int32_t at = descriptor_position(fd);
+    const long n = disk_write<sdcard>(fd, buffer, count);
+    if (n > 0 && at >= 0) note_card_write(static_cast<std::uint64_t>(at), static_cast<std::uint64_t>(n));
+    return n;
+}
+
 // The SD card's end is fixed at 8 MiB whatever its size, as the device has it.
 long sdcard_seek(Descriptor fd, long offset, int whence) {
     std::int32_t& position = descriptor_position(fd);
@@ -159,7 +168,8 @@ int sdcard_ioctl(Descriptor, std::uint32_t request, void* argument) {
             diagnostic("sdcard0 creation size %u bytes ok.\n", static_cast<unsigned>(end));
         return 0;
     }
-    if (request == 6) { // erase
+    if (request == 6) { // erase: what the card held since a get is gone
+        card_changes_stop();
         if (sdcard.handle != -1) platform::file_close(sdcard.handle);
         const std::string path = path_of(sdcard);
         sdcard.handle = platform::file_open(path.c_str(), platform::kFileRead | platform::kFileWrite |
@@ -194,7 +204,7 @@ constexpr char kHdbName[] = "hdb\0\0\0\0\0";
 
 const DriverDescriptor kSdcardDriver{kSdcardName,       kBlockDevice,       nullptr, disk_open<sdcard>,
                                      disk_close<sdcard>, nullptr,           nullptr, disk_read<sdcard>,
-                                     disk_write<sdcard>, sdcard_seek,       sdcard_ioctl, nullptr};
+                                     sdcard_write,       sdcard_seek,       sdcard_ioctl, nullptr};
 const DriverDescriptor kHdcDriver{kHdcName,         kBlockDevice,     nullptr,         disk_open<flash>,
                                   disk_close<flash>, nullptr,         nullptr,         disk_read<flash>,
                                   disk_write<flash>, disk_seek<flash>, flash_ioctl,    nullptr};

@@ -11,6 +11,9 @@ namespace vukra::link {
 
 namespace {
 
+// Replies taken for one request before giving up on it.
+constexpr int kMostReplies = 3;
+
 std::uint16_t word(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] << 8 | p[1]); }
 
 // Whether the reply PDU answers the request PDU (an exception reply to its
@@ -43,19 +46,24 @@ long modbus_pass(Port* port, const std::uint8_t* pdu, std::size_t length, std::u
     frame_print(request);
     serial_purge(port);
     frame_send(port, request);
-    if (!frame_receive(port, answer)) return -1;
-    frame_print(answer);
-    if (!frame_check(answer)) {
-        note_failure(FailureKind::kUndecodable, EIO, "the reply was not a sound frame (start, end, length or LRC)");
-        return -1;
+    // A reply that does not answer this request (one too late for an earlier
+    // exchange, come after the purge) is passed over, a few times.
+    for (int heard = 0; heard < kMostReplies; ++heard) {
+        frame_init(answer, reply_text, kFrameCapacity);
+        if (!frame_receive(port, answer)) return -1;
+        frame_print(answer);
+        if (!frame_check(answer)) {
+            note_failure(FailureKind::kUndecodable, EIO, "the reply was not a sound frame (start, end, length or LRC)");
+            return -1;
+        }
+        // The PDU's pairs lie between the address and the LRC.
+        const std::size_t got = static_cast<std::size_t>(answer.length - 7) / 2;
+        if (got > kMaxPdu) return -1;
+        // One byte at a time: the bytes keep their order on any host.
+        for (std::size_t i = 0; i < got; ++i) hex_decode(reply_text + 3 + 2 * i, 1, 0, reply + i);
+        if (answers(pdu, length, reply, got)) return static_cast<long>(got);
     }
-    // The PDU's pairs lie between the address and the LRC.
-    const std::size_t got = static_cast<std::size_t>(answer.length - 7) / 2;
-    if (got > kMaxPdu) return -1;
-    // One byte at a time: the bytes keep their order on any host.
-    for (std::size_t i = 0; i < got; ++i) hex_decode(reply_text + 3 + 2 * i, 1, 0, reply + i);
-    if (answers(pdu, length, reply, got)) return static_cast<long>(got);
-    note_failure(FailureKind::kUndecodable, EIO, "the reply did not answer the request (another function, count or address)");
+    note_failure(FailureKind::kUndecodable, EIO, "the replies did not answer the request (another function, count or address)");
     return -1;
 }
 

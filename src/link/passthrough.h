@@ -20,7 +20,8 @@ inline constexpr std::size_t kMaxPdu = 253;
 // its length, or -1 without a sound reply that answers this request. An
 // exception reply (the function with 0x80 and its code) is a reply. A
 // function 3 reply must carry the words asked for, a function 16 reply echo
-// the address and quantity; any other function's reply must name it.
+// the address and quantity; any other function's reply must name it. A reply
+// that does not answer (a late one to an earlier request) is passed over.
 long modbus_pass(Port* port, const std::uint8_t* pdu, std::size_t length, std::uint8_t* reply);
 
 // Sends one packet and receives one into reply (capacity bytes): its

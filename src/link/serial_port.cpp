@@ -22,8 +22,9 @@ struct LastSettings {
     std::atomic<std::uint32_t> timeout_ms{0};
 } last_settings;
 
-// Room for the longest host, port and reason.
+// Room for the longest host, port and reason; and the reason alone.
 thread_local char failure[600];
+thread_local char connect_why[256];
 
 void drop_connection(Port* port) {
     platform::tcp_close(port->native);
@@ -32,8 +33,10 @@ void drop_connection(Port* port) {
 
 // Connects a tcp port to its address: false, with the reason in failure.
 bool connect(Port* port) {
-    char why[256] = "";
-    port->native = platform::tcp_connect(port->address.host, port->address.service, port->timeout_ms, why, sizeof why);
+    char* why = connect_why;
+    why[0] = '\0';
+    port->native = platform::tcp_connect(port->address.host, port->address.service, port->timeout_ms, why,
+                                         sizeof connect_why);
     if (port->native != platform::kInvalidPort) return true;
     std::snprintf(failure, sizeof failure, "cannot connect to %s port %s: %s", port->address.host,
                   port->address.service, why);
@@ -217,9 +220,13 @@ Port* serial_open(int, const char* name, std::intptr_t native_handle, const Seri
     if (native_handle == 0 && is_tcp_name(name)) {
         Port* port = tcp_open(name, settings);
         if (port == nullptr) {
-            const int error = failure_kind() == FailureKind::kNone ? EINVAL : failure_errno();
+            const bool unconnected = failure_kind() != FailureKind::kNone;
+            const int error = unconnected ? failure_errno() : EINVAL;
             clear_failure();
-            note_failure(FailureKind::kPort, error, "%s", failure);
+            if (unconnected)
+                note_failure(FailureKind::kPort, error, "cannot open the port %s: %s", name, connect_why);
+            else
+                note_failure(FailureKind::kPort, error, "%s", failure);
         }
         return port;
     }

@@ -7,6 +7,7 @@
 #include "kernel/kernel_diagnostics.h"
 #include "kernel/vfs.h"
 #include "remotefs/file_operations.h"
+#include "remotefs/image_layout.h"
 #include "remotefs/local_server.h"
 
 #include <algorithm>
@@ -18,13 +19,6 @@ namespace vukra::remotefs {
 
 namespace {
 
-constexpr std::size_t kSignatureSize = 7;
-constexpr const char* kSignature12 = "ufs 1.2";
-constexpr const char* kSignature15 = "ufs 1.5";
-constexpr std::uint32_t kBlockSize12 = 32;
-constexpr std::uint32_t kMaxBlockSize = 512;
-constexpr std::uint32_t kBlocksPerGroup = 8;
-constexpr std::size_t kHeaderFields = 20;
 constexpr std::size_t kPiece = 1024; // what one remote read or write moves at most
 constexpr std::uint32_t kOpenReadWrite = 3;
 constexpr std::uint32_t kSizeRequest = 1;
@@ -77,11 +71,7 @@ private:
     Side destination_;
     TransferDirection direction_;
 
-    std::uint32_t block_size_ = 0;
-    std::uint32_t map_size_ = 0;
-    std::uint32_t group_count_ = 0;
-    std::uint32_t metadata_size_ = 0;
-    std::uint32_t map_start_ = 0; // P: where the header fields end
+    ImageLayout layout_;
     std::uint64_t card_size_ = 0; // where the local card ends
     std::unique_ptr<std::uint8_t[]> map_;
 };
@@ -186,26 +176,20 @@ std::uint32_t local_card_size(kernel::Descriptor fd) {
 void Transfer::header() {
     set_state(kPhaseHeader, 0);
     seek(source_, 0);
-    char signature[kSignatureSize];
-    read_exact(source_, signature, sizeof signature);
-    std::uint32_t field_bytes = kHeaderFields;
-    if (std::memcmp(signature, kSignature12, kSignatureSize) == 0) {
-        block_size_ = kBlockSize12;
-    } else if (std::memcmp(signature, kSignature15, kSignatureSize) == 0) {
-        std::uint8_t size[2];
-        read_exact(source_, size, sizeof size);
-        block_size_ = static_cast<std::uint32_t>(size[0]) | static_cast<std::uint32_t>(size[1]) << 8;
-        if (block_size_ > kMaxBlockSize) throw Failed{kKeepError};
-        field_bytes += 2;
-    } else {
-        throw Failed{kKeepError};
+    std::uint8_t head[kLongestHeader];
+    read_exact(source_, head, kSignatureSize);
+    const std::size_t field_bytes = header_field_bytes(head);
+    if (field_bytes == 0) throw Failed{kKeepError};
+    std::uint8_t* fields = head + kSignatureSize;
+    if (field_bytes > kHeaderFields) {
+        // The block size is checked before the other fields are asked for.
+        read_exact(source_, fields, 2);
+        if ((static_cast<std::uint32_t>(fields[0]) | static_cast<std::uint32_t>(fields[1]) << 8) > kMaxBlockSize)
+            throw Failed{kKeepError};
+        fields += 2;
     }
-    std::uint8_t fields[kHeaderFields];
-    read_exact(source_, fields, sizeof fields);
-    map_size_ = load_le32(fields + 0);
-    group_count_ = load_le32(fields + 4);
-    metadata_size_ = load_le32(fields + 12);
-    map_start_ = static_cast<std::uint32_t>(kSignatureSize) + field_bytes;
+    read_exact(source_, fields, kHeaderFields);
+    decode_layout(head, layout_);
 
     // The one check of the header's sizes: the image must fit the local
     // card, whose end is fixed. Its map and metadata lie within it, and so
@@ -215,44 +199,39 @@ void Transfer::header() {
     // send the device a volume whose parts the local card does not hold.
     // The device's card is not measured: its own replies tell where it ends.
     card_size_ = local_card_size(direction_ == kGet ? destination_.fd : source_.fd);
-    const std::uint64_t chunk = static_cast<std::uint64_t>(block_size_) * kBlocksPerGroup;
-    const std::uint64_t data_start = static_cast<std::uint64_t>(map_start_) + map_size_ + metadata_size_;
-    if (data_start > card_size_) throw Failed{kImageRefused};
-    if (group_count_ > 0 && data_start + (static_cast<std::uint64_t>(group_count_) - 1) * chunk >= card_size_)
-        throw Failed{kImageRefused};
+    if (!fits_card(layout_, card_size_)) throw Failed{kImageRefused};
 
     // The header fields as the source holds them, in one read; the
     // signature comes last.
-    std::uint8_t again[2 + kHeaderFields];
-    copy(static_cast<std::uint32_t>(kSignatureSize), again, field_bytes);
+    std::uint8_t again[kLongestHeader];
+    copy(static_cast<std::uint32_t>(kSignatureSize), again, static_cast<std::uint32_t>(field_bytes));
 }
 
 void Transfer::map_and_metadata() {
-    map_.reset(new (std::nothrow) std::uint8_t[map_size_ == 0 ? 1 : map_size_]());
+    map_.reset(new (std::nothrow) std::uint8_t[layout_.map_size == 0 ? 1 : layout_.map_size]());
     if (!map_) throw Failed{kLocalCardFailed};
-    copy(map_start_, map_.get(), map_size_); // the map stays for the data groups
+    copy(layout_.map_start, map_.get(), layout_.map_size); // the map stays for the data groups
 
-    const std::uint32_t metadata_start = map_start_ + map_size_;
+    const std::uint32_t metadata_start = layout_.metadata_start();
     seek(source_, metadata_start);
     seek(destination_, metadata_start);
     std::uint8_t piece[kPiece];
-    for (std::uint32_t done = 0; done < metadata_size_;) {
-        const std::size_t got = read_some(source_, piece, std::min<std::size_t>(metadata_size_ - done, kPiece));
+    for (std::uint32_t done = 0; done < layout_.metadata_size;) {
+        const std::size_t got = read_some(source_, piece, std::min<std::size_t>(layout_.metadata_size - done, kPiece));
         if (got == 0) throw Failed{kTransferStalled};
         write_all(destination_, piece, got);
         done += static_cast<std::uint32_t>(got);
-        set_progress(static_cast<std::int32_t>(static_cast<std::uint64_t>(done) * 100 / metadata_size_));
+        set_progress(static_cast<std::int32_t>(static_cast<std::uint64_t>(done) * 100 / layout_.metadata_size));
         check_cancel();
     }
 }
 
 void Transfer::data() {
     set_state(kPhaseData, 0);
-    const std::uint64_t chunk = static_cast<std::uint64_t>(block_size_) * kBlocksPerGroup;
-    const std::uint64_t data_start = static_cast<std::uint64_t>(map_start_) + map_size_ + metadata_size_;
+    const std::uint64_t chunk = layout_.chunk();
     auto staging = std::make_unique<std::uint8_t[]>(kMaxBlockSize * kBlocksPerGroup);
-    for (std::uint32_t i = 0; i < group_count_; ++i) {
-        const std::uint64_t offset = data_start + i * chunk;
+    for (std::uint32_t i = 0; i < layout_.group_count; ++i) {
+        const std::uint64_t offset = layout_.group_offset(i);
         // The local card's end cuts the last group's copy (the header
         // check keeps every group's start inside the card).
         const auto length = static_cast<std::uint32_t>(std::min(chunk, card_size_ - offset));
@@ -260,7 +239,7 @@ void Transfer::data() {
         std::memset(staging.get(), 0, length);
         // A map shorter than the group count leaves the groups past it
         // unused.
-        if (i < map_size_ && map_[i] != 0) {
+        if (i < layout_.map_size && map_[i] != 0) {
             seek(source_, at);
             seek(destination_, at);
             // A read that gives no byte ends the group's copy (the device's
@@ -282,7 +261,7 @@ void Transfer::data() {
         }
         // 100 belongs to the finished transfer: the last group shows 99.
         const std::int32_t progress =
-            group_count_ <= 1 ? 100 : static_cast<std::int32_t>(static_cast<std::uint64_t>(i) * 100 / (group_count_ - 1));
+            layout_.group_count <= 1 ? 100 : static_cast<std::int32_t>(static_cast<std::uint64_t>(i) * 100 / (layout_.group_count - 1));
         set_progress(std::min(progress, 99));
         check_cancel();
     }
@@ -361,6 +340,7 @@ std::int32_t transfer(session::Session& s, TransferDirection direction) {
 } // namespace
 
 std::int32_t getfs(session::Session& s) {
+    forget_local_card();
     if (transfer(s, kGet) != 0) {
         // The local card is partly written: "/mem" stays unmounted and its
         // paths go to the device again until a get succeeds.
@@ -368,6 +348,7 @@ std::int32_t getfs(session::Session& s) {
         s.mirror_selected = 0;
         return -1;
     }
+    remember_local_card(); // before the mount: what it writes is a change
     if (kernel::mount(kernel::kUfsx, kCardPath, kMirrorMount) != 0) {
         s.mirror_enabled = 0;
         s.mirror_selected = 0;
@@ -397,7 +378,9 @@ std::int32_t putfs(session::Session& s) {
     // What the mounted volume keeps in memory goes to the card first, or
     // the device would receive a card that does not match its files.
     kernel::flush_mounts();
-    return transfer(s, kPut);
+    if (transfer(s, kPut) != 0) return -1;
+    remember_local_card();
+    return 0;
 }
 
 } // namespace vukra::remotefs

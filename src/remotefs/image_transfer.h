@@ -18,6 +18,10 @@ inline constexpr std::int32_t kTransferCancelled = -11; // cancelfs
 inline constexpr std::int32_t kImageRefused = -12;      // map, metadata or a group's start past the local card's end
 inline constexpr std::int32_t kTransferStalled = -13;   // no byte came for the map, metadata or signature, or a write moved none
 inline constexpr std::int32_t kLocalCardFailed = -14;   // the local card could not be read, written or mounted
+// Of the put of what changed (putfs_changed), before anything is written:
+inline constexpr std::int32_t kNoGetfs = -15;           // no get in this process: what changed is not known
+inline constexpr std::int32_t kDeviceCardChanged = -16; // the device's header, map or metadata changed since
+inline constexpr std::int32_t kLocalCardChanged = -17;  // the local card changed outside the library since
 
 inline constexpr const char* kCardPath = "/dev/sdcard0";
 inline constexpr const char* kMirrorMount = "/mem";
@@ -30,5 +34,14 @@ enum TransferPhase : std::int32_t { kPhaseHeader = 1, kPhaseData = 2, kPhaseSign
 std::int32_t getfs(session::Session& s);
 // Copies the local card back to the device; -1 at once without a mirror.
 std::int32_t putfs(session::Session& s);
+// Writes to the device only what the library wrote on the local card
+// since the last get or put of this process (changed_put.cpp): the bytes
+// written (0: nothing changed), or -1 with the error word.
+std::int32_t putfs_changed(session::Session& s);
+
+// The local card as the device's card now holds it, after a get or a put:
+// kept, and the card's writes noted from now on; forgotten after a failed get.
+void remember_local_card();
+void forget_local_card();
 
 } // namespace vukra::remotefs

@@ -3,6 +3,14 @@
 #include <cerrno>
 #include <cstdio>
 
+// Windows' C library lacks these two; a POSIX program would see Linux's.
+#ifndef ESTALE
+#define ESTALE 116
+#endif
+#ifndef ENOTBLK
+#define ENOTBLK 15
+#endif
+
 namespace vukra::remotefs {
 
 namespace {
@@ -18,6 +26,9 @@ constexpr StatusEntry kStatuses[] = {
     {-29, "EACCES", EACCES, "refused by the device or filesystem"},
     {-22, "EINVAL", EINVAL, "a directory cannot move into itself"},
     {-20, "EEXIST", EEXIST, "exists, or not empty"},
+    {-17, "LOCALCHANGED", EIO, "the local card changed outside the library since getfs"},
+    {-16, "CARDCHANGED", EIO, "the device's card changed since getfs"},
+    {-15, "NOGETFS", EINVAL, "no getfs in this process: what changed is not known"},
     {-14, "LOCALCARD", EIO, "the local card could not be read, written or mounted"},
     {-13, "STALLED", EIO, "the device stopped giving or taking bytes"},
     {-12, "IMAGE", EINVAL, "not an image the local card takes"},

@@ -89,4 +89,9 @@ MODBUS_VUKRA_API std::int32_t modbus_vukra_op_protected_putfs(modbus_vukra_sessi
     return session::protected_call(s, [&] { return fs::putfs(*s); });
 }
 
+// Outside the op family: the put of what changed since the last get or put.
+MODBUS_VUKRA_API std::int32_t modbus_vukra_protected_putfs_changed(modbus_vukra_session* s) {
+    return session::protected_call(s, [&] { return fs::putfs_changed(*s); });
+}
+
 } // extern "C"

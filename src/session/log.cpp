@@ -1,16 +1,26 @@
 #include "session/log.h"
 
+#include "platform/platform.h"
+
 #include <atomic>
 #include <cstdio>
-#include <mutex>
 #include <string>
 
 namespace vukra::log {
 
 namespace {
 
-// The sink and its context change together.
-std::mutex sink_lock;
+// The sink and its context change together; one line is delivered at a time.
+struct SinkLock {
+    platform::RecursiveLock lock;
+    SinkLock() { platform::lock_init(lock); }
+};
+
+platform::RecursiveLock& sink_lock() {
+    static SinkLock one;
+    return one.lock;
+}
+
 modbus_vukra_log_callback sink = nullptr;
 void* sink_context = nullptr;
 std::atomic<bool> has_sink{false};
@@ -26,7 +36,7 @@ void deliver(const char* text, std::size_t count) {
         std::size_t stop = end;
         while (stop > start && pending[stop - 1] == '\r') --stop;
         const std::string line = pending.substr(start, stop - start);
-        std::lock_guard<std::mutex> hold(sink_lock);
+        platform::LockGuard hold(sink_lock());
         if (sink != nullptr) sink(sink_context, line.c_str());
         else std::printf("%s\n", line.c_str());
     }
@@ -74,7 +84,7 @@ void write(const char* text, std::size_t count) {
 }
 
 void set_sink(modbus_vukra_log_callback chosen, void* context) {
-    std::lock_guard<std::mutex> hold(sink_lock);
+    platform::LockGuard hold(sink_lock());
     sink = chosen;
     sink_context = context;
     has_sink.store(chosen != nullptr);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "link/line_failure.h"
+#include "link/register_transactions.h"
 #include "modbus_vukra.h"
 #include "remotefs/statuses.h" // the statuses the project knows, in words and as errno
 #include "table/register_table.h"
@@ -84,8 +85,12 @@ int read_register(Session* session, const table::RegisterRecord& reg, const tabl
 // Session's operations lock, after dropping what the line holds, so that a
 // reply too late for an earlier exchange is never taken for this one's.
 
-// The longest PDU (function code and data) of a Modbus request or reply.
+// The longest PDU (function code and data) of a Modbus request or reply,
+// the most registers a read or a write carries, and the exception codes.
 inline constexpr std::size_t kMaxPdu = 253;
+using link::kMaxReadWords;
+using link::kMaxWriteWords;
+using ExceptionCode = link::ExceptionCode;
 
 // One Modbus transaction as a client asked for it: the request PDU goes to
 // the device's address in an ASCII frame; the reply's PDU lands in reply

@@ -40,6 +40,16 @@ void FakeCardDevice::serve() {
     }
 }
 
+std::vector<std::size_t> FakeCardDevice::write_positions() const {
+    std::lock_guard<std::mutex> hold(lock_);
+    return write_positions_;
+}
+
+void FakeCardDevice::poke(std::size_t at, const std::string& bytes) {
+    std::lock_guard<std::mutex> hold(lock_);
+    image_.replace(at, bytes.size(), bytes);
+}
+
 void FakeCardDevice::answer(const Bytes& packet) {
     if (packet.size() < kFrameHeaderSize) return;
     const std::uint8_t code = packet[1];
@@ -78,6 +88,8 @@ void FakeCardDevice::answer(const Bytes& packet) {
         const std::size_t at = static_cast<std::size_t>(request.position);
         const std::size_t count = at < image_.size() ? std::min<std::size_t>(request.count, image_.size() - at) : 0;
         if (count > 0) image_.replace(at, count, reinterpret_cast<const char*>(request.data.data), count);
+        written_ += static_cast<long>(count);
+        write_positions_.push_back(at);
         reply_length = give(code, reply, WriteReply{static_cast<std::uint32_t>(count), 0});
         break;
     }

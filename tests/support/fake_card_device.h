@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace vukra::test {
 
@@ -31,6 +32,12 @@ public:
     int nulls() const { return requests(0); }
     // The card as it stands.
     std::string card() const;
+    // Card bytes the writes changed, all told.
+    long bytes_written() const { return written_.load(); }
+    // Where each write began, in order.
+    std::vector<std::size_t> write_positions() const;
+    // Another program writing the card.
+    void poke(std::size_t at, const std::string& bytes);
 
 private:
     void serve();
@@ -41,6 +48,8 @@ private:
     std::string image_;
     std::uint32_t kind_, word2_;
     std::atomic<int> requests_[16] = {};
+    std::atomic<long> written_{0};
+    std::vector<std::size_t> write_positions_;
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };

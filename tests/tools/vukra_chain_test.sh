@@ -2,7 +2,7 @@
 # vukra's commands joined by "+" on one session against vukra-sim: the
 # whole card copied with fs getfs, changed under /mem and written back with
 # fs putfs (the card then holds the change, and a change without putfs never
-# reaches it); a failing command ends the chain; "+" misused is a usage
+# reaches it), or only what changed with fs putfs --changed; a failing command ends the chain; "+" misused is a usage
 # error; Ctrl-C cancels a transfer and leaves the device answering; watch
 # prints the timer's notifications until Ctrl-C.
 #   vukra_chain_test.sh BUILD_TOOLS_DIR EXAMPLES_DIR SCRIPTS_DIR
@@ -45,6 +45,15 @@ grep -q '^getfs: done in .* bytes/s' loud.err && grep -q '^putfs: done' loud.err
   ko "the transfers' summaries on stderr: $(cat loud.err)"
 "$vukra" -p "$PTY_PATH" fs getfs + fs ls /mem + fs putfs >quiet.out 2>quiet.err
 [ -s quiet.out ] && [ ! -s quiet.err ] && ok || ko "a chain is quiet on success: $(cat quiet.err)"
+
+# putfs --changed: what changed reaches the card, whose header, map and
+# metadata are then the local card's; a put of nothing says so.
+v fs getfs + fs put notes.txt /mem/etc/changed.txt + fs mkdir /mem/etc/sub + fs putfs --changed 2>changed.err &&
+  cmp -s -n $((29 + $(od -An -tu4 -j9 -N4 card.o) + $(od -An -tu4 -j21 -N4 card.o))) card.o sdcard0.o &&
+  [ "$(v fs cat /mem/etc/changed.txt)" = "notes of the day" ] && ok || ko "putfs --changed: $(cat changed.err)"
+"$vukra" -p "$PTY_PATH" fs getfs + fs putfs --changed 2>nothing.err && grep -q '^putfs --changed: nothing was changed' nothing.err && ok ||
+  ko "a put of nothing changed: $(cat nothing.err)"
+fails "--changed with --full" "excludes" v fs getfs + fs putfs --changed --full
 
 # A failing command ends the chain: the ones after it do not run.
 "$vukra" -p "$PTY_PATH" fs ls /mem + fs cat /mem/missing + fs put hello.txt /mem/after.txt >fail.out 2>fail.err
@@ -95,7 +104,7 @@ stop_sim
 
 # A device that vanishes during getfs: its status, no summary.
 start_pty_program drop.out "$sim" --table table.xml --image slow.o --drop-after 20 2>/dev/null || exit 1
-fails "getfs from a vanishing device" "getfs failed: status 513" v fs getfs
+fails "getfs from a vanishing device" "getfs failed: no reply from the device" v fs getfs
 stop_sim
 
 finish

@@ -38,6 +38,23 @@ frames() { grep -c '^Frame : ' "$1"; }
 [ "$(frames frames.err)" = 4 ] && ok || ko "--gap 6 leaves 7 words apart: $(frames frames.err)"
 stop_sim
 
+# --- a device that answers late: the late reply is nobody's answer ---
+start_pty_program late.out "$sim" --table table.xml --late 4500 --fault-after 1 --fault-for 1 2>late.err || exit 1
+: >late_serve.err
+"$vukra" -p "$PTY_PATH" serve --modbus-tcp 127.0.0.1:0 2>late_serve.err &
+LATE=$!
+for _ in $(seq 300); do grep -q ' on 127.0.0.1:' late_serve.err && break; sleep 0.1; done
+lp=$(sed -n 's/^vukra: Modbus TCP on 127.0.0.1:\([0-9]*\)$/\1/p' late_serve.err)
+mbpoll -q -m tcp -p "$lp" -a 1 -1 -r 261 127.0.0.1 >out 2>&1
+grep -q '4711' out && ok || ko "before the late reply: $(cat out)"
+mbpoll -q -m tcp -p "$lp" -a 1 -1 -r 257 -c 2 -o 6 127.0.0.1 >out 2>&1
+grep -q 'Target device failed to respond' out && ok || ko "a late reply is a time-out: $(cat out)"
+mbpoll -q -m tcp -p "$lp" -a 1 -1 -r 261 127.0.0.1 >out 2>&1
+grep -q '\[261\]: 	4711$' out && ok || ko "the next request gets its own answer: $(cat out)"
+kill $LATE
+wait $LATE
+stop_sim
+
 # --- serve on the sim ---
 start_pty_program sim.out "$sim" --table table.xml --image card.img 2>sim.err || exit 1
 : >serve.err

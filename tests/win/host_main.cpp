@@ -39,8 +39,10 @@ bool resolve(HMODULE dll) {
     mine.insert("modbus_vukra_op_" #name);
     HOST_EXPORTS(HOST_RESOLVE)
 #undef HOST_RESOLVE
-    const std::set<std::string> library(std::begin(kLibraryExports), std::end(kLibraryExports));
-    check(mine.size() == 30 && mine == library, "the program's 30 names are the library's export list");
+    std::set<std::string> library; // the op family; the exports beyond it are not the host's
+    for (const char* name : kLibraryExports)
+        if (std::string(name).rfind("modbus_vukra_op_", 0) == 0) library.insert(name);
+    check(mine.size() == 30 && mine == library, "the program's 30 names are the library's op family");
     return all;
 }
 

@@ -8,7 +8,7 @@ namespace vukra::tools {
 
 namespace {
 
-std::atomic<std::FILE*> target{nullptr};
+std::atomic<std::FILE*> target{stdout}; // as the library prints them until a tool chooses
 
 void to_target(void*, const char* line) {
     if (std::FILE* out = target.load()) {

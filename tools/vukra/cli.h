@@ -66,8 +66,9 @@ void add_fs_commands(CLI::App& app, Options& options);
 void add_image_commands(CLI::App& fs_group, Options& options);
 
 // The whole card into the library's local card (get) or back (put), with
-// the progress line and Ctrl-C: fs getfs and fs putfs. The exit status.
-int card_transfer(Options& options, bool get);
+// the progress line and Ctrl-C: fs getfs and fs putfs; changed: a put of
+// only what was changed since the getfs (fs putfs --changed). The exit status.
+int card_transfer(Options& options, bool get, bool changed = false);
 
 // vukra mount DIR (Linux with FUSE 3 only)
 void add_mount_command(CLI::App& app, Options& options);

@@ -14,6 +14,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
+#include <string>
 #include <unistd.h>
 
 namespace vukra::cli {
@@ -24,6 +26,7 @@ struct Follower {
     modbus_vukra_session* session = nullptr;
     const char* label = "";
     std::int32_t direction = 0; // 1 get, 2 put: the state of an earlier transfer is not drawn
+    bool changed = false;       // a put of the changed parts: its phases 1 and 3 do other work
     bool shown = false;         // a progress line on a terminal
     std::atomic<bool> done{false};
     // Written by the follower, read once it ended.
@@ -31,11 +34,11 @@ struct Follower {
     bool drew = false;
 };
 
-const char* phase_name(std::int32_t phase) {
+const char* phase_name(std::int32_t phase, bool changed) {
     switch (phase) {
-    case 1: return "header and metadata";
+    case 1: return changed ? "checking the device" : "header and metadata";
     case 2: return "data";
-    case 3: return "signature";
+    case 3: return changed ? "metadata and header" : "signature";
     default: return "done";
     }
 }
@@ -50,7 +53,7 @@ void follow(void* argument) {
                 f.bytes_per_second = info[MODBUS_VUKRA_INFO_BITS_PER_SECOND] / 8;
             const std::int32_t phase = info[MODBUS_VUKRA_INFO_PHASE];
             if (f.shown && info[MODBUS_VUKRA_INFO_DIRECTION] == f.direction && phase >= 1 && phase <= 3) {
-                std::fprintf(stderr, "\r%s: %-19s %3d%%, %d bytes/s ", f.label, phase_name(phase),
+                std::fprintf(stderr, "\r%s: %-19s %3d%%, %d bytes/s ", f.label, phase_name(phase, f.changed),
                              info[MODBUS_VUKRA_INFO_PROGRESS], f.bytes_per_second);
                 std::fflush(stderr);
                 f.drew = true;
@@ -72,6 +75,21 @@ const char* left_behind(bool get, std::int32_t error) {
                : "the device's card is partly rewritten: put it again before the device uses it";
 }
 
+// Why a put of the changed parts refused to start, and what to do; null
+// for the other failures.
+const char* refusal(std::int32_t error) {
+    switch (error) {
+    case -15: return "no getfs in this run made the local copy, so what changed is not known: "
+                     "vukra -p PORT fs getfs + ... + fs putfs --changed";
+    case -16: return "the device's card changed since getfs (another program wrote it); nothing was written. "
+                     "fs putfs --full overwrites the device's changes with the local copy; a new fs getfs takes "
+                     "them (and drops what was changed here)";
+    case -17: return "the local card (sdcard0.o) was changed outside vukra since getfs; nothing was written. "
+                     "fs putfs --full sends the local card as it is; a new fs getfs starts again from the device";
+    default: return nullptr;
+    }
+}
+
 // Why a transfer failed, for the message.
 std::string failure(modbus_vukra_session* s) {
     if (modbus_vukra_op_session_error(s) != 0) return device_status(s);
@@ -81,8 +99,8 @@ std::string failure(modbus_vukra_session* s) {
 
 } // namespace
 
-int card_transfer(Options& o, bool get) {
-    const char* label = get ? "getfs" : "putfs";
+int card_transfer(Options& o, bool get, bool changed) {
+    const char* label = get ? "getfs" : changed ? "putfs --changed" : "putfs";
     // A putfs runs only after a getfs of the same run succeeded: the chain
     // refuses it otherwise, and stops at the first command that fails.
     data_stream(o); // the listing of /mem after a get is one of the library's lines
@@ -96,28 +114,42 @@ int card_transfer(Options& o, bool get) {
     f.session = r.session;
     f.label = label;
     f.direction = get ? 1 : 2;
+    f.changed = changed;
     f.shown = !o.quiet && isatty(STDERR_FILENO) == 1;
     platform::Thread thread;
     const bool following = platform::thread_start(thread, follow, &f);
     const auto start = std::chrono::steady_clock::now();
-    const std::int32_t result =
-        get ? modbus_vukra_op_protected_getfs(r.session) : modbus_vukra_op_protected_putfs(r.session);
+    const std::int32_t result = get       ? modbus_vukra_op_protected_getfs(r.session)
+                                : changed ? modbus_vukra_protected_putfs_changed(r.session)
+                                          : modbus_vukra_op_protected_putfs(r.session);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     f.done = true;
     if (following) platform::thread_join(thread, 5000);
     if (f.drew) std::fputc('\n', stderr);
 
-    if (result != 0) {
+    if (result < 0) {
         const std::int32_t error = modbus_vukra_op_session_error(r.session);
+        if (changed && refusal(error) != nullptr) return fail(std::string(label) + " refused: " + refusal(error));
+        if (changed && error != -11 && error != 0)
+            return fail(std::string(label) + " failed: " + failure(r.session) +
+                        "; the device's card is partly rewritten: put it again (--changed sends all of it again) "
+                        "before the device uses it");
         if (error == -11)
             return fail(std::string(label) + " cancelled at Ctrl-C (status -11): " + left_behind(get, error));
         return fail(std::string(label) + " failed: " + failure(r.session) + "; " + left_behind(get, error));
+    }
+    // Said even without -v: a put that wrote nothing is not mistaken for one that did.
+    if (changed && result == 0 && !o.quiet) {
+        std::fprintf(stderr, "%s: nothing was changed under /mem since getfs: nothing written\n", label);
+        return 0;
     }
     // The summary ends the progress line of a terminal, or answers -v.
     if (o.verbose || f.shown) {
         std::fflush(stdout);
         std::fprintf(stderr, "%s: done in %.2f s (last exchange at %d bytes/s)%s\n", label, seconds, f.bytes_per_second,
-                     get ? "; /mem is now the local copy" : "");
+                     get       ? "; /mem is now the local copy"
+                     : changed ? (", " + std::to_string(result) + " bytes written").c_str()
+                               : "");
     }
     return 0;
 }
@@ -128,7 +160,14 @@ void add_image_commands(CLI::App& fs_group, Options& options) {
     choose(getfs, options, [&options] { return card_transfer(options, true); });
     CLI::App* putfs = fs_group.add_subcommand(
         "putfs", "copy the local card back to the device (after a getfs in the same run)");
-    choose(putfs, options, [&options] { return card_transfer(options, false); });
+    auto changed = std::make_shared<bool>(false);
+    CLI::Option* only = putfs->add_flag(
+        "--changed", *changed,
+        "write only what was changed under /mem since the getfs: its data, then metadata and map, the header last; "
+        "refused when the device's card changed meanwhile");
+    auto full = std::make_shared<bool>(false); // the default, named for scripts that say so
+    putfs->add_flag("--full", *full, "the whole card, every used group (the default)")->excludes(only);
+    choose(putfs, options, [&options, changed, full] { return card_transfer(options, false, *changed); });
 }
 
 } // namespace vukra::cli

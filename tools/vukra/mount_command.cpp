@@ -152,7 +152,7 @@ int run(Options& o, const Settings& settings) {
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGTERM, &ignore, &term);
     sigaction(SIGHUP, &ignore, &hang_up);
-    const int put = card_transfer(o, false);
+    const int put = card_transfer(o, false, true); // only what was written under the mount
     sigaction(SIGTERM, &term, nullptr);
     sigaction(SIGHUP, &hang_up, nullptr);
     if (put == 0) return status;

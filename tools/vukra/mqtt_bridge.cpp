@@ -376,7 +376,8 @@ Mqtt* mqtt_start(const MqttSettings& settings, std::string& why) {
         mqtt_stop(m);
         return nullptr;
     }
-    if (rc != MOSQ_ERR_SUCCESS)
+    // A failed TLS handshake has been told with its reason already.
+    if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_TLS)
         std::fprintf(stderr, "vukra: the MQTT broker %s:%d is not there yet (%s); it is tried again\n",
                      m->host.c_str(), m->port, mosquitto_strerror(rc));
     if (mosquitto_loop_start(m->client) != MOSQ_ERR_SUCCESS) {

@@ -12,7 +12,6 @@
 #include "poll_values.h"
 #include "register_reads.h"
 
-
 #ifdef VUKRA_HAVE_MQTT
 #include "mqtt_bridge.h"
 #endif
@@ -69,11 +68,14 @@ int poll(Options& o, const PollOptions& po) {
     Clock::time_point next = Clock::now();
     for (unsigned long round = 0; (po.count == 0 || round < po.count) && !interrupted(); ++round) {
         const std::string time = timestamp();
+        std::function<void()> between; // before each transaction of the round
 #ifdef VUKRA_HAVE_MQTT
-        // Sets are written between the rounds, before the round's reads.
-        if (mqtt && !interrupted()) mqtt_apply_sets(mqtt.get(), s, 0);
+        // A set waits at most for the read in progress.
+        if (mqtt) between = [&] {
+            if (!interrupted()) mqtt_apply_sets(mqtt.get(), s, 0);
+        };
 #endif
-        const std::vector<Reading> readings = read_registers(s, polled, grouping);
+        const std::vector<Reading> readings = read_registers(s, polled, grouping, between);
         for (const Reading& r : readings) {
             failed_read |= !r.ok;
 #ifdef VUKRA_HAVE_MQTT
@@ -135,8 +137,9 @@ void add_poll_command(CLI::App& app, Options& options) {
     command->add_option("--format", po->format, "text, csv or json (one object a line)")->check(format_check());
     add_gap_option(command, po->gap);
     command->add_option("--mqtt", po->mqtt,
-                        "publish to mqtt://HOST:PORT/PREFIX (mqtts:// for TLS): retained JSON at PREFIX/NAME, "
-                        "writes from PREFIX/NAME/set, refusals at PREFIX/NAME/error, PREFIX/status online/offline");
+                        "publish to mqtt://HOST:PORT/PREFIX (mqtts:// for TLS): retained JSON at PREFIX/register/NAME, "
+                        "writes from PREFIX/register/NAME/set, refusals at PREFIX/register/NAME/error, PREFIX/status "
+                        "online/offline");
     add_mqtt_options(command, po->credentials, po->ca_file);
     choose(command, options, [&options, po] { return poll(options, *po); });
 }

@@ -4,6 +4,7 @@
 #include "register_reads.h"
 
 #include "session/named_registers.h"
+#include "session/tool_interface.h"
 #include "table/value_format.h"
 
 #include <cerrno>
@@ -17,10 +18,6 @@ namespace vukra::cli {
 
 namespace {
 
-// The most words one request carries: function 3 reads at most 125
-// registers, function 16 writes at most 123.
-constexpr std::int32_t kMaxReadWords = 125;
-constexpr std::int32_t kMaxWriteWords = 123;
 
 // A number as JSON has it: no "0x", no leading "+", no "inf" or "nan";
 // integers stay integers.
@@ -114,7 +111,7 @@ std::string look_up(Polled& p, bool writing) {
         return p.name + " is read-only (access \"R\" in the table): nothing was sent";
     if (!writing && !(p.reg.access & table::kAccessRead))
         return p.name + " is write-only (access \"W\" in the table): nothing was sent";
-    const std::int32_t limit = writing ? kMaxWriteWords : kMaxReadWords;
+    const auto limit = static_cast<std::int32_t>(writing ? tool::kMaxWriteWords : tool::kMaxReadWords);
     if (p.type.words <= 0 || p.type.words > limit)
         return p.name + "'s type " + (p.type.name ? p.type.name : "?") + " has " + std::to_string(p.type.words) +
                " words; one Modbus " + (writing ? "write" : "read") + " carries 1 to " + std::to_string(limit) +

@@ -13,7 +13,6 @@ namespace vukra::cli {
 
 namespace {
 
-constexpr std::uint32_t kMostWords = 125; // in one function-3 request
 
 std::uint32_t first_word(const Polled& p) { return table::address_of(p.reg) & 0xFFFF; }
 std::uint32_t end_word(const Polled& p) { return first_word(p) + static_cast<std::uint32_t>(p.type.words); }
@@ -45,7 +44,7 @@ std::vector<std::vector<std::size_t>> plan_spans(const std::vector<Polled>& poll
     for (std::size_t i : order) {
         const Polled& p = polled[i];
         const bool joins = !spans.empty() && same_table(polled[spans.back().front()], p) &&
-                           first_word(p) <= end + gap && std::max(end, end_word(p)) - start <= kMostWords;
+                           first_word(p) <= end + gap && std::max(end, end_word(p)) - start <= tool::kMaxReadWords;
         if (!joins) {
             spans.push_back({});
             start = first_word(p);
@@ -61,7 +60,7 @@ void add_gap_option(CLI::App* command, unsigned& gap) {
     command->add_option("--gap", gap,
                         "read registers of one table at most WORDS unwanted words apart in one transaction "
                         "(default 4; 0: only registers side by side)")
-        ->check(CLI::Range(0u, kMostWords - 1));
+        ->check(CLI::Range(0u, tool::kMaxReadWords - 1));
 }
 
 modbus_vukra_session* open_for_reading(Options& o, const std::vector<std::string>& names, std::vector<Polled>& polled) {
@@ -81,32 +80,33 @@ modbus_vukra_session* open_for_reading(Options& o, const std::vector<std::string
     return s;
 }
 
-std::vector<Reading> read_registers(modbus_vukra_session* s, const std::vector<Polled>& polled, Grouping& grouping) {
+std::vector<Reading> read_registers(modbus_vukra_session* s, const std::vector<Polled>& polled, Grouping& grouping,
+                                    const std::function<void()>& between) {
     std::vector<Reading> readings(polled.size());
+    const auto alone = [&](std::size_t i) {
+        if (between) between();
+        ++grouping.transactions;
+        readings[i] = read_register(s, polled[i]);
+    };
     for (const std::vector<std::size_t>& span : plan_spans(polled, grouping.gap)) {
         const std::uint32_t start = first_word(polled[span.front()]);
         std::uint32_t end = start;
         for (std::size_t i : span) end = std::max(end, end_word(polled[i]));
         const std::pair<std::uint32_t, std::uint32_t> key{start, end - start};
         if (span.size() == 1 || grouping.refused.count(key)) {
-            for (std::size_t i : span) {
-                ++grouping.transactions;
-                readings[i] = read_register(s, polled[i]);
-            }
+            for (std::size_t i : span) alone(i);
             continue;
         }
         const std::uint8_t request[5] = {3, static_cast<std::uint8_t>(start >> 8), static_cast<std::uint8_t>(start),
                                          0, static_cast<std::uint8_t>(end - start)};
         std::uint8_t reply[tool::kMaxPdu];
+        if (between) between();
         ++grouping.transactions;
         const long got = tool::modbus_exchange(s, request, sizeof request, reply);
         if (got >= 2 && (reply[0] & 0x80)) {
             // Refused: register by register, now and from now on.
             grouping.refused.insert(key);
-            for (std::size_t i : span) {
-                ++grouping.transactions;
-                readings[i] = read_register(s, polled[i]);
-            }
+            for (std::size_t i : span) alone(i);
             continue;
         }
         for (std::size_t i : span) {

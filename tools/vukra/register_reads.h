@@ -20,6 +20,7 @@
 #include "poll_values.h"
 
 #include <cstdint>
+#include <functional>
 #include <set>
 #include <utility>
 #include <vector>
@@ -43,8 +44,10 @@ void add_gap_option(CLI::App* command, unsigned& gap);
 // loads the table anew). Null after saying why.
 modbus_vukra_session* open_for_reading(Options& o, const std::vector<std::string>& names, std::vector<Polled>& polled);
 
-// Reads every register; one Reading each, in the order of polled.
-std::vector<Reading> read_registers(modbus_vukra_session* s, const std::vector<Polled>& polled, Grouping& grouping);
+// Reads every register; one Reading each, in the order of polled. between,
+// when given, runs before each transaction (poll's MQTT sets).
+std::vector<Reading> read_registers(modbus_vukra_session* s, const std::vector<Polled>& polled, Grouping& grouping,
+                                    const std::function<void()>& between = {});
 
 // The spans grouped reads would make: per span, the indexes into polled in
 // address order. Registers of other tables, or too far apart, go apart.

@@ -23,15 +23,16 @@
 #include "session/tool_interface.h"
 
 #include <cstring>
+#include <utility>
 
 namespace vukra::serve {
 
 namespace {
 
-constexpr std::uint8_t kIllegalFunction = 1;
-constexpr std::uint8_t kIllegalValue = 3;
-constexpr std::uint8_t kBusy = 6;
-constexpr std::uint8_t kNoResponse = 0x0B;
+constexpr std::uint8_t kIllegalFunction = tool::ExceptionCode::kIllegalFunction;
+constexpr std::uint8_t kIllegalValue = tool::ExceptionCode::kIllegalValue;
+constexpr std::uint8_t kBusy = tool::ExceptionCode::kDeviceBusy;
+constexpr std::uint8_t kNoResponse = tool::ExceptionCode::kNoResponse;
 
 constexpr std::size_t kHeader = 7;      // MBAP with the unit
 constexpr std::size_t kMostLength = 254; // the unit and a PDU of 253 bytes
@@ -66,12 +67,12 @@ long frame(const std::uint8_t* b, std::size_t size) {
 std::uint8_t refusal(const std::uint8_t* pdu, std::size_t length) {
     switch (pdu[0]) {
     case 3:
-        return length == 5 && word(pdu + 3) >= 1 && word(pdu + 3) <= 125 ? 0 : kIllegalValue;
+        return length == 5 && word(pdu + 3) >= 1 && word(pdu + 3) <= tool::kMaxReadWords ? 0 : kIllegalValue;
     case 16: {
         if (settings.read_only) return kIllegalFunction;
         if (length < 6) return kIllegalValue;
         const std::size_t quantity = word(pdu + 3);
-        return quantity >= 1 && quantity <= 123 && pdu[5] == 2 * quantity && length == 6 + 2 * quantity
+        return quantity >= 1 && quantity <= tool::kMaxWriteWords && pdu[5] == 2 * quantity && length == 6 + 2 * quantity
                    ? 0
                    : kIllegalValue;
     }
@@ -121,15 +122,11 @@ void take(Connection& c, const std::uint8_t* m, std::size_t length) {
 } // namespace
 
 bool start_modbus_tcp(const Settings& s, Queue& queue) {
-    settings = s;
     static const Protocol protocol{"Modbus TCP", frame, take, std::chrono::seconds(60), 6 + kMostLength};
-    server = listen_on(s.modbus_tcp, protocol, queue, s.max_clients);
-    return server != nullptr;
+    settings = s;
+    return (server = listen_on(s.modbus_tcp, protocol, queue, s.max_clients)) != nullptr;
 }
 
-void stop_modbus_tcp() {
-    close_server(server);
-    server = nullptr;
-}
+void stop_modbus_tcp() { close_server(std::exchange(server, nullptr)); }
 
 } // namespace vukra::serve

@@ -11,6 +11,7 @@
 #include "doors.h"
 
 #include <csignal>
+#include <cstdio>
 #include <pthread.h>
 #include <thread>
 
@@ -43,6 +44,8 @@ int serve(cli::Options& o, Settings settings) {
         if (listens && !address.empty() && !address_reads(address))
             return cli::fail(std::string(d.option) + " " + address + " is not HOST:PORT (an IPv6 address in brackets)");
     }
+    if (settings.read_only && !settings.share.empty())
+        std::fprintf(stderr, "vukra: warning: --read-only holds for Modbus TCP; the shared line still writes\n");
     cli::data_stream(o);
     // The doors' and the line's threads leave SIGINT and SIGTERM to this one.
     sigset_t ending;
@@ -120,7 +123,8 @@ void add_serve_command(CLI::App& app, Options& options) {
     command->add_option("--every", s->every, "seconds between the web door's and MQTT's reading rounds (default 1)")
         ->check(CLI::Range(0.05, 86400.0));
 #endif
-    command->add_flag("--read-only", s->read_only, "answer Modbus writes with exception 1 (illegal function)");
+    command->add_flag("--read-only", s->read_only,
+                      "answer Modbus TCP writes with exception 1 (illegal function); the shared line still writes");
     command->add_option("--max-clients", s->max_clients, "connections at once, per door (default 32)")
         ->check(CLI::Range(1u, 1024u));
     command->footer("Addresses are explicit (127.0.0.1:1502, [::1]:1502; port 0 takes a free one); a door on any\n"

@@ -17,6 +17,8 @@
 #include "remotefs/messages.h"
 #include "session/tool_interface.h"
 
+#include <utility>
+
 namespace vukra::serve {
 
 namespace {
@@ -91,16 +93,12 @@ void closed(Connection& c) { tool::packet_client_gone(client(c)); }
 } // namespace
 
 bool start_share(const Settings& s, Queue& queue) {
-    settings = s;
     static const Protocol protocol{"the shared line", frame, take, std::chrono::seconds(0),
                                    2 * remotefs::kFrameSize + 16, closed};
-    server = listen_on(s.share, protocol, queue, s.max_clients);
-    return server != nullptr;
+    settings = s;
+    return (server = listen_on(s.share, protocol, queue, s.max_clients)) != nullptr;
 }
 
-void stop_share() {
-    close_server(server);
-    server = nullptr;
-}
+void stop_share() { close_server(std::exchange(server, nullptr)); }
 
 } // namespace vukra::serve
