@@ -3,6 +3,7 @@
 // the port's time-out has run out since its request. Without that bound the
 // calls below never return (the test's TIMEOUT catches it).
 #include "modbus_vukra.h"
+#include "link/line_failure.h"
 #include "platform/platform.h"
 #include "session/session.h"
 #include "support/session_fixture.h"
@@ -63,6 +64,9 @@ struct EndlessLine : vukra::test::SessionFixture {
         testing::internal::CaptureStdout();
         std::int32_t energy = 0;
         EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "energy", &energy, 4), -1);
+        if (!talk.whole_packets) { // the bytes kept coming: it must not read as a line gone quiet
+            EXPECT_NE(std::string(vukra::link::failure_reason()).find("no whole reply"), std::string::npos);
+        }
         if (!talk.whole_packets) {
             EXPECT_EQ(modbus_vukra_op_protected_mount(s), -1);
             EXPECT_EQ(modbus_vukra_op_session_error(s), 513);

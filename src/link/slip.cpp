@@ -56,8 +56,9 @@ bool take(Port* port, std::uint8_t& b, std::uint32_t consumed) {
         note_failure(FailureKind::kTimeout, ETIMEDOUT, "no reply from the device within %u ms (time-out)",
                      static_cast<unsigned>(port->timeout_ms));
     else if (r == 0)
-        note_failure(FailureKind::kTimeout, ETIMEDOUT, "the reply stopped in the middle (nothing more within %u ms)",
-                     static_cast<unsigned>(port->timeout_ms));
+        note_failure(FailureKind::kTimeout, ETIMEDOUT,
+                     "no whole reply within %u ms (time-out): %u bytes came, cut short or never ending",
+                     static_cast<unsigned>(port->timeout_ms), static_cast<unsigned>(consumed));
     else if (consumed > 0)
         note_failure(FailureKind::kLine, EIO, "the line failed in the middle of a reply");
     else

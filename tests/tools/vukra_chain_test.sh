@@ -106,5 +106,10 @@ stop_sim
 start_pty_program drop.out "$sim" --table table.xml --image slow.o --drop-after 20 2>/dev/null || exit 1
 fails "getfs from a vanishing device" "getfs failed: no reply from the device" v fs getfs
 stop_sim
+# ... and during a put: the run ends, so the local card is kept from the next getfs.
+start_pty_program drop.out "$sim" --table table.xml --image slow.o --drop-after 0 --count-only 6 2>/dev/null || exit 1
+v fs getfs + fs put notes.txt /mem/n + fs putfs --changed 2>put.err && ko "a put to a vanishing device succeeded" ||
+  { grep -q "kept as sdcard0-unsaved-" put.err && cmp -s sdcard0.o sdcard0-unsaved-*.o && ok || ko "not kept: $(cat put.err)"; }
+stop_sim
 
 finish

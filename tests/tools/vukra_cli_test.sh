@@ -141,6 +141,8 @@ says "a write of an R register" 'read-only' "$vukra" -v -p "$port" reg write cyc
 if ! grep -q "Frame" "$work/e"; then ok; else ko "nothing is sent for a refused write"; fi
 says "the device refuses it too" "exception 2 (illegal data address)" "$vukra" --table open.xml -p "$port" reg write cycle_count 5
 says "a read of a W register" 'write-only' "$vukra" -p "$port" reg read reset
+sed 's/type="real"/type="bogus"/' table.xml >bogus.xml
+says "a type the table does not list" 'type "bogus" is not in the type_list' "$vukra" --table bogus.xml -p "$port" reg read setpoint
 says "a write too large for function 16" "1 to 123" "$vukra" --table big.xml -p "$big" reg write w124 "$(seq 124 | tr '\n' ' ')"
 says "a read too large for function 3" "1 to 125" "$vukra" --table big.xml -p "$big" reg read r126
 start_pty_program silent.out "$sim" --table table.xml --silent 2>/dev/null || exit 1

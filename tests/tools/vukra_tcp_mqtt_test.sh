@@ -170,9 +170,13 @@ serve /dev/null "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtts://127.0.0.1:$t
 seen "another CA" 'TLS with the MQTT broker 127.0.0.1:[0-9]+ failed: .* not vouched for by the CA file other.pem' servers.err
 serve /dev/null "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtts://localhost:$tport/tls" --mqtt-cafile cert.pem
 seen "another host" 'certificate is for another host than localhost' servers.err
+refused=$(free_port) # nothing listens: refused, and never told as taken (that would come before the silent one's)
+listening_sim sim9.out && serve /dev/null "$vukra" -q -p "$NAME" poll heater_on --mqtt "mqtt://127.0.0.1:$refused/x"
+seen "a refused connection" "127.0.0.1:$refused is not there yet" servers.err
 silent=$(free_port)
 serve silent.out /usr/bin/python3 -c "import socket, time
 s = socket.create_server(('127.0.0.1', $silent)); c = s.accept(); time.sleep(60)"
 serve /dev/null "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtt://127.0.0.1:$silent/x"
 seen "a listener that never answers" 'took the connection but has not answered it in 5 s' servers.err
+grep -q "127.0.0.1:$refused took the connection" servers.err && ko "a refused connection told as taken" || ok
 finish

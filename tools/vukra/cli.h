@@ -67,8 +67,16 @@ void add_image_commands(CLI::App& fs_group, Options& options);
 
 // The whole card into the library's local card (get) or back (put), with
 // the progress line and Ctrl-C: fs getfs and fs putfs; changed: a put of
-// only what was changed since the getfs (fs putfs --changed). The exit status.
-int card_transfer(Options& options, bool get, bool changed = false);
+// only what was changed since the getfs (fs putfs --changed); keep_card: a
+// put that failed once writing began keeps the local card aside (a later
+// getfs would take the device's half-written card over it). The exit status.
+int card_transfer(Options& options, bool get, bool changed = false, bool keep_card = true);
+
+// A name for the local card that no later run overwrites, and no other
+// card bears yet ("sdcard0-unsaved-DATE-TIME.o").
+std::string unsaved_name();
+// Keeps a copy of the local card under unsaved_name(); empty when the copy failed.
+std::string keep_local_card();
 
 // vukra mount DIR (Linux with FUSE 3 only)
 void add_mount_command(CLI::App& app, Options& options);

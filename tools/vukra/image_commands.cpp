@@ -16,6 +16,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <ctime>
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -81,7 +83,25 @@ std::string failure(modbus_vukra_session* s) {
 
 } // namespace
 
-int card_transfer(Options& o, bool get, bool changed) {
+std::string unsaved_name() {
+    char stamp[32];
+    const std::time_t now = std::time(nullptr);
+    std::strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", std::localtime(&now));
+    std::string name = std::string("sdcard0-unsaved-") + stamp + ".o";
+    std::error_code e;
+    for (int n = 2; std::filesystem::exists(name, e); ++n)
+        name = std::string("sdcard0-unsaved-") + stamp + "-" + std::to_string(n) + ".o";
+    return name;
+}
+
+std::string keep_local_card() {
+    const std::string kept = unsaved_name();
+    std::error_code e;
+    std::filesystem::copy_file("sdcard0.o", kept, e);
+    return e ? "" : kept;
+}
+
+int card_transfer(Options& o, bool get, bool changed, bool keep_card) {
     const char* label = get ? "getfs" : changed ? "putfs --changed" : "putfs";
     // A putfs runs only after a getfs of the same run succeeded: the chain
     // refuses it otherwise, and stops at the first command that fails.
@@ -114,12 +134,20 @@ int card_transfer(Options& o, bool get, bool changed) {
     if (result < 0) {
         const std::int32_t error = modbus_vukra_op_session_error(r.session);
         if (changed && refusal(error) != nullptr) return fail(std::string(label) + " refused: " + refusal(error));
+        // The device's card may be half-written and this run ends here: the
+        // next run's getfs would copy that card over the only whole one.
+        std::string kept;
+        if (!get && keep_card && error != 0 && error != -12 && error != -18) {
+            kept = keep_local_card();
+            kept = kept.empty() ? "; copy the local card sdcard0.o aside now: the next getfs here overwrites it"
+                                : "; the local card is kept as " + kept +
+                                      ": write it back as docs/mount.md (--mirror) shows, not with a new getfs";
+        }
         if (changed && error != -11 && error != 0)
             return fail(std::string(label) + " failed: " + failure(r.session) +
-                        "; the device's card is partly rewritten: put it again (--changed sends all of it again) "
-                        "before the device uses it");
+                        "; the device's card is partly rewritten: put it again before the device uses it" + kept);
         if (error == -11)
-            return fail(std::string(label) + " cancelled at Ctrl-C (status -11): " + left_behind(get, error));
+            return fail(std::string(label) + " cancelled at Ctrl-C (status -11): " + left_behind(get, error) + kept);
         if (error == -18) {
             std::error_code e;
             return fail(std::string(label) + " refused: the local card sdcard0.o in " +
@@ -127,7 +155,7 @@ int card_transfer(Options& o, bool get, bool changed) {
                         " is held by another process (a mount --mirror or getfs running in that directory); "
                         "neither card was changed: start this one in another directory");
         }
-        return fail(std::string(label) + " failed: " + failure(r.session) + "; " + left_behind(get, error));
+        return fail(std::string(label) + " failed: " + failure(r.session) + "; " + left_behind(get, error) + kept);
     }
     // Said even without -v: a put that wrote nothing is not mistaken for one that did.
     if (changed && result == 0 && !o.quiet) {

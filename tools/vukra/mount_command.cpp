@@ -131,18 +131,6 @@ int serve(Options& o, const Settings& settings, mount::State& st) {
     return looped < 0 ? fail("the mount on " + settings.directory + " failed: " + std::strerror(-looped)) : 0;
 }
 
-// A name for the local card that no later run overwrites, and no other
-// card bears yet.
-std::string unsaved_name() {
-    char stamp[32];
-    const std::time_t now = std::time(nullptr);
-    std::strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", std::localtime(&now));
-    std::string name = std::string("sdcard0-unsaved-") + stamp + ".o";
-    for (int n = 2; std::filesystem::exists(name); ++n)
-        name = std::string("sdcard0-unsaved-") + stamp + "-" + std::to_string(n) + ".o";
-    return name;
-}
-
 // From the first write under the mirror until its put succeeds, the local
 // card has a second name: whatever ends vukra meanwhile (a signal, even
 // SIGKILL, a crash) leaves the card kept under it, and the next getfs here
@@ -154,14 +142,6 @@ std::string second_name() {
     std::fprintf(stderr, "vukra: cannot give the local card a second name (%s): should vukra end before its put, "
                          "what was written is only in %s\n", std::strerror(errno), kLocalCard);
     return "";
-}
-
-// Keeps the local card under a name no later run overwrites; empty when the copy failed.
-std::string keep_local_card() {
-    const std::string kept = unsaved_name();
-    std::error_code e;
-    std::filesystem::copy_file(kLocalCard, kept, e);
-    return e ? "" : kept;
 }
 
 int run(Options& o, const Settings& settings) {
@@ -202,7 +182,7 @@ int run(Options& o, const Settings& settings) {
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGTERM, &ignore, &term);
     sigaction(SIGHUP, &ignore, &hang_up);
-    const int put = card_transfer(o, false, true); // only what was written under the mount
+    const int put = card_transfer(o, false, true, false); // only what was written; the card is kept below
     sigaction(SIGTERM, &term, nullptr);
     sigaction(SIGHUP, &hang_up, nullptr);
     if (put == 0) {

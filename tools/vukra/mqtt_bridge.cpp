@@ -376,6 +376,10 @@ Mqtt* mqtt_start(const MqttSettings& settings, std::string& why) {
         mqtt_stop(m);
         return nullptr;
     }
+    if (rc != MOSQ_ERR_SUCCESS) { // its CONNECT may have been queued: no broker took it, none is awaited
+        std::lock_guard<std::mutex> hold(m->lock);
+        m->waiting_answer = false;
+    }
     // A failed TLS handshake has been told with its reason already.
     if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_TLS)
         std::fprintf(stderr, "vukra: the MQTT broker %s:%d is not there yet (%s); it is tried again\n",

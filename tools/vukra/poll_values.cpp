@@ -116,6 +116,9 @@ void add_mqtt_options(CLI::App* command, std::string& credentials, std::string& 
 std::string look_up(Polled& p, bool writing) {
     if (!table::find_register(p.reg, p.type, p.name.c_str()))
         return "no register " + p.name + " in " + table::file_name();
+    if (table::TypeRecord known; !table::find_type(p.reg.type_name, known))
+        return p.name + "'s type \"" + (p.reg.type_name ? p.reg.type_name : "") + "\" is not in the type_list of " +
+               table::file_name() + ": nothing was sent";
     if (writing && !(p.reg.access & table::kAccessWrite))
         return p.name + " is read-only (access \"R\" in the table): nothing was sent";
     if (!writing && !(p.reg.access & table::kAccessRead))
