@@ -66,10 +66,9 @@ const char* refusal(std::int32_t error) {
     case -15: return "no getfs in this run made the local copy, so what changed is not known: "
                      "vukra -p PORT fs getfs + ... + fs putfs --changed";
     case -16: return "the device's card changed since getfs (another program wrote it); nothing was written. "
-                     "fs putfs --full overwrites the device's changes with the local copy; a new fs getfs takes "
-                     "them (and drops what was changed here)";
+                     "A new fs getfs takes the device's card (and drops what was changed here)";
     case -17: return "the local card (sdcard0.o) was changed outside vukra since getfs; nothing was written. "
-                     "fs putfs --full sends the local card as it is; a new fs getfs starts again from the device";
+                     "A new fs getfs starts again from the device";
     default: return nullptr;
     }
 }
@@ -133,7 +132,15 @@ int card_transfer(Options& o, bool get, bool changed, bool keep_card) {
 
     if (result < 0) {
         const std::int32_t error = modbus_vukra_op_session_error(r.session);
-        if (changed && refusal(error) != nullptr) return fail(std::string(label) + " refused: " + refusal(error));
+        if (changed && refusal(error) != nullptr) {
+            // What was changed here lives only in the local card, which the
+            // next run's getfs overwrites.
+            std::string kept = error != -15 && keep_card ? keep_local_card() : "";
+            if (!kept.empty())
+                kept = "; what was changed here is kept in " + kept +
+                       ": to write it over the device's card, see docs/mount.md (--mirror)";
+            return fail(std::string(label) + " refused: " + refusal(error) + kept);
+        }
         // The device's card may be half-written and this run ends here: the
         // next run's getfs would copy that card over the only whole one.
         std::string kept;
