@@ -84,6 +84,13 @@ bool send_all(int fd, const Bytes& bytes) {
     return true;
 }
 
+// Whether one of the connection's jobs runs on the line now: when serve
+// stops, the connection stays until its answer (or its deadline) has gone.
+bool in_flight(Connection& c) {
+    std::lock_guard lock(c.mutex);
+    return std::any_of(c.pending.begin(), c.pending.end(), [](const Pending& w) { return running(*w.job); });
+}
+
 void serve_connection(Connection& c) {
     Server& s = *c.server;
     const Protocol& p = s.protocol;
@@ -92,7 +99,7 @@ void serve_connection(Connection& c) {
     std::uint8_t chunk[4096];
     Clock::time_point heard = Clock::now();
     bool open = true;
-    while (open && !s.stopping) {
+    while (open && (!s.stopping || in_flight(c))) {
         // Sleep until the client sends, an answer comes, or the next deadline.
         Clock::time_point until = Clock::time_point::max();
         {
@@ -105,7 +112,7 @@ void serve_connection(Connection& c) {
             const auto left = std::chrono::ceil<milliseconds>(until - Clock::now()).count();
             wait = static_cast<int>(std::clamp<long long>(left, 0, 60000));
         }
-        pollfd fds[2] = {{c.fd, static_cast<short>(c.hanging_up ? 0 : POLLIN), 0}, {c.wake, POLLIN, 0}};
+        pollfd fds[2] = {{c.fd, static_cast<short>(c.hanging_up || s.stopping ? 0 : POLLIN), 0}, {c.wake, POLLIN, 0}};
         if (::poll(fds, 2, wait) < 0 && errno != EINTR) break;
         if (fds[1].revents & POLLIN) {
             std::uint64_t count;

@@ -57,9 +57,11 @@ int serve(cli::Options& o, Settings settings) {
         std::thread line([&queue, session] { run(queue, session); });
         int signal = 0;
         sigwait(&ending, &signal);
+        // What is queued goes unsent; the exchange in flight finishes, and
+        // the doors close once its answer has gone to its client.
+        stop(queue);
         for (std::size_t i = std::size(kDoors); i-- > 0;)
             if (!(settings.*kDoors[i].address).empty()) kDoors[i].stop();
-        stop(queue);
         line.join();
     } else {
         status = 1;
