@@ -35,6 +35,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
     std::vector<Pending> pending;
     bool hanging_up = false;
     bool finished = false; // its thread has ended
+    Clock::time_point arrived; // when the bytes being framed came
     std::shared_ptr<void> door_data;
 
     ~Connection() {
@@ -122,7 +123,7 @@ void serve_connection(Connection& c) {
             const ssize_t n = ::recv(c.fd, chunk, std::min(sizeof chunk, p.most_bytes - in.size()), 0);
             if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN)) break;
             if (n > 0) {
-                heard = Clock::now();
+                heard = c.arrived = Clock::now();
                 in.insert(in.end(), chunk, chunk + n);
                 long length;
                 while (open && (length = p.frame(in.data(), in.size())) != 0) {
@@ -297,6 +298,7 @@ void close_server(Server* s) {
 }
 
 int client(const Connection& c) { return c.client; }
+Clock::time_point arrival(const Connection& c) { return c.arrived; }
 Queue& queue_of(Connection& c) { return *c.server->queue; }
 std::shared_ptr<Connection> shared(Connection& c) { return c.shared_from_this(); }
 std::shared_ptr<void>& door_data(Connection& c) { return c.door_data; }
