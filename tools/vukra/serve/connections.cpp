@@ -15,6 +15,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -219,12 +220,23 @@ void accept_loop(Server& s) {
         c->server = &s;
         c->fd = fd;
         c->wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (c->wake < 0) { // out of descriptors: without its wake-up it would hear its answers late
+            ::close(fd);
+            continue;
+        }
         c->client = open_client(*s.queue);
-        std::thread t([c] {
-            serve_connection(*c);
-            std::lock_guard finished(c->mutex);
-            c->finished = true;
-        });
+        std::thread t;
+        try {
+            t = std::thread([c] {
+                serve_connection(*c);
+                std::lock_guard finished(c->mutex);
+                c->finished = true;
+            });
+        } catch (const std::system_error&) { // out of threads: this client is refused, serve goes on
+            close_client(*s.queue, c->client);
+            ::close(fd);
+            continue;
+        }
         s.connections.emplace_back(std::move(c), std::move(t));
     }
 }
