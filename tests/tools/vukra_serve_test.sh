@@ -156,6 +156,10 @@ PY
 fi
 
 fails "a taken port" "cannot listen for Modbus TCP on 127.0.0.1:$sh" "$vukra" -p "$PTY_PATH" serve --modbus-tcp "127.0.0.1:$sh"
+# standard error a pipe nobody reads: no SIGPIPE, the taken port is the failure
+/usr/bin/python3 -c 'import os, subprocess, sys; r, w = os.pipe(); os.close(r); sys.exit(subprocess.call(sys.argv[1:], stderr=w))' \
+  "$vukra" -p "$PTY_PATH" serve --share "127.0.0.1:$sh" --modbus-tcp 127.0.0.1:0 --read-only
+[ $? = 1 ] && ok || ko "serve with its standard error gone"
 kill -TERM $SERVE
 wait $SERVE && ok || ko "SIGTERM: serve ended with status $?: $(cat serve.err)"
 finish

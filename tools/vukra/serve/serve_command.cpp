@@ -24,6 +24,8 @@ constexpr Door kDoors[] = {
 };
 
 int serve(cli::Options& o, Settings settings) {
+    // A client or a reader of standard error that has gone is not a reason to end.
+    std::signal(SIGPIPE, SIG_IGN);
     bool any = false;
     for (const Door& d : kDoors) any |= !(settings.*d.address).empty();
     if (!any) return cli::fail("serve needs a door: --modbus-tcp HOST:PORT, --share HOST:PORT");
@@ -41,7 +43,6 @@ int serve(cli::Options& o, Settings settings) {
     sigaddset(&ending, SIGINT);
     sigaddset(&ending, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &ending, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
 
     modbus_vukra_session* session = cli::device_session(o);
     if (session == nullptr) return 1;
