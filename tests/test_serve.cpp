@@ -217,6 +217,12 @@ TEST_F(ServeTest, AStoppedDeviceIsToldInTimeAndServedAgainWhenBack) {
     EXPECT_EQ(trim, -12);
 
     kill(sim.pid(), SIGSTOP);
+    // Two requests in one write: the second's deadline counts from its
+    // arrival, though the first holds the connection's thread on the line.
+    const int piped = connect_to(serve.modbus);
+    Bytes two = mbap(1, 1, {3, 1, 0, 0, 2}), second = mbap(2, 1, {3, 1, 0, 0, 2});
+    two.insert(two.end(), second.begin(), second.end());
+    send(piped, two.data(), two.size(), MSG_NOSIGNAL);
     std::vector<std::thread> clients;
     std::atomic<int> told{0};
     for (int c = 0; c < 3; ++c)
@@ -228,6 +234,11 @@ TEST_F(ServeTest, AStoppedDeviceIsToldInTimeAndServedAgainWhenBack) {
     EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "offset_trim", &trim, 2), -1);
     for (std::thread& t : clients) t.join();
     EXPECT_EQ(told, 3);
+    EXPECT_EQ(receive(piped), (Bytes{0x83, 0x0B}));
+    const timeval second_later{1, 0};
+    setsockopt(piped, SOL_SOCKET, SO_RCVTIMEO, &second_later, sizeof second_later);
+    EXPECT_EQ(receive(piped), (Bytes{0x83, 0x0B}));
+    close(piped);
 
     kill(sim.pid(), SIGCONT);
     const int fd = connect_to(serve.modbus);

@@ -55,6 +55,31 @@ kill $LATE
 wait $LATE
 stop_sim
 
+# --- SIGTERM with an exchange in flight on the line: its client still gets
+# the answer, and serve ends with status 0 (this script is the device) ---
+/usr/bin/python3 - "$vukra" <<'PY' && ok || ko "the answer in flight at SIGTERM"
+import signal, socket, subprocess, sys, time
+dev = socket.create_server(("127.0.0.1", 0))
+serve = subprocess.Popen([sys.argv[1], "-p", "tcp://127.0.0.1:%d" % dev.getsockname()[1], "serve",
+                          "--modbus-tcp", "127.0.0.1:0"], stderr=subprocess.PIPE)
+port = int(serve.stderr.readline().rsplit(b":", 1)[1])
+line = dev.accept()[0]
+def heard():  # one request frame on the line, whole
+    got = b""
+    while b"\n" not in got: got += line.recv(100)
+reply = b":0103020007F3\r\n"
+a, b = (socket.create_connection(("127.0.0.1", port), timeout=10) for _ in "ab")
+a.sendall(bytes([0, 1, 0, 0, 0, 6, 1, 3, 0, 0, 0, 1])); heard()
+b.sendall(bytes([0, 2, 0, 0, 0, 6, 1, 3, 0, 0, 0, 1]))
+time.sleep(0.3)  # b's request queued behind a's, then in flight on the line
+line.sendall(b"\xc0" + reply + b"\xc0"); heard()
+serve.send_signal(signal.SIGTERM)
+time.sleep(0.3)  # serve is stopping when the device answers
+line.sendall(b"\xc0" + reply + b"\xc0")
+want = lambda tid: bytes([0, tid, 0, 0, 0, 5, 1, 3, 2, 0, 7])
+assert a.recv(100) == want(1) and b.recv(100) == want(2) and serve.wait(10) == 0
+PY
+
 # --- serve on the sim ---
 start_pty_program sim.out "$sim" --table table.xml --image card.img 2>sim.err || exit 1
 : >serve.err
@@ -131,6 +156,10 @@ PY
 fi
 
 fails "a taken port" "cannot listen for Modbus TCP on 127.0.0.1:$sh" "$vukra" -p "$PTY_PATH" serve --modbus-tcp "127.0.0.1:$sh"
+# standard error a pipe nobody reads: no SIGPIPE, the taken port is the failure
+/usr/bin/python3 -c 'import os, subprocess, sys; r, w = os.pipe(); os.close(r); sys.exit(subprocess.call(sys.argv[1:], stderr=w))' \
+  "$vukra" -p "$PTY_PATH" serve --share "127.0.0.1:$sh" --modbus-tcp 127.0.0.1:0 --read-only
+[ $? = 1 ] && ok || ko "serve with its standard error gone"
 kill -TERM $SERVE
 wait $SERVE && ok || ko "SIGTERM: serve ended with status $?: $(cat serve.err)"
 finish

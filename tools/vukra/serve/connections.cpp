@@ -15,6 +15,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -35,6 +36,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
     std::vector<Pending> pending;
     bool hanging_up = false;
     bool finished = false; // its thread has ended
+    Clock::time_point arrived; // when the bytes being framed came
     std::shared_ptr<void> door_data;
 
     ~Connection() {
@@ -84,6 +86,13 @@ bool send_all(int fd, const Bytes& bytes) {
     return true;
 }
 
+// Whether one of the connection's jobs runs on the line now: when serve
+// stops, the connection stays until its answer (or its deadline) has gone.
+bool in_flight(Connection& c) {
+    std::lock_guard lock(c.mutex);
+    return std::any_of(c.pending.begin(), c.pending.end(), [](const Pending& w) { return running(*w.job); });
+}
+
 void serve_connection(Connection& c) {
     Server& s = *c.server;
     const Protocol& p = s.protocol;
@@ -92,7 +101,7 @@ void serve_connection(Connection& c) {
     std::uint8_t chunk[4096];
     Clock::time_point heard = Clock::now();
     bool open = true;
-    while (open && !s.stopping) {
+    while (open && (!s.stopping || in_flight(c))) {
         // Sleep until the client sends, an answer comes, or the next deadline.
         Clock::time_point until = Clock::time_point::max();
         {
@@ -105,7 +114,7 @@ void serve_connection(Connection& c) {
             const auto left = std::chrono::ceil<milliseconds>(until - Clock::now()).count();
             wait = static_cast<int>(std::clamp<long long>(left, 0, 60000));
         }
-        pollfd fds[2] = {{c.fd, static_cast<short>(c.hanging_up ? 0 : POLLIN), 0}, {c.wake, POLLIN, 0}};
+        pollfd fds[2] = {{c.fd, static_cast<short>(c.hanging_up || s.stopping ? 0 : POLLIN), 0}, {c.wake, POLLIN, 0}};
         if (::poll(fds, 2, wait) < 0 && errno != EINTR) break;
         if (fds[1].revents & POLLIN) {
             std::uint64_t count;
@@ -115,7 +124,7 @@ void serve_connection(Connection& c) {
             const ssize_t n = ::recv(c.fd, chunk, std::min(sizeof chunk, p.most_bytes - in.size()), 0);
             if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN)) break;
             if (n > 0) {
-                heard = Clock::now();
+                heard = c.arrived = Clock::now();
                 in.insert(in.end(), chunk, chunk + n);
                 long length;
                 while (open && (length = p.frame(in.data(), in.size())) != 0) {
@@ -211,12 +220,23 @@ void accept_loop(Server& s) {
         c->server = &s;
         c->fd = fd;
         c->wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (c->wake < 0) { // out of descriptors: without its wake-up it would hear its answers late
+            ::close(fd);
+            continue;
+        }
         c->client = open_client(*s.queue);
-        std::thread t([c] {
-            serve_connection(*c);
-            std::lock_guard finished(c->mutex);
-            c->finished = true;
-        });
+        std::thread t;
+        try {
+            t = std::thread([c] {
+                serve_connection(*c);
+                std::lock_guard finished(c->mutex);
+                c->finished = true;
+            });
+        } catch (const std::system_error&) { // out of threads: this client is refused, serve goes on
+            close_client(*s.queue, c->client);
+            ::close(fd);
+            continue;
+        }
         s.connections.emplace_back(std::move(c), std::move(t));
     }
 }
@@ -290,6 +310,7 @@ void close_server(Server* s) {
 }
 
 int client(const Connection& c) { return c.client; }
+Clock::time_point arrival(const Connection& c) { return c.arrived; }
 Queue& queue_of(Connection& c) { return *c.server->queue; }
 std::shared_ptr<Connection> shared(Connection& c) { return c.shared_from_this(); }
 std::shared_ptr<void>& door_data(Connection& c) { return c.door_data; }

@@ -54,6 +54,9 @@ void close_server(Server* server);
 
 // ---- for the door, within take() and done() -----------------------------
 int client(const Connection& c);
+// When the message being taken came (a job's deadline counts from it, even
+// when the connection's thread was busy running an earlier job).
+Clock::time_point arrival(const Connection& c);
 Queue& queue_of(Connection& c);
 std::shared_ptr<Connection> shared(Connection& c);
 // A slot the door keeps per connection (the shared protocol's memory).

@@ -98,7 +98,7 @@ void take(Connection& c, const std::uint8_t* m, std::size_t length) {
 
     auto job = std::make_shared<Job>();
     job->priority = pdu[0] == 3 ? Priority::kRead : Priority::kWrite;
-    job->deadline = Clock::now() + std::chrono::milliseconds(settings.timeout_ms);
+    job->deadline = arrival(c) + std::chrono::milliseconds(settings.timeout_ms);
     auto answer_bytes = std::make_shared<Bytes>();
     job->work = [request, to_device, answer_bytes](modbus_vukra_session* s) {
         std::uint8_t got[tool::kMaxPdu];

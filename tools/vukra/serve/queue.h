@@ -59,6 +59,9 @@ struct Job {
     std::atomic<int> state{0};
 };
 
+// Whether the job runs on the line now.
+inline bool running(const Job& job) { return job.state.load() == 1; }
+
 // The door gives up on the job (its client's deadline passed): true when it
 // will never be reported kDone, so the door answers for it itself; false
 // when the job has already finished (its done(kDone) is on its way or came).

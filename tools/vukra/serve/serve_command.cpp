@@ -29,6 +29,8 @@ constexpr Door kDoors[] = {
 };
 
 int serve(cli::Options& o, Settings settings) {
+    // A client or a reader of standard error that has gone is not a reason to end.
+    std::signal(SIGPIPE, SIG_IGN);
     bool any = false;
     for (const Door& d : kDoors) any |= !(settings.*d.address).empty();
     if (!any) {
@@ -53,7 +55,6 @@ int serve(cli::Options& o, Settings settings) {
     sigaddset(&ending, SIGINT);
     sigaddset(&ending, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &ending, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
 
     modbus_vukra_session* session = cli::device_session(o);
     if (session == nullptr) return 1;
@@ -70,9 +71,11 @@ int serve(cli::Options& o, Settings settings) {
         std::thread line([&queue, session] { run(queue, session); });
         int signal = 0;
         sigwait(&ending, &signal);
+        // What is queued goes unsent; the exchange in flight finishes, and
+        // the doors close once its answer has gone to its client.
+        stop(queue);
         for (std::size_t i = std::size(kDoors); i-- > 0;)
             if (!(settings.*kDoors[i].address).empty()) kDoors[i].stop();
-        stop(queue);
         line.join();
     } else {
         status = 1;

@@ -68,7 +68,7 @@ void take(Connection& c, const std::uint8_t* m, std::size_t length) {
         return hang_up(c);
     auto job = std::make_shared<Job>();
     job->priority = packet.size() > 1 && changes_files(packet[1]) ? Priority::kWrite : Priority::kRead;
-    job->deadline = Clock::now() + std::chrono::milliseconds(settings.timeout_ms) - kMargin;
+    job->deadline = arrival(c) + std::chrono::milliseconds(settings.timeout_ms) - kMargin;
     auto out = std::make_shared<Bytes>();
     const int who = client(c);
     job->work = [packet, out, who](modbus_vukra_session* s) {
