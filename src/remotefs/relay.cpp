@@ -1,13 +1,13 @@
 #include "remotefs/relay.h"
 
 #include "link/passthrough.h"
+#include "platform/platform.h"
 #include "remotefs/message_codec.h"
 #include "remotefs/messages.h"
 
 #include <array>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <vector>
 
 namespace vukra::remotefs {
@@ -33,10 +33,13 @@ struct Client {
     Handle now{};                      // the same object's handle on the device now
 };
 
+// Behind the platform's lock, not std::mutex: the Windows build's runtime
+// has no std::mutex.
 struct Memory {
-    std::mutex mutex;
+    platform::RecursiveLock lock;
     std::map<int, Client> clients;
     int owner = 0; // the client whose object is the device's current one; 0: nobody's
+    Memory() { platform::lock_init(lock); }
 };
 
 Memory& memory() {
@@ -68,15 +71,15 @@ long relay_packet(link::Port* port, int client, const std::uint8_t* packet, std:
     const std::uint8_t code = packet[1];
     std::vector<std::uint8_t> request(packet, packet + length);
     if (names_handle(code) && length >= kRequestTag + 4) {
-        std::unique_lock lock(m.mutex);
+        platform::lock_enter(m.lock);
         Client& c = m.clients[client];
         if (m.owner != client && !c.opening.empty()) {
             const std::vector<std::uint8_t> reopen = c.opening;
-            lock.unlock();
+            platform::lock_leave(m.lock);
             std::uint8_t answer[kFrameSize];
             const long got = link::packet_pass(port, reopen.data(), reopen.size(), answer, sizeof answer);
             if (got < 0) return -1;
-            lock.lock();
+            platform::lock_enter(m.lock);
             if (handle_of(answer, got, c.now)) m.owner = client;
         }
         Handle named;
@@ -86,9 +89,10 @@ long relay_packet(link::Port* port, int client, const std::uint8_t* packet, std:
             std::memcpy(request.data() + kRequestNode, c.now.data(), 4);
             std::memcpy(request.data() + kRequestTag, c.now.data() + 4, 4);
         }
+        platform::lock_leave(m.lock);
     }
     const long got = link::packet_pass(port, request.data(), request.size(), reply, capacity);
-    std::lock_guard lock(m.mutex);
+    const platform::LockGuard guard(m.lock);
     if (opens(code)) {
         Client& c = m.clients[client];
         request[1] = kOpLookup; // a create or mkdir is opened again by a lookup, which leaves the object as it is
@@ -104,7 +108,7 @@ long relay_packet(link::Port* port, int client, const std::uint8_t* packet, std:
 
 void relay_forget(int client) {
     Memory& m = memory();
-    std::lock_guard lock(m.mutex);
+    const platform::LockGuard guard(m.lock);
     m.clients.erase(client);
     if (m.owner == client) m.owner = 0;
 }
