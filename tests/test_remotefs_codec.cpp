@@ -200,22 +200,13 @@ TEST(RemoteFsReplies, ReaddirListOfThreeNodesCarriesItsSizeWords) {
     EXPECT_EQ(none.eof, 1);
 }
 
-TEST(RemoteFsDamagedInput, LongScalarsTruncationsLengthsPastTheEndAndStringsWithoutTheirNul) {
+// What stays inside the payload but breaks its rules (cuts and lengths past
+// the end: the reply fuzzer).
+TEST(RemoteFsDamagedInput, LongScalarsAndStringsWithoutTheirNul) {
     StatusReply status{};
     EXPECT_EQ(decode_all(&status, Wire{}.item(8, {1, 0, 0, 0, 0, 0, 0, 0}).bytes, 4, kStatusReplyFields).result, -1);
-    const Bytes wire = Wire{}.item(3).item(8, {'a', 'b', 'c'}).item(4, {1}).item(0).bytes;
-    for (std::size_t n = 0; n < wire.size(); ++n) {
-        Bytes cut(wire.begin(), wire.begin() + static_cast<long>(n)); // exactly n bytes on the heap
-        ReadReply reply{};
-        EXPECT_EQ(decode_all(&reply, cut, 20, kReadReplyFields).result, -1) << n;
-    }
     PathRequest path{};
-    EXPECT_EQ(decode_all(&path, Wire{}.item(1).word(1000).word(0x41414141).bytes, 8, kPathRequestFields).result, -1);
     EXPECT_EQ(decode_all(&path, Wire{}.item(1).item(4, {'a', 'b', 'c', 'd'}).bytes, 8, kPathRequestFields).result, -1);
-    WireBuffer buffer{};
-    const FieldDescriptor buffer_table[] = {{kFieldBuffer, 8, nullptr, 0}, {kFieldEnd, 0, nullptr, 0}};
-    EXPECT_EQ(decode_all(&buffer, Wire{}.word(1000).word(0x41414141).bytes, 8, buffer_table).result, -1);
-    EXPECT_EQ(decode_all(&buffer, Wire{}.word(0xFFFFFFFFu).bytes, 8, buffer_table).result, -1);
 }
 
 TEST(RemoteFsCodec, EncodingFailsRatherThanOverflow) {

@@ -56,18 +56,6 @@ fails "reg list of two tables" "" "$vukra" reg list process status
 fails "poll --every 0" "is a number of seconds above 0" "$vukra" -p "$port" poll setpoint --every 0
 fails "reg read --format xml" 'is text, csv or json, not "xml"' "$vukra" -p "$port" reg read setpoint --format xml
 fails "reg list of a missing table file" "" "$vukra" --table none.xml reg list
-fails "vukra-sim --baud abc" "" "$sim" --table table.xml --baud abc
-fails "vukra-sim --baud -5" "" "$sim" --table table.xml --baud -5
-fails "vukra-sim --corrupt abc" "" "$sim" --table table.xml --corrupt abc
-fails "vukra-sim --corrupt 2" "" "$sim" --table table.xml --corrupt 2
-fails "vukra-sim --cut abc" '"abc" is not a decimal number' "$sim" --table table.xml --cut abc
-fails "vukra-sim --wrong nonsense" "is none of register" "$sim" --table table.xml --wrong nonsense
-fails "vukra-sim --wrong ''" "an empty value" "$sim" --table table.xml --wrong ''
-fails "vukra-sim --late too long" "is not from 1 to 600000" "$sim" --table table.xml --late 99999999999999
-fails "vukra-sim --drop-for alone" "needs --drop-after" "$sim" --table table.xml --drop-for 2
-fails "vukra-sim --silent with a fault" "takes no other fault option" "$sim" --table table.xml --silent --twice
-fails "vukra-sim --fault-for without a fault" "chooses the requests of a fault" "$sim" --table table.xml --fault-for 2
-fails "vukra-sim --count-only with nothing to count" "needs --drop-after or a fault" "$sim" --table table.xml --count-only 5
 fails "vukra-sim without a table" "" "$sim"
 fails "vukra-gen without a table" "" "$gen"
 fails "vukra-gen --html-live without --host" "" "$gen" table.xml --html-live x.html
@@ -117,6 +105,7 @@ gives "a 100-element buffer is shown whole" "long = $values" "$vukra" -q --table
 says "a write of an R register" 'read-only' "$vukra" -v -p "$port" reg write cycle_count 5
 if ! grep -q "Frame" "$work/e"; then ok; else ko "nothing is sent for a refused write"; fi
 says "the device refuses it too" "exception 2 (illegal data address)" "$vukra" --table open.xml -p "$port" reg write cycle_count 5
+says "and a read of a W register" "exception 2 (illegal data address)" "$vukra" --table open.xml -p "$port" reg read reset
 says "a read of a W register" 'write-only' "$vukra" -p "$port" reg read reset
 says "a write too large for function 16" "1 to 123" "$vukra" --table big.xml -p "$big" reg write w124 "$(seq 124 | tr '\n' ' ')"
 says "a read too large for function 3" "1 to 125" "$vukra" --table big.xml -p "$big" reg read r126

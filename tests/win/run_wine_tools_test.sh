@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # The Windows tools as a Windows user runs them, under wine: vukra.exe and
 # vukra-gen.exe against vukra-sim (with a card image) on COM8 of the wine
-# prefix. Device paths, --table and local files from the root start with
-# "/" and must be taken as paths; a Windows path where a device path is
-# expected is refused.
+# prefix, and vukra.exe on a tcp:// port. Device paths, --table and local
+# files from the root start with "/" and must be taken as paths; a Windows
+# path where a device path is expected is refused.
 #   run_wine_tools_test.sh WIN_BUILD_DIR VUKRA_SIM EXAMPLE_TABLE
 set -u
 win_build=$(cd "$1" && pwd)
@@ -51,6 +51,13 @@ done <<TABLE
 TABLE
 check "get wrote the file at a path from the root" cmp w.txt w.out
 check "get -r brought the tree back" diff -r tree back
+
+# A tcp:// port (Winsock) to vukra-sim --listen.
+"$sim" --table table.xml --listen 127.0.0.1:0 >tcp.out 2>/dev/null &
+PTY_PIDS+=("$!")
+for _ in $(seq 600); do [ -s tcp.out ] && break; sleep 0.05; done
+got=$(wine ./vukra.exe -q -p "$(head -n 1 tcp.out)" reg read setpoint </dev/null 2>&1 | tr -d '\r')
+[ "$got" = "setpoint = 21.500000" ] && ok || ko "vukra.exe on $(head -n 1 tcp.out): $got"
 
 # vukra-gen.exe: a table named from the root, the live page read on COM8, the C sources in ./generated.
 wine ./vukra-gen.exe "$work/table.xml" --c --html-live "$work/live.html" --host device.local --port COM8 \
