@@ -46,13 +46,13 @@ background mosquitto -c broker.conf
 sleep 0.5
 background "$build/tools/vukra" -q -p "$(head -n 1 listen.out)" poll offset_trim --every 0.1 \
   --mqtt "mqtt://127.0.0.1:$port/bench"
-mosquitto_sub -h 127.0.0.1 -p "$port" -t bench/offset_trim -F '%U %p' >sub.out &
+mosquitto_sub -h 127.0.0.1 -p "$port" -t bench/register/offset_trim -F '%U %p' >sub.out &
 PTY_PIDS+=("$!")
 sleep 1
 : >latency.ms
 for i in $(seq 1 100); do
   start=$(date +%s.%N)
-  mosquitto_pub -h 127.0.0.1 -p "$port" -t bench/offset_trim/set -m "$i"
+  mosquitto_pub -h 127.0.0.1 -p "$port" -t bench/register/offset_trim/set -m "$i"
   for _ in $(seq 400); do grep -q "\"value\":$i," sub.out && break; sleep 0.005; done
   seen=$(grep -m 1 "\"value\":$i," sub.out | cut -d' ' -f1)
   [ -n "$seen" ] && awk -v a="$seen" -v b="$start" 'BEGIN { printf "%.3f\n", (a - b) * 1000 }' >>latency.ms

@@ -15,7 +15,7 @@ packages=(
   python3-pytest python3-setuptools python3-pip
   help2man dpkg-dev llvm zip
   fuse3 libfuse3-dev
-  mosquitto mosquitto-clients libmosquitto-dev ser2net openssl
+  mosquitto mosquitto-clients libmosquitto-dev libssl-dev ser2net openssl
 )
 
 missing=()

@@ -46,6 +46,7 @@ struct Exchange {
         frame_put_lrc(request);
         frame_end(request);
         frame_print(request);
+        const ExchangeDeadline deadline(port);
         std::uint32_t start = platform::clock_ms();
         frame_send(port, request);
         note(Failure::kNoReply);

@@ -36,8 +36,8 @@ bool connect(Port* port) {
 }
 
 // A serial line: the terminal driver's time-out, queues and break.
-long line_read_some(Port* port) {
-    long n = platform::serial_read_some(port->native, port->received, kReceiveBufferSize, port->timeout_ms);
+long line_read_some(Port* port, std::uint32_t wait_ms) {
+    long n = platform::serial_read_some(port->native, port->received, kReceiveBufferSize, wait_ms);
     if (n < 0) std::printf("%s", platform::last_error_text());
     return n;
 }
@@ -54,8 +54,8 @@ void line_purge(Port* port) {
 // A TCP connection to a device server. A dropped connection answers at
 // once, as a silent line does once its time-out has run out; the next write
 // connects again when the address is known.
-long tcp_read_some(Port* port) {
-    long n = platform::tcp_read_some(port->native, port->received, kReceiveBufferSize, port->timeout_ms);
+long tcp_read_some(Port* port, std::uint32_t wait_ms) {
+    long n = platform::tcp_read_some(port->native, port->received, kReceiveBufferSize, wait_ms);
     if (n < 0 && port->native != platform::kInvalidPort) {
         std::printf("connection to the device server lost\n");
         drop_connection(port);
@@ -86,7 +86,8 @@ void tcp_purge(Port* port) {
 } // namespace
 
 struct Transport {
-    long (*read_some)(Port*); // into received: a count, 0 at the time-out, -1 on an error
+    // Into received, waiting up to wait_ms: a count, 0 at the time-out, -1 on an error.
+    long (*read_some)(Port*, std::uint32_t wait_ms);
     long (*write)(Port*, const void* bytes, std::size_t count);
     void (*purge)(Port*);     // drop what has arrived
     void (*close)(platform::NativePort);
@@ -106,6 +107,8 @@ Port* new_port(const Transport& transport, platform::NativePort native, bool ado
     port->head = port->tail = 0;
     port->adopted = adopted;
     port->address = TcpAddress{};
+    port->exchanging = false;
+    port->exchange_start = 0;
     return port;
 }
 
@@ -143,8 +146,22 @@ Port* tcp_adopt(platform::NativePort socket, std::uint32_t timeout_ms) {
     return port;
 }
 
+ExchangeDeadline::ExchangeDeadline(Port* port) : port_(port) {
+    port->exchanging = true;
+    port->exchange_start = platform::clock_ms();
+}
+
 int serial_fill(Port* port) {
-    long n = port->transport->read_some(port);
+    std::uint32_t wait = port->timeout_ms;
+    if (port->exchanging) {
+        const std::uint32_t spent = platform::clock_ms() - port->exchange_start;
+        if (spent >= port->timeout_ms) {
+            port->head = port->tail = 0;
+            return 0;
+        }
+        wait = port->timeout_ms - spent;
+    }
+    long n = port->transport->read_some(port, wait);
     port->head = 0;
     port->tail = static_cast<std::uint32_t>(n > 0 ? n : 0);
     return n > 0 ? 1 : static_cast<int>(n);

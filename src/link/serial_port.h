@@ -46,7 +46,30 @@ struct Port {
     std::uint32_t tail; // end of the bytes held
     bool adopted;       // the host handed the handle over: a failed open leaves it to the host
     TcpAddress address; // a TCP connection's, empty for one handed over: a dropped one cannot be made again
+    bool exchanging;             // an exchange is under way (see ExchangeDeadline)
+    std::uint32_t exchange_start; // the clock when its request left
     std::uint8_t received[kReceiveBufferSize];
+};
+
+// An exchange, a request and its reply, ends within the port's time-out
+// counted from the request, however the line behaves: while one is under
+// way each wait for input waits only for what is left of the time-out, and
+// once it has run out a receive fails as on a silent line. So a reply that
+// ends late counts as no reply, and so does a device that never stops
+// talking (END bytes without end, a frame that never ends, a byte now and
+// then): the bytes it keeps sending are left on the line for whoever reads
+// next. Outside an exchange (the emulator waiting for requests) each wait
+// is the whole time-out. Held for the exchange's scope, from just before
+// its request is sent.
+class ExchangeDeadline {
+public:
+    explicit ExchangeDeadline(Port* port);
+    ~ExchangeDeadline() { port_->exchanging = false; }
+    ExchangeDeadline(const ExchangeDeadline&) = delete;
+    ExchangeDeadline& operator=(const ExchangeDeadline&) = delete;
+
+private:
+    Port* port_;
 };
 
 // Opens the port by name, or adopts native_handle when it is not 0, applies
@@ -85,9 +108,10 @@ int serial_close(Port* port); // also frees the Port
 // handle the host handed over back to the host as it was.
 void serial_release(Port* port);
 
-// Waits up to the port's time-out for input and takes all that has
-// arrived into the receive buffer: 1 with bytes held, 0 on time-out, -1 on
-// failure (the system's text of the error is printed).
+// Waits up to the port's time-out (within an exchange: what is left of it)
+// for input and takes all that has arrived into the receive buffer: 1 with
+// bytes held, 0 on time-out, -1 on failure (the system's text of the error
+// is printed).
 int serial_fill(Port* port);
 
 // One byte, not counted as received: 1, 0 on time-out, -1 on failure. The

@@ -31,7 +31,8 @@ void serial_setup_queues(NativePort port);
 
 // Waits up to timeout_ms for input, then returns whatever is available, at
 // most capacity bytes: a count above 0, 0 when the time-out ran out, -1 on
-// failure. On Win32 the time-out set by serial_configure governs instead.
+// failure. On Win32 the wait is the port's total read time-out, set to
+// timeout_ms when it differs.
 long serial_read_some(NativePort port, void* buffer, std::size_t capacity, std::uint32_t timeout_ms);
 
 // Writes all count bytes in one blocking transfer; the count or -1.
@@ -83,8 +84,8 @@ long tcp_read_some(NativePort socket, void* buffer, std::size_t capacity, std::u
 // Writes all count bytes; the count, or -1 when the connection is over.
 long tcp_write(NativePort socket, const void* bytes, std::size_t count);
 
-// Drops, without waiting, whatever has arrived. False when the connection
-// turns out to be over.
+// Drops, without waiting, what has arrived (not what keeps arriving
+// meanwhile). False when the connection turns out to be over.
 bool tcp_drain(NativePort socket);
 
 // False when the other end has closed the connection or it failed; what

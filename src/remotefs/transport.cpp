@@ -78,6 +78,7 @@ std::int32_t transact(session::Session& s, std::uint8_t code, std::uint8_t* repl
 
     // Whatever an abandoned exchange left on the line goes first.
     link::serial_purge(s.port);
+    const link::ExchangeDeadline deadline(s.port);
     const std::uint32_t start = platform::clock_ms();
     if (link::slip_send(s.port, frame, length + kFrameHeaderSize) < 0) return -1;
 

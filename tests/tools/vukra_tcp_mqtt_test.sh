@@ -82,34 +82,66 @@ broker
 subscribe sub.out
 poller 1 "$d1"
 POLLER1=$LAST
-seen "values reach the subscriber" '^plant/d1/offset_trim \{"value":5,"type":"int16","time":"[0-9T:.-]+Z","status":"ok"\}$' sub.out
+seen "values reach the subscriber" '^plant/d1/register/offset_trim \{"value":5,"type":"int16","time":"[0-9T:.-]+Z","status":"ok"\}$' sub.out
 seen "online" '^plant/d1/status online$' sub.out
-mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d1/offset_trim/set -m -321
-seen "a set writes the sim's register" '^plant/d1/offset_trim \{"value":-321,' sub.out
+mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d1/register/offset_trim/set -m -321
+seen "a set writes the sim's register" '^plant/d1/register/offset_trim \{"value":-321,' sub.out
 while read -r topic value pattern; do
-  mosquitto_pub -h 127.0.0.1 -p "$mport" -t "plant/d1/$topic/set" -m "$value"
-  seen "refused: $topic $value" "^plant/d1/$topic/error .*$pattern" sub.out
+  mosquitto_pub -h 127.0.0.1 -p "$mport" -t "plant/d1/register/$topic/set" -m "$value"
+  seen "refused: $topic $value" "^plant/d1/register/$topic/error .*$pattern" sub.out
 done <<'EOF'
 cycle_count 1 read-only.*nothing was sent
 offset_trim 40000 not a value of offset_trim's type int16
 no_such 1 no register no_such
 EOF
-seq 1 200 | mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d1/offset_trim/set -l
-seen "a flood of sets, in order" '^plant/d1/offset_trim \{"value":200,' sub.out
+seq 1 200 | mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d1/register/offset_trim/set -l
+seen "a flood of sets, in order" '^plant/d1/register/offset_trim \{"value":200,' sub.out
+
+# --- what the bridge refuses: retained sets, a NUL, names and prefixes that cannot be topics ---
+sed 's/name="cycle_count"/name="status"/; s/name="heater_on"/name="a+b"/' table.xml >names.xml
+mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d4/register/offset_trim/set -r -m 999
+listening_sim sim4.out
+serve poll4.out "$vukra" -q --table names.xml -p "$NAME" poll offset_trim status --every 0.2 --mqtt "mqtt://127.0.0.1:$mport/plant/d4"
+seen "a retained set is refused" '^plant/d4/register/offset_trim/error a retained set is never applied' sub.out
+seen "a register named status has its own topic" '^plant/d4/register/status \{"value":4711,' sub.out
+printf '12\0999' | mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d4/register/offset_trim/set -s
+seen "a NUL byte is refused" '^plant/d4/register/offset_trim/error the value holds a NUL byte' sub.out
+seen "still read after both" '^plant/d4/register/offset_trim \{"value":-12,' sub.out
+[ "$(mosquitto_sub -h 127.0.0.1 -p "$mport" -t plant/d4/status -C 1 -W 5)" = online ] && ok || ko "availability kept"
+! grep -Eq '"value":(999|12),' sub.out && ok || ko "a refused set was written: $(grep -E '"value":(999|12),' sub.out)"
+mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d4/register/offset_trim/set -r -n
+fails "a name with +" 'register name "a+b" cannot be an MQTT topic level: it holds + or #' \
+  "$vukra" -q --table names.xml -p "$NAME" poll a+b --mqtt "mqtt://127.0.0.1:$mport/plant/d4"
+fails "prefix //" 'prefix "//" has an empty level' "$vukra" -q -p "$NAME" poll setpoint --mqtt "mqtt://127.0.0.1:$mport///"
+fails "prefix \$SYS" 'prefix "\$SYS/x" begins with \$' "$vukra" -q -p "$NAME" poll setpoint --mqtt "mqtt://127.0.0.1:$mport/\$SYS/x"
+
+# --- sets between the reads of a slow device, and a set left at the end ---
+serve sim5.out "$sim" --table table.xml --listen 127.0.0.1:0 --late 1000
+wait_for '^tcp://' sim5.out
+serve poll5.out "$vukra" -q -p "$(head -n 1 sim5.out)" poll offset_trim setpoint --every 0.1 --mqtt "mqtt://127.0.0.1:$mport/plant/d5"
+POLLER5=$LAST
+seen "the slow device's first value" '^plant/d5/register/offset_trim \{"value":-12,' sub.out
+mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d5/register/offset_trim/set -m 77
+seen "a set between two reads of rounds longer than the period" '^plant/d5/register/offset_trim \{"value":77,' sub.out
+mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d5/register/offset_trim/set -q 1 -m 88
+kill -INT "$POLLER5"
+wait "$POLLER5" && ok || ko "Ctrl-C during a slow read"
+seen "a set left at the end is told" '^plant/d5/register/offset_trim/error the value "88" came as the link stopped' sub.out
+grep -q 'offset_trim/set: the value "88" came as the link stopped: nothing was sent' servers.err && ok || ko "told on standard error: $(tail -n 3 servers.err)"
 
 kill "$BROKER"
 wait "$BROKER" 2>/dev/null
 sleep 1
 broker
 subscribe sub2.out
-seen "publishing resumes after the broker's restart" '^plant/d1/offset_trim \{"value":200,' sub2.out
+seen "publishing resumes after the broker's restart" '^plant/d1/register/offset_trim \{"value":200,' sub2.out
 seen "online again" '^plant/d1/status online$' sub2.out
 kill -0 "$POLLER1" && ok || ko "the poller ended with the broker"
 
 listening_sim sim3.out && poller 3 "$NAME"
 POLLER3=$LAST
 poller 2 "$d2"
-for d in 1 2 3; do seen "device $d seen by one subscriber" "^plant/d$d/cycle_count \\{\"value\":4711," sub2.out; done
+for d in 1 2 3; do seen "device $d seen by one subscriber" "^plant/d$d/register/cycle_count \\{\"value\":4711," sub2.out; done
 kill -9 "$POLLER3"
 seen "the last will" '^plant/d3/status offline$' sub2.out
 kill -INT "$POLLER1"
@@ -128,5 +160,19 @@ until_ok mosquitto_pub -h 127.0.0.1 -p "$tport" --cafile cert.pem -u poller -P s
 serve tsub.out mosquitto_sub -h 127.0.0.1 -p "$tport" --cafile cert.pem -u poller -P s3cret -v -t 'tls/#'
 serve tpoll.out env VUKRA_MQTT_USERNAME=poller VUKRA_MQTT_PASSWORD=s3cret "$vukra" -q -p "$d1" poll heater_on \
   --every 0.2 --mqtt "mqtts://127.0.0.1:$tport/tls" --mqtt-cafile cert.pem
-seen "TLS with a password" '^tls/heater_on \{"value":1,' tsub.out
+seen "TLS with a password" '^tls/register/heater_on \{"value":1,' tsub.out
+# Failures that say why: the CA file, a certificate for another host, a
+# listener that never answers CONNECT.
+fails "a CA file that is not there" 'cannot read the CA file nothere.pem: No such file' \
+  "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtts://127.0.0.1:$tport/tls" --mqtt-cafile nothere.pem
+openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=other -keyout other.key -out other.pem 2>/dev/null
+serve /dev/null "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtts://127.0.0.1:$tport/tls" --mqtt-cafile other.pem
+seen "another CA" 'TLS with the MQTT broker 127.0.0.1:[0-9]+ failed: .* not vouched for by the CA file other.pem' servers.err
+serve /dev/null "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtts://localhost:$tport/tls" --mqtt-cafile cert.pem
+seen "another host" 'certificate is for another host than localhost' servers.err
+silent=$(free_port)
+serve silent.out /usr/bin/python3 -c "import socket, time
+s = socket.create_server(('127.0.0.1', $silent)); c = s.accept(); time.sleep(60)"
+serve /dev/null "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtt://127.0.0.1:$silent/x"
+seen "a listener that never answers" 'took the connection but has not answered it in 5 s' servers.err
 finish

@@ -1,7 +1,12 @@
 #include "mqtt_bridge.h"
 
 #include <mosquitto.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
 
+#include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -9,23 +14,49 @@
 #include <deque>
 #include <fstream>
 #include <mutex>
+#include <thread>
 
 namespace vukra::cli {
 
+using Clock = std::chrono::steady_clock;
+
 struct Mqtt {
     mosquitto* client = nullptr;
-    std::string host, prefix;
+    SSL_CTX* tls = nullptr; // mqtts: ours, so that a failed check tells why
+    std::string host, prefix, ca_file;
     int port = 1883;
     std::mutex lock; // over what follows
     std::condition_variable arrived;
     std::deque<SetRequest> sets;
-    bool said_lost = false; // the loss was told once, until the next connection
+    bool said_lost = false;       // the loss was told once, until the next connection
+    std::string said_tls;         // the TLS failure told last, until the next connection
+    std::string certificate;      // why the broker's certificate was refused, from the check
+    bool connected = false;
+    bool stopping = false;
+    Clock::time_point asked{};    // when CONNECT left, while no answer came
+    bool waiting_answer = false;
+    std::condition_variable watch;
+    std::thread watchdog;
 };
 
 namespace {
 
 constexpr int kKeepAliveSeconds = 30;
 constexpr unsigned kBackOffFirst = 1, kBackOffMost = 30;
+constexpr const char* kRegisterLevel = "/register/";
+
+// "" when the prefix can lead every topic of the bridge, else why not.
+std::string prefix_problem(const std::string& prefix, const std::string& given) {
+    const std::string it = "the topic prefix \"" + given + "\" ";
+    if (prefix.empty()) return "the URL names no topic prefix (mqtt://HOST:PORT/PREFIX)";
+    if (prefix.find_first_of("+#") != std::string::npos) return it + "holds + or #, MQTT's wildcards";
+    if (prefix.front() == '$') return it + "begins with $, which marks the broker's own topics ($SYS)";
+    if (prefix.front() == '/' || prefix.find("//") != std::string::npos)
+        return it + "has an empty level (a / at its start or two in a row)";
+    if (mosquitto_validate_utf8(prefix.c_str(), static_cast<int>(prefix.size())) != MOSQ_ERR_SUCCESS)
+        return it + "is not UTF-8 text";
+    return "";
+}
 
 // mqtt[s]://HOST[:PORT]/PREFIX into its parts; "" or what is wrong.
 std::string parse_url(const std::string& url, Mqtt& m, bool& tls) {
@@ -44,13 +75,14 @@ std::string parse_url(const std::string& url, Mqtt& m, bool& tls) {
     const std::size_t slash = url.find('/', rest);
     if (slash == std::string::npos || slash + 1 >= url.size()) return "\"" + url + "\" names no topic prefix" + form;
     std::string authority = url.substr(rest, slash - rest);
-    m.prefix = url.substr(slash + 1);
-    if (m.prefix.back() == '/') m.prefix.pop_back();
+    const std::string given = url.substr(slash + 1);
+    m.prefix = given;
+    if (m.prefix.size() > 1 && m.prefix.back() == '/') m.prefix.pop_back();
     if (authority.find('@') != std::string::npos)
         return "no user name or password in the URL, where others see them: use VUKRA_MQTT_USERNAME and "
                "VUKRA_MQTT_PASSWORD or --mqtt-credentials FILE";
-    if (m.prefix.find_first_of("+#") != std::string::npos || m.prefix.empty())
-        return "the topic prefix \"" + m.prefix + "\" may not hold + or #";
+    const std::string problem = prefix_problem(m.prefix, given);
+    if (!problem.empty()) return problem;
     // An IPv6 address is in brackets: the port's colon is the one after ']'.
     const std::size_t close = authority.find(']');
     if (!authority.empty() && authority.front() == '[' &&
@@ -93,8 +125,108 @@ std::string credentials(const MqttSettings& settings, std::string& user, std::st
     return "";
 }
 
+// OpenSSL's reason for the last failure, without its codes.
+std::string openssl_reason() {
+    const unsigned long code = ERR_peek_last_error();
+    ERR_clear_error();
+    const char* reason = code != 0 ? ERR_reason_error_string(code) : nullptr;
+    return reason != nullptr ? reason : "unknown reason";
+}
+
+// Notes why the broker's certificate was refused, for the message that
+// follows the failed handshake.
+int check_certificate(int ok, X509_STORE_CTX* store) {
+    if (ok) return ok;
+    auto* ssl = static_cast<SSL*>(X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
+    auto* m = static_cast<Mqtt*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
+    const int error = X509_STORE_CTX_get_error(store);
+    std::string why = X509_verify_cert_error_string(error);
+    if (error == X509_V_ERR_HOSTNAME_MISMATCH || error == X509_V_ERR_IP_ADDRESS_MISMATCH)
+        why = "the broker's certificate is for another host than " + m->host + " (" + why + ")";
+    else if (!m->ca_file.empty())
+        why = "the broker's certificate is not vouched for by the CA file " + m->ca_file + " (" + why + ")";
+    else
+        why = "the broker's certificate is not vouched for by the system's authorities (" + why + ")";
+    std::lock_guard<std::mutex> hold(m->lock);
+    m->certificate = why;
+    return ok;
+}
+
+// The TLS settings: the broker's certificate checked against the CA file
+// (or the system's authorities) and the host named in the URL. "" or what
+// is wrong with them.
+std::string make_tls(Mqtt& m) {
+    m.tls = SSL_CTX_new(TLS_client_method());
+    if (m.tls == nullptr) return "cannot set up TLS: " + openssl_reason();
+    SSL_CTX_set_app_data(m.tls, &m);
+    if (!m.ca_file.empty()) {
+        std::FILE* f = std::fopen(m.ca_file.c_str(), "r");
+        if (f == nullptr) return "cannot read the CA file " + m.ca_file + ": " + std::strerror(errno);
+        std::fclose(f);
+        if (SSL_CTX_load_verify_locations(m.tls, m.ca_file.c_str(), nullptr) != 1)
+            return "the CA file " + m.ca_file + " holds no certificate OpenSSL can use: " + openssl_reason();
+    } else if (SSL_CTX_load_verify_locations(m.tls, nullptr, "/etc/ssl/certs") != 1) {
+        return "cannot use the system's certificate authorities in /etc/ssl/certs: " + openssl_reason();
+    }
+    X509_VERIFY_PARAM* param = SSL_CTX_get0_param(m.tls);
+    if (X509_VERIFY_PARAM_set1_ip_asc(param, m.host.c_str()) != 1 &&
+        X509_VERIFY_PARAM_set1_host(param, m.host.c_str(), 0) != 1)
+        return "cannot check the broker's certificate against " + m.host;
+    SSL_CTX_set_verify(m.tls, SSL_VERIFY_PEER, check_certificate);
+    return "";
+}
+
+void on_log(mosquitto*, void* context, int level, const char* text) {
+    auto* m = static_cast<Mqtt*>(context);
+    if (level == MOSQ_LOG_DEBUG && std::strstr(text, "sending CONNECT") != nullptr) {
+        std::lock_guard<std::mutex> hold(m->lock);
+        m->asked = Clock::now();
+        m->waiting_answer = true;
+        m->watch.notify_all();
+        return;
+    }
+    if (level != MOSQ_LOG_ERR || std::strncmp(text, "OpenSSL Error", 13) != 0) return;
+    std::string why;
+    {
+        std::lock_guard<std::mutex> hold(m->lock);
+        why = m->certificate;
+        m->certificate.clear();
+        if (why.empty()) {
+            // "OpenSSL Error[0]: error:0A000086:SSL routines::certificate verify failed"
+            const char* reason = std::strrchr(text, ':');
+            why = reason != nullptr ? reason + 1 : text;
+        }
+        if (why == m->said_tls) return;
+        m->said_tls = why;
+    }
+    std::fprintf(stderr, "vukra: TLS with the MQTT broker %s:%d failed: %s; it is tried again\n", m->host.c_str(),
+                 m->port, why.c_str());
+}
+
+// Tells once a connection that the broker took but has not answered.
+void watch_answers(Mqtt* m) {
+    std::unique_lock<std::mutex> hold(m->lock);
+    while (!m->stopping) {
+        if (!m->waiting_answer) {
+            m->watch.wait(hold);
+            continue;
+        }
+        const Clock::time_point due = m->asked + std::chrono::seconds(kConnectAnswerSeconds);
+        if (m->watch.wait_until(hold, due) != std::cv_status::timeout || !m->waiting_answer) continue;
+        m->waiting_answer = false;
+        std::fprintf(stderr,
+                     "vukra: the MQTT broker %s:%d took the connection but has not answered it in %d s (is it an "
+                     "MQTT broker? one that wants TLS is named mqtts://); it is tried again\n",
+                     m->host.c_str(), m->port, kConnectAnswerSeconds);
+    }
+}
+
 void on_connect(mosquitto* client, void* context, int rc) {
     auto* m = static_cast<Mqtt*>(context);
+    {
+        std::lock_guard<std::mutex> hold(m->lock);
+        m->waiting_answer = false;
+    }
     if (rc != 0) {
         std::fprintf(stderr, "vukra: the MQTT broker %s:%d refused the connection: %s\n", m->host.c_str(), m->port,
                      mosquitto_connack_string(rc));
@@ -103,9 +235,10 @@ void on_connect(mosquitto* client, void* context, int rc) {
     {
         std::lock_guard<std::mutex> hold(m->lock);
         m->said_lost = false;
+        m->said_tls.clear();
     }
     std::fprintf(stderr, "vukra: connected to the MQTT broker %s:%d\n", m->host.c_str(), m->port);
-    const std::string sets = m->prefix + "/+/set";
+    const std::string sets = m->prefix + kRegisterLevel + "+/set";
     mosquitto_subscribe(client, nullptr, sets.c_str(), 1);
     const std::string status = m->prefix + "/status";
     mosquitto_publish(client, nullptr, status.c_str(), 6, "online", 1, true);
@@ -115,28 +248,41 @@ void on_disconnect(mosquitto*, void* context, int rc) {
     auto* m = static_cast<Mqtt*>(context);
     if (rc == 0) return; // asked for
     std::lock_guard<std::mutex> hold(m->lock);
+    m->waiting_answer = false;
     if (m->said_lost) return;
     m->said_lost = true;
     std::fprintf(stderr, "vukra: lost the MQTT broker %s:%d; polling goes on and the broker is tried again\n",
                  m->host.c_str(), m->port);
 }
 
+// A set message, queued when it may be acted on; a refusal goes to its
+// error topic at once.
 void on_message(mosquitto*, void* context, const mosquitto_message* message) {
     auto* m = static_cast<Mqtt*>(context);
-    // PREFIX/NAME/set: NAME is what lies between.
+    // PREFIX/register/NAME/set: NAME is what lies between.
     const std::string topic = message->topic;
-    const std::size_t first = m->prefix.size() + 1, last = topic.size() - 4;
+    const std::size_t first = m->prefix.size() + std::strlen(kRegisterLevel), last = topic.size() - 4;
     if (topic.size() < first + 4 || last <= first) return;
     const std::string name = topic.substr(first, last - first);
-    if (message->payloadlen < 0 || static_cast<std::size_t>(message->payloadlen) > kMaxSetPayload) {
-        mqtt_publish_error(m, name, "a value of more than " + std::to_string(kMaxSetPayload) + " bytes: nothing was sent");
+    const auto* bytes = static_cast<const char*>(message->payload);
+    const std::size_t size = message->payloadlen > 0 ? static_cast<std::size_t>(message->payloadlen) : 0;
+    if (size == 0) return; // how a retained set is cleared: nothing to write
+    std::string why;
+    if (message->retain)
+        why = "a retained set is never applied (it would be written again at every start): publish the value "
+              "without retain, and clear the retained one with an empty retained message";
+    else if (size > kMaxSetPayload)
+        why = "a value of more than " + std::to_string(kMaxSetPayload) + " bytes";
+    else if (std::memchr(bytes, '\0', size) != nullptr)
+        why = "the value holds a NUL byte";
+    if (!why.empty()) {
+        mqtt_publish_error(m, name, why + ": nothing was sent");
         return;
     }
-    std::string payload(static_cast<const char*>(message->payload), static_cast<std::size_t>(message->payloadlen));
     {
         std::lock_guard<std::mutex> hold(m->lock);
         if (m->sets.size() < kMaxWaitingSets) {
-            m->sets.push_back(SetRequest{name, std::move(payload)});
+            m->sets.push_back(SetRequest{name, std::string(bytes, size)});
             m->arrived.notify_one();
             return;
         }
@@ -146,19 +292,31 @@ void on_message(mosquitto*, void* context, const mosquitto_message* message) {
 
 } // namespace
 
+std::string mqtt_name_problem(const std::string& name) {
+    const std::string it = "the register name \"" + name + "\" cannot be an MQTT topic level: it ";
+    if (name.empty()) return "an empty register name cannot be an MQTT topic level";
+    if (name.find('/') != std::string::npos) return it + "holds /, which splits topic levels";
+    if (name.find_first_of("+#") != std::string::npos) return it + "holds + or #, MQTT's wildcards";
+    if (mosquitto_validate_utf8(name.c_str(), static_cast<int>(name.size())) != MOSQ_ERR_SUCCESS)
+        return it + "is not UTF-8 text";
+    return "";
+}
+
 Mqtt* mqtt_start(const MqttSettings& settings, std::string& why) {
     static const int library = mosquitto_lib_init();
     (void)library;
     auto* m = new Mqtt;
+    m->ca_file = settings.ca_file;
     bool tls = false;
     std::string user, password;
-    if (!(why = parse_url(settings.url, *m, tls)).empty() || !(why = credentials(settings, user, password)).empty()) {
-        delete m;
+    if (!(why = parse_url(settings.url, *m, tls)).empty() || !(why = credentials(settings, user, password)).empty() ||
+        (tls && !(why = make_tls(*m)).empty())) {
+        mqtt_stop(m);
         return nullptr;
     }
     m->client = mosquitto_new(nullptr, true, m);
     if (m->client == nullptr) {
-        delete m;
+        mqtt_stop(m);
         why = "cannot make an MQTT client";
         return nullptr;
     }
@@ -166,9 +324,8 @@ Mqtt* mqtt_start(const MqttSettings& settings, std::string& why) {
     int rc = mosquitto_will_set(m->client, status.c_str(), 7, "offline", 1, true);
     if (rc == MOSQ_ERR_SUCCESS && !user.empty())
         rc = mosquitto_username_pw_set(m->client, user.c_str(), password.empty() ? nullptr : password.c_str());
-    if (rc == MOSQ_ERR_SUCCESS && tls)
-        rc = mosquitto_tls_set(m->client, settings.ca_file.empty() ? nullptr : settings.ca_file.c_str(),
-                               settings.ca_file.empty() ? "/etc/ssl/certs" : nullptr, nullptr, nullptr, nullptr);
+    if (rc == MOSQ_ERR_SUCCESS && tls) rc = mosquitto_int_option(m->client, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0);
+    if (rc == MOSQ_ERR_SUCCESS && tls) rc = mosquitto_void_option(m->client, MOSQ_OPT_SSL_CTX, m->tls);
     if (rc == MOSQ_ERR_SUCCESS) rc = mosquitto_reconnect_delay_set(m->client, kBackOffFirst, kBackOffMost, true);
     if (rc != MOSQ_ERR_SUCCESS) {
         why = std::string("cannot set up the MQTT client: ") + mosquitto_strerror(rc);
@@ -178,6 +335,8 @@ Mqtt* mqtt_start(const MqttSettings& settings, std::string& why) {
     mosquitto_connect_callback_set(m->client, on_connect);
     mosquitto_disconnect_callback_set(m->client, on_disconnect);
     mosquitto_message_callback_set(m->client, on_message);
+    mosquitto_log_callback_set(m->client, on_log);
+    m->watchdog = std::thread(watch_answers, m);
     // A broker that is not there yet is tried again by the loop; a host
     // that does not resolve is an error of the URL.
     rc = mosquitto_connect_async(m->client, m->host.c_str(), m->port, kKeepAliveSeconds);
@@ -186,7 +345,8 @@ Mqtt* mqtt_start(const MqttSettings& settings, std::string& why) {
         mqtt_stop(m);
         return nullptr;
     }
-    if (rc != MOSQ_ERR_SUCCESS)
+    // A failed TLS handshake has been told with its reason already.
+    if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_TLS)
         std::fprintf(stderr, "vukra: the MQTT broker %s:%d is not there yet (%s); it is tried again\n",
                      m->host.c_str(), m->port, mosquitto_strerror(rc));
     if (mosquitto_loop_start(m->client) != MOSQ_ERR_SUCCESS) {
@@ -198,14 +358,14 @@ Mqtt* mqtt_start(const MqttSettings& settings, std::string& why) {
 }
 
 void mqtt_publish_value(Mqtt* m, const std::string& name, const std::string& json) {
-    const std::string topic = m->prefix + "/" + name;
+    const std::string topic = m->prefix + kRegisterLevel + name;
     // QoS 0: while the broker is away nothing piles up; the next round
     // publishes afresh.
     mosquitto_publish(m->client, nullptr, topic.c_str(), static_cast<int>(json.size()), json.data(), 0, true);
 }
 
 void mqtt_publish_error(Mqtt* m, const std::string& name, const std::string& text) {
-    const std::string topic = m->prefix + "/" + name + "/error";
+    const std::string topic = m->prefix + kRegisterLevel + name + "/error";
     mosquitto_publish(m->client, nullptr, topic.c_str(), static_cast<int>(text.size()), text.data(), 1, false);
 }
 
@@ -221,14 +381,29 @@ bool mqtt_next_set(Mqtt* m, SetRequest& request, std::uint32_t wait_ms) {
 void mqtt_stop(Mqtt* m) {
     if (m == nullptr) return;
     if (m->client != nullptr) {
+        SetRequest left;
+        while (mqtt_next_set(m, left, 0)) {
+            const std::string why = "the value \"" + left.payload + "\" came as the link stopped: nothing was sent";
+            std::fprintf(stderr, "vukra: %s/set: %s\n", left.name.c_str(), why.c_str());
+            mqtt_publish_error(m, left.name, why);
+        }
         const std::string status = m->prefix + "/status";
         // Queued ahead of the disconnect, so it leaves first; a clean
         // disconnect does not send the last will.
         mosquitto_publish(m->client, nullptr, status.c_str(), 7, "offline", 1, true);
         mosquitto_disconnect(m->client);
         mosquitto_loop_stop(m->client, false);
-        mosquitto_destroy(m->client);
     }
+    if (m->watchdog.joinable()) {
+        {
+            std::lock_guard<std::mutex> hold(m->lock);
+            m->stopping = true;
+            m->watch.notify_all();
+        }
+        m->watchdog.join();
+    }
+    if (m->client != nullptr) mosquitto_destroy(m->client);
+    if (m->tls != nullptr) SSL_CTX_free(m->tls); // the client held its own reference
     delete m;
 }
 

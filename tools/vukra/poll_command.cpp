@@ -4,16 +4,12 @@
 // Reads the registers once a period on one session and writes one line (or
 // one JSON object) a round on standard output; a failed read is told on its
 // line and the poll goes on. With --mqtt each value is also published to
-// the broker, and writes asked for on its set topics are made between the
-// rounds (see mqtt_bridge.h). Ctrl-C ends the poll with status 0.
+// the broker, and writes asked for on its set topics are made between two
+// register reads (see mqtt_bridge.h). Ctrl-C ends the poll with status 0.
 #include "cli.h"
 #include "device.h"
 #include "interrupt.h"
 #include "poll_values.h"
-
-#include "session/named_registers.h"
-#include "table/value_format.h"
-#include "table/value_parse.h"
 
 #ifdef VUKRA_HAVE_MQTT
 #include "mqtt_bridge.h"
@@ -39,28 +35,6 @@ struct PollOptions {
 
 using Clock = std::chrono::steady_clock;
 
-#ifdef VUKRA_HAVE_MQTT
-// A set message: checked against the table and the value's type before
-// anything is sent; a refusal or a failed write goes to the error topic.
-void act_on(modbus_vukra_session* s, Mqtt* m, const SetRequest& request) {
-    Polled p{request.name};
-    std::string why = look_up(p, true);
-    std::string text = request.payload;
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-    std::uint8_t value[session::kTransferSize] = {};
-    if (why.empty() && !table::parse_value(p.type, text.c_str(), value, sizeof value))
-        why = "\"" + text + "\" is not a value of " + p.name + "'s type " + (p.type.name ? p.type.name : "?") +
-              ": nothing was sent";
-    const std::int32_t count = 2 * p.type.words;
-    if (why.empty() && modbus_vukra_op_protected_writereg(s, p.name.c_str(), value, count) != count)
-        why = "cannot write " + p.name + ": " + transaction_failure();
-    if (!why.empty()) {
-        std::fprintf(stderr, "vukra: %s\n", why.c_str());
-        mqtt_publish_error(m, p.name, why);
-    }
-}
-#endif
-
 int poll(Options& o, const PollOptions& po) {
     Format format;
     if (!parse_format(po.format, format)) return fail("--format is text, csv or json, not \"" + po.format + "\"");
@@ -78,6 +52,8 @@ int poll(Options& o, const PollOptions& po) {
     std::unique_ptr<Mqtt, void (*)(Mqtt*)> mqtt(nullptr, mqtt_stop);
     if (!po.mqtt.empty()) {
         std::string why;
+        for (const Polled& p : polled)
+            if (!(why = mqtt_name_problem(p.name)).empty()) return fail(why);
         mqtt.reset(mqtt_start(MqttSettings{po.mqtt, po.credentials, po.ca_file}, why));
         if (!mqtt) return fail(why);
     }
@@ -97,6 +73,10 @@ int poll(Options& o, const PollOptions& po) {
         const std::string time = timestamp();
         std::vector<Reading> readings;
         for (const Polled& p : polled) {
+#ifdef VUKRA_HAVE_MQTT
+            // A set waits at most for the read in progress.
+            if (mqtt && !interrupted()) mqtt_apply_sets(mqtt.get(), s, 0);
+#endif
             readings.push_back(read_register(s, p));
             failed_read |= !readings.back().ok;
 #ifdef VUKRA_HAVE_MQTT
@@ -114,9 +94,8 @@ int poll(Options& o, const PollOptions& po) {
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now()).count();
             const auto wait = static_cast<std::uint32_t>(std::min<long long>(left + 1, 50));
 #ifdef VUKRA_HAVE_MQTT
-            SetRequest request;
             if (mqtt) {
-                if (mqtt_next_set(mqtt.get(), request, wait)) act_on(s, mqtt.get(), request);
+                mqtt_apply_sets(mqtt.get(), s, wait);
                 continue;
             }
 #endif
@@ -158,8 +137,9 @@ void add_poll_command(CLI::App& app, Options& options) {
             "N>=1"));
     command->add_option("--format", po->format, "text, csv or json (one object a line)")->check(format_check());
     command->add_option("--mqtt", po->mqtt,
-                        "publish to mqtt://HOST:PORT/PREFIX (mqtts:// for TLS): retained JSON at PREFIX/NAME, "
-                        "writes from PREFIX/NAME/set, refusals at PREFIX/NAME/error, PREFIX/status online/offline");
+                        "publish to mqtt://HOST:PORT/PREFIX (mqtts:// for TLS): retained JSON at PREFIX/register/NAME, "
+                        "writes from PREFIX/register/NAME/set, refusals at PREFIX/register/NAME/error, PREFIX/status "
+                        "online/offline");
     command->add_option("--mqtt-credentials", po->credentials,
                         "a file: the broker's user name on its first line, the password on its second (else "
                         "VUKRA_MQTT_USERNAME and VUKRA_MQTT_PASSWORD)");

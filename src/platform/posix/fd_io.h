@@ -3,6 +3,8 @@
 // interruptions by signals.
 #pragma once
 
+#include "platform/platform.h"
+
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -29,12 +31,20 @@ long write_all(const void* bytes, std::size_t count, WriteSome write_some) {
 }
 
 // Waits until fd has bytes to read (or has been closed): 1, with the poll's
-// events in revents; 0 when timeout_ms ran out; -1 on an error.
+// events in revents; 0 when timeout_ms ran out; -1 on an error. A signal
+// (a host's Ctrl-C handler, a timer) does not start the wait afresh: it
+// goes on for what is left of timeout_ms.
 inline int wait_readable(int fd, std::uint32_t timeout_ms, short& revents) {
     pollfd p{fd, POLLIN, 0};
+    const std::uint32_t start = clock_ms();
+    std::uint32_t left = timeout_ms;
     for (;;) {
-        const int ready = ::poll(&p, 1, static_cast<int>(timeout_ms));
-        if (ready < 0 && errno == EINTR) continue;
+        const int ready = ::poll(&p, 1, static_cast<int>(left));
+        if (ready < 0 && errno == EINTR) {
+            const std::uint32_t spent = clock_ms() - start;
+            left = spent < timeout_ms ? timeout_ms - spent : 0;
+            continue;
+        }
         revents = p.revents;
         return ready > 0 ? 1 : ready;
     }

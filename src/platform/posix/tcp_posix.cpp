@@ -15,6 +15,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -131,13 +132,20 @@ long tcp_write(NativePort socket, const void* bytes, std::size_t count) {
 bool tcp_drain(NativePort socket) {
     const int fd = fd_of(socket);
     if (fd < 0) return false;
+    // What has arrived when asked, not what keeps coming: a device that
+    // never stops talking cannot hold the purge.
+    int queued = 0;
+    if (::ioctl(fd, FIONREAD, &queued) != 0) queued = 0;
     unsigned char sink[4096];
-    for (;;) {
-        ssize_t got = ::recv(fd, sink, sizeof sink, MSG_DONTWAIT);
-        if (got > 0) continue;
+    long left = queued;
+    do {
+        const std::size_t take = left > 0 && static_cast<std::size_t>(left) < sizeof sink ? static_cast<std::size_t>(left) : sizeof sink;
+        const ssize_t got = ::recv(fd, sink, take, MSG_DONTWAIT);
         if (got == 0) return false;
-        return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
-    }
+        if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+        left -= got;
+    } while (left > 0);
+    return true;
 }
 
 bool tcp_connected(NativePort socket) {

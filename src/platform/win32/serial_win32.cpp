@@ -70,13 +70,22 @@ void serial_setup_queues(NativePort port) {
     SetupComm(h, 65536, 65536);
 }
 
-long serial_read_some(NativePort port, void* buffer, std::size_t capacity, std::uint32_t) {
+long serial_read_some(NativePort port, void* buffer, std::size_t capacity, std::uint32_t timeout_ms) {
     HANDLE h = handle_of(port);
     DWORD errors = 0;
     COMSTAT status{};
     DWORD want = 1; // nothing queued: wait for one byte under the total time-out
-    if (ClearCommError(h, &errors, &status) && status.cbInQue > 0)
+    if (ClearCommError(h, &errors, &status) && status.cbInQue > 0) {
         want = status.cbInQue < capacity ? status.cbInQue : static_cast<DWORD>(capacity);
+    } else {
+        // The wait is what is left of an exchange's time-out, which may be
+        // less than the port's.
+        COMMTIMEOUTS t{};
+        if (GetCommTimeouts(h, &t) && t.ReadTotalTimeoutConstant != timeout_ms) {
+            t.ReadTotalTimeoutConstant = timeout_ms;
+            SetCommTimeouts(h, &t);
+        }
+    }
     DWORD got = 0;
     if (!ReadFile(h, buffer, want, &got, nullptr)) return -1;
     return static_cast<long>(got);

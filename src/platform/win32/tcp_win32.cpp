@@ -155,13 +155,22 @@ long tcp_write(NativePort port, const void* bytes, std::size_t count) {
 bool tcp_drain(NativePort port) {
     if (port == kInvalidPort) return false;
     SOCKET s = socket_of(port);
+    // What has arrived when asked, not what keeps coming: a device that
+    // never stops talking cannot hold the purge.
+    u_long queued = 0;
+    if (ioctlsocket(s, FIONREAD, &queued) != 0) queued = 0;
     char sink[4096];
-    for (;;) {
+    long left = static_cast<long>(queued);
+    do {
         int ready = wait_for(s, false, 0);
         if (ready < 0) return false;
         if (ready == 0) return true;
-        if (recv(s, sink, sizeof sink, 0) <= 0) return false;
-    }
+        const int take = left > 0 && left < static_cast<long>(sizeof sink) ? static_cast<int>(left) : static_cast<int>(sizeof sink);
+        const int got = recv(s, sink, take, 0);
+        if (got <= 0) return false;
+        left -= got;
+    } while (left > 0);
+    return true;
 }
 
 bool tcp_connected(NativePort port) {
