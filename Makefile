@@ -1,5 +1,5 @@
 # make        build the library and the tools
-# make test   every test: native, under the sanitizers, and the Windows build under wine
+# make test   every test: native, under the sanitizers, the 32-bit build, and the Windows build under wine
 # make demo   run the main job against the built-in device emulator
 # make fuzz   every fuzzer for FUZZ_EACH seconds (300 by default)
 # make bench  run the benchmarks
@@ -16,9 +16,10 @@ TSAN      := $(BUILD)/tsan
 FUZZ      := $(BUILD)/fuzz
 WIN64     := $(BUILD)/win-x86_64
 WIN32     := $(BUILD)/win-i686
+M32       := $(BUILD)/m32
 CMAKE_GEN := -G Ninja -DMODBUS_VUKRA_WERROR=ON
 
-.PHONY: all deps native win test test-native test-asan test-tsan test-fuzz fuzz fuzz-build demo bench package dist mutants clean
+.PHONY: all deps native win test test-native test-asan test-tsan test-m32 test-fuzz fuzz fuzz-build demo bench package dist mutants clean
 
 all: native
 
@@ -47,6 +48,14 @@ test-tsan: deps
 	@cmake -S . -B $(TSAN) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DMODBUS_VUKRA_SANITIZE=thread -DMODBUS_VUKRA_BENCH=OFF >/dev/null
 	@cmake --build $(TSAN) -j $(JOBS)
 	cd $(TSAN) && ctest -j $(JOBS) --output-on-failure
+
+# The native 32-bit build (cmake/linux-i686.cmake) and its suite; paired with
+# the 64-bit tools, it must make the same cards and work their vukra-sim and
+# vukra both ways.
+test-m32: native
+	@cmake -S . -B $(M32) $(CMAKE_GEN) -DCMAKE_TOOLCHAIN_FILE=cmake/linux-i686.cmake -DCMAKE_BUILD_TYPE=Release -DMODBUS_VUKRA_PEER_TOOLS=$(abspath $(NATIVE))/tools >/dev/null
+	@cmake --build $(M32) -j $(JOBS)
+	cd $(M32) && ctest -j $(JOBS) --output-on-failure
 
 # The fuzzers, built with clang, for a bounded time on every run: the six
 # share FUZZ_SECONDS equally (the image fuzzer takes what the division
@@ -83,7 +92,7 @@ fuzz: fuzz-build
 	$(call fuzz_all,$(FUZZ_EACH),$(FUZZ_EACH))
 
 # The native run comes last so that its summary closes the output.
-test: test-asan test-tsan test-fuzz test-native
+test: test-asan test-tsan test-fuzz test-m32 test-native
 
 demo: native
 	@scripts/demo.sh $(NATIVE)

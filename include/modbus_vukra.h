@@ -285,6 +285,57 @@ MODBUS_VUKRA_API int32_t modbus_vukra_op_protected_putfs(modbus_vukra_session *s
  */
 MODBUS_VUKRA_API int32_t modbus_vukra_protected_putfs_changed(modbus_vukra_session *session);
 
+/* ---- beyond the op family: diagnostics, failures in words, strict values -- */
+
+/*
+ * Receives one line of the library's diagnostics (frames on the line,
+ * "ready", times, the system's messages), its line end removed. Called on
+ * whichever thread printed it, the timer's included, one call at a time;
+ * it must not call modbus_vukra_set_log.
+ */
+typedef void (*modbus_vukra_log_callback)(void *context, const char *line);
+
+/*
+ * Where the library's diagnostics go, for the whole process: by default
+ * they are printed with printf on standard output; with a callback each
+ * line goes to callback(context, line) instead and nothing is printed.
+ * NULL restores the default.
+ */
+MODBUS_VUKRA_API void modbus_vukra_set_log(modbus_vukra_log_callback callback, void *context);
+
+/* What the failed operation was doing, for modbus_vukra_explain. */
+enum {
+    MODBUS_VUKRA_DOING_OTHER = 0,
+    MODBUS_VUKRA_DOING_LOOKUP = 1,          /* a status nobody knows means "no such file" */
+    MODBUS_VUKRA_DOING_REMOVING_DIRECTORY = 2 /* "exists, or not empty" means "not empty" */
+};
+
+/*
+ * Puts a failure into words, for a person, in text (size bytes, NUL
+ * included; cut to fit), and returns the errno a POSIX program sees.
+ * status is the error word of the failed call: the words are "status N
+ * (meaning)", "status N" for one the library does not know (its meaning is
+ * the device's: EIO, or ENOENT when doing a lookup). With status 0 (a call
+ * that failed without a status: an open that returned NULL, a register
+ * transaction) and with 513 (a failed exchange), the words say what the
+ * calling thread's last open or exchange met: no such device, permission
+ * denied, not a serial port, the resolver's or the connection's reason, a
+ * time-out, a connection closed in the middle of a reply, a reply that does
+ * not decode. Returns 0 when nothing failed.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_explain(int32_t status, int32_t doing, char *text, int32_t size);
+
+/*
+ * Text to the register's value as the tools read a value typed by a
+ * person: the whole text must be a value of the register's type, in its
+ * range (integers decimal, or hexadecimal after "0x"; reals decimal, "1e3"
+ * included; a buffer's elements separated by blanks; no blank around, no
+ * text after, no "inf" or "nan"). Writes the value's words (room for 256
+ * bytes) and returns 0; -1, with value untouched, for anything else or an
+ * unknown register. Unlike register_atob, no partial parse is taken.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_register_parse(void *value, const char *name, const char *text);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # Installs, with apt-get, the Debian packages the build, the tests, the
 # Windows cross-build, the packages and the benchmarks need; only those not yet present.
-# Safe to run again and again.
+# Safe to run again and again. The 32-bit build needs no foreign architecture:
+# the multilib compilers are packages of the machine's own.
 set -eu
 
 packages=(
   cmake ninja-build g++ make pkg-config
   libgtest-dev libgmock-dev
+  gcc-multilib g++-multilib googletest
   mingw-w64 wine wine64
   libexpat1-dev libmodbus-dev
   chromium python3
@@ -33,5 +35,7 @@ echo "deps: installing ${missing[*]}"
 sudo=""
 if [ "$(id -u)" != 0 ]; then sudo="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
+# An index that cannot be fetched (a foreign architecture's, say) leaves the
+# others to install from.
+$sudo apt-get update -qq || echo "deps: apt-get update failed in part; installing from the indexes at hand" >&2
 $sudo apt-get install -y -qq "${missing[@]}" >/dev/null

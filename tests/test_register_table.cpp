@@ -115,8 +115,8 @@ TEST_F(TableTest, IndexAnswersWhatTheWalkAnswers) {
         ASSERT_EQ(find_register(indexed, indexed_type, by_index.name), 1);
         ASSERT_EQ(find_register_by_walk(walked, walked_type, by_index.name), 1);
         EXPECT_EQ(indexed.element, walked.element) << by_index.name;
-        EXPECT_EQ((std::vector<long>{indexed.offset, indexed.base, indexed.access, indexed_type.index, indexed_type.words}),
-                  (std::vector<long>{walked.offset, walked.base, walked.access, walked_type.index, walked_type.words}));
+        EXPECT_EQ((std::vector<std::int64_t>{indexed.offset, indexed.base, indexed.access, indexed_type.index, indexed_type.words}),
+                  (std::vector<std::int64_t>{walked.offset, walked.base, walked.access, walked_type.index, walked_type.words}));
     }
     EXPECT_EQ(register_by_index(reg, 9), 0);
     EXPECT_EQ(register_by_index(reg, -1), 0);

@@ -12,11 +12,12 @@ import subprocess
 import sys
 import tempfile
 import threading
+import traceback
 import weakref
 from typing import Callable, Optional
 
 from . import _library
-from ._errors import CANCELLED, NO_REPLY, DeviceTimeout, TransferCancelled, VukraError, status_words
+from ._errors import CANCELLED, NO_REPLY, DeviceTimeout, TransferCancelled, VukraError, error_class, status_words
 from ._registers import Registers
 
 log = logging.getLogger("modbus_vukra")
@@ -37,6 +38,15 @@ _open_devices: "weakref.WeakSet[Device]" = weakref.WeakSet()
 def _close_all() -> None:
     for device in list(_open_devices):
         device.close()
+
+
+def _caller() -> str:
+    """FILE:LINE of the first caller outside this package."""
+    here = os.path.dirname(os.path.abspath(__file__))
+    for frame in reversed(traceback.extract_stack()):
+        if os.path.dirname(os.path.abspath(frame.filename)) != here:
+            return f"{frame.filename}:{frame.lineno}"
+    return "an unknown place"
 
 
 def _port_name(port) -> bytes:
@@ -126,8 +136,10 @@ def open(port, table: str = TABLE_FILE, timeout: Optional[float] = None) -> "Dev
     table is the register table file, from the caller's working directory
     or absolute; timeout is how long each request waits for its reply: the
     library's 4 seconds (None) is the only one it has, and any other value
-    raises ValueError. Only one session is open per process at a time. A port
-    that cannot be opened raises the OSError of the system (FileNotFoundError, ...).
+    raises ValueError. Only one session is open per process at a time (a second
+    raises VukraError, errno EBUSY, saying where the first was opened). A port that
+    cannot be opened raises the OSError for the library's reason (FileNotFoundError
+    "no such device", PermissionError, ENOTTY "not a serial port", ConnectionRefusedError).
     Use it as a context manager, or close() it.
     """
     name = _port_name(port)
@@ -141,23 +153,22 @@ def open(port, table: str = TABLE_FILE, timeout: Optional[float] = None) -> "Dev
             raise TypeError(f"timeout must be a number of seconds or None, not {type(timeout).__name__}")
         if timeout != LIBRARY_TIMEOUT:
             raise ValueError(f"the library waits {LIBRARY_TIMEOUT:g} s for every reply; it cannot wait {timeout} s")
-    if os.name == "posix" and not os.fsdecode(name).startswith("tcp://"):
-        # The library gives a session even on a serial port it cannot open
-        # (every request then fails): the port is tried here first, for a
-        # clear error. A tcp:// port is connected by the open itself.
-        descriptor = os.open(os.fsdecode(name), os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK)
-        try:
-            if not os.isatty(descriptor):  # the library sets up terminals only
-                raise OSError(errno.ENOTTY, "not a serial port", os.fsdecode(name))
-        finally:
-            os.close(descriptor)
     from . import _table
     registers = _table.load(table)  # refuses a malformed table before the library sees it
     lib = _library.library()
     handle = _open_with_table(lib, name, table)
-    if not handle:
-        raise VukraError(f"cannot open a session on {os.fsdecode(name)} (the port cannot be opened, "
-                         "or another session of this process is open)")
+    # Why the open failed, asked on this thread at once: the library keeps it per thread. A serial
+    # port that does not open still gives a session (every request would fail): refused here.
+    code, words = lib.explain_status(0)
+    if handle and code:
+        lib.session_close(handle)
+    if not handle or code:
+        port_name = os.fsdecode(name)
+        if code == errno.EBUSY:
+            words += "".join(f" (opened at {d._opened_at} on {d.port})" for d in list(_open_devices)[:1])
+        if code == 0:
+            code, words = errno.EIO, f"cannot open a session on {port_name}"
+        raise error_class(code)(words, None, code, port_name)
     return Device(lib, handle, os.fsdecode(name), table, registers)
 
 
@@ -178,14 +189,36 @@ class Device:
         self._cancel_asked = False
         self._transferring = False
         self._files = weakref.WeakSet()
-        self.current_file = None         # the file object whose handle the session holds
         self.port = port
         self.table = table
         self.timeout = LIBRARY_TIMEOUT
-        self.registers = Registers(self, registers)
-        from ._files import FileSystem
-        self.fs = FileSystem(self)
+        self._registers = registers
+        self._current_file = None
+        self._last_call = None
+        self._opened_at = _caller()
+        # Nothing of the Device refers back to it (registers, fs and the current file are made
+        # or held weakly), so dropping its last reference closes the session at once.
         _open_devices.add(self)
+
+    @property
+    def registers(self) -> Registers:
+        """The device's registers by name (see Registers)."""
+        return Registers(self, self._registers)
+
+    @property
+    def fs(self):
+        """The device's filesystem (see FileSystem)."""
+        from ._files import FileSystem
+        return FileSystem(self)
+
+    @property
+    def current_file(self):
+        """The file object whose handle the session holds, if any."""
+        return self._current_file() if self._current_file is not None else None
+
+    @current_file.setter
+    def current_file(self, file) -> None:
+        self._current_file = weakref.ref(file) if file is not None else None
 
     # -- life ---------------------------------------------------------------
     def __enter__(self) -> "Device":
@@ -218,6 +251,7 @@ class Device:
                     log.warning("modbus_vukra: closing %s: %s", getattr(f, "name", "a file"), error)
             with self._life:
                 handle, self._handle = self._handle, None
+            _open_devices.discard(self)
         # Outside the lock: the close waits for a running status callback,
         # which may itself be waiting for the lock.
         self._lib.session_close(handle)
@@ -234,6 +268,8 @@ class Device:
         with self._lock:
             if self._handle is None:
                 raise VukraError("the device is closed")
+            if name != "session_error":
+                self._last_call = name
             return getattr(self._lib, name)(self._handle, *arguments)
 
     def error(self) -> int:
@@ -267,9 +303,10 @@ class Device:
 
     def _raise_status(self, what: str, target: str):
         status = self.error()
-        if status == NO_REPLY:
-            raise DeviceTimeout(f"cannot {what} {target}: {status_words(status)}", status)
-        raise VukraError(f"cannot {what} {target}: {status_words(status)}", status)
+        code, words = self._lib.explain_status(status)
+        if code == 0:
+            code, words = errno.EIO, "the device's reply could not be read"
+        raise error_class(code)(f"cannot {what} {target}: {words}", status, code)
 
     # -- notifications ------------------------------------------------------
     def on_status(self, handler: Optional[Callable[["Device", int], None]]) -> None:

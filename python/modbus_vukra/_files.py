@@ -112,7 +112,9 @@ class FileSystem:
             return device.call(export, *arguments)
 
     def _fail(self, what: str, path: str, exists_means: int = errno.EEXIST, path2: Optional[str] = None):
-        return file_error(self._device.error(), what, path, exists_means, path2)
+        device = self._device
+        return file_error(device.error(), what, path, exists_means, path2,
+                          lookup=device._last_call == "protected_lookup")
 
     def _lookup(self, path: str) -> Optional[tuple]:
         attributes = _library.Attributes()
@@ -324,7 +326,7 @@ class RemoteFile(io.RawIOBase):
             words = fs._lookup(path)
             status = 0 if words is not None else device.error()
             if status == NO_REPLY or (words is None and mode == "r"):
-                raise file_error(status, "open", path)
+                raise file_error(status, "open", path, lookup=words is None)
             if words is not None and mode == "x":
                 raise file_error(-20, "create", path)
             if words is not None and words[1] & KIND_DIRECTORY:

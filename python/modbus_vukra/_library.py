@@ -10,6 +10,7 @@ from __future__ import annotations
 
 import ctypes
 import ctypes.util
+import logging
 import os
 import sys
 import threading
@@ -81,10 +82,31 @@ EXPORTS = {
     "protected_putfs": (c_int32, [_S]),
 }
 
-# The exports beyond the op family, by their whole names.
-EXTRA_EXPORTS = {
-    "modbus_vukra_protected_putfs_changed": (c_int32, [_S]),
+# The log sink: called with a line of the library's diagnostics.
+LOG_CALLBACK = ctypes.CFUNCTYPE(None, c_void_p, c_char_p)
+
+# The exports beyond the op family: name after "modbus_vukra_", result, arguments.
+OTHER_EXPORTS = {
+    "protected_putfs_changed": (c_int32, [_S]),
+    "set_log": (None, [LOG_CALLBACK, c_void_p]),
+    "explain": (c_int32, [c_int32, c_int32, c_char_p, c_int32]),
+    "register_parse": (c_int32, [c_void_p, c_char_p, c_char_p]),
 }
+
+# What a failed operation was doing, for explain.
+DOING_OTHER, DOING_LOOKUP, DOING_REMOVING_DIRECTORY = 0, 1, 2
+
+_log = logging.getLogger("modbus_vukra")
+
+
+@LOG_CALLBACK
+def _to_logging(_context, line):
+    # On whichever thread printed the line; ctypes holds the GIL meanwhile.
+    try:
+        _log.debug("%s", line.decode(errors="replace"))
+    except BaseException:  # nothing may unwind into the library
+        pass
+
 
 if sys.platform == "win32":
     _FILE_NAMES = ["modbus_vukra.dll"]
@@ -104,12 +126,21 @@ class Library:
             function.restype = result
             function.argtypes = arguments
             setattr(self, name, function)
-        for name, (result, arguments) in EXTRA_EXPORTS.items():
-            function = getattr(cdll, name)
+        for name, (result, arguments) in OTHER_EXPORTS.items():
+            function = getattr(cdll, "modbus_vukra_" + name)
             function.restype = result
             function.argtypes = arguments
-            setattr(self, name[len("modbus_vukra_"):], function)
+            setattr(self, name, function)
         self.free_entry = _entry_release()
+        # The library's lines go to the "modbus_vukra" logger (DEBUG), never to standard output.
+        self.set_log(_to_logging, None)
+
+    def explain_status(self, status: int, doing: int = DOING_OTHER) -> tuple[int, str]:
+        """(errno, words) for a failed call's error word; status 0 or 513: what the calling
+        thread's last open or exchange met."""
+        text = ctypes.create_string_buffer(700)
+        code = self.explain(status, doing, text, len(text))
+        return code, text.value.decode(errors="replace")
 
 
 def _entry_release():

@@ -2,12 +2,11 @@
 from __future__ import annotations
 
 import ctypes
-import re
-import time
+import errno
 from typing import Iterator
 
 from . import _library
-from ._errors import DeviceTimeout, VukraError
+from ._errors import VukraError, error_class
 from ._table import MAX_READ_WORDS, MAX_WRITE_WORDS, Register, Value
 
 
@@ -63,19 +62,19 @@ class Registers:
         return register
 
     def _transfer(self, export: str, name: str, buffer, count: int) -> None:
-        with self._device._lock:  # timed from when the line is this call's, not while another thread has it
-            start = time.monotonic()
+        with self._device._lock:
             got = self._device.call(export, _name(name), buffer, count)
-            took = time.monotonic() - start
-        if got == count:
-            return
-        # A register transaction leaves no status in the error word. A
-        # failure that took the whole time-out found no reply; one that came
-        # sooner had a reply the library refused (an exception, a bad frame).
+            if got == count:
+                return
+            # A register transaction leaves no status in the error word: what
+            # the line met (a time-out, a dropped connection, a reply that does
+            # not decode) is asked of the library on this thread, at once.
+            code, words = self._device._lib.explain_status(0)
         what = "read" if export.endswith("readreg") else "write"
-        if took >= 0.9 * self._device.timeout:
-            raise DeviceTimeout(f"cannot {what} {name}: no reply from the device (time-out)", 513)
-        raise VukraError(f"cannot {what} {name}: the device's reply was refused (an exception or a bad frame)")
+        if code == 0:
+            code, words = errno.EIO, "the device answered with an exception, or for another request"
+        status = 513 if code == errno.ETIMEDOUT else None
+        raise error_class(code)(f"cannot {what} {name}: {words}", status, code)
 
     def read_bytes(self, name: str) -> bytes:
         """The register's bytes as the library hands them: words in register order, host order."""
@@ -103,27 +102,16 @@ class Registers:
         return text.value.decode(errors="replace")
 
     def write_text(self, name: str, text: str) -> None:
-        """Writes the value the library reads from text by the register's type ("19.75")."""
+        """Writes the value read from text as ``vukra reg write`` reads it: the whole text a value of
+        the register's type, in range ("19.75", "0x10" for an integer, "1e3" for a real, a buffer's
+        elements separated by blanks); anything else raises ValueError before anything is sent."""
         if not isinstance(text, str):
             raise TypeError(f"text must be a str, not {type(text).__name__}")
         if "\0" in text:
             raise ValueError("text holds no NUL")
         register = self._checked(name, True)
-        encoded = text.encode()
-        # Text that does not parse leaves the value as it was: converted over
-        # two different fillings, it shows as two different results.
-        results = []
-        for fill in (0x00, 0xFF):
-            buffer = (ctypes.c_ubyte * _library.TRANSFER_SIZE)(*([fill] * _library.TRANSFER_SIZE))
-            if self._device._lib.register_atob(buffer, _name(name), encoded) != 0:
-                raise ValueError(f"{name}'s type {register.type} cannot be written from text")
-            results.append(bytes(buffer[:register.size]))
-        if results[0] != results[1]:
-            raise ValueError(f"{text!r} is not a value of {name}'s type {register.type}")
-        value = register.decode(results[0])
-        # The library keeps the low bits of a number its type cannot hold
-        # ("40000" as an int16 is -25536): such a number is refused.
-        number = re.match(r"\s*([+-]?\d+)", text, re.ASCII) if register.kind in ("int", "bool") else None
-        if number and int(number.group(1)) != value:
-            raise ValueError(f"{text!r} is out of the range of {name} ({register.type}): nothing was sent")
-        self[name] = value
+        buffer = (ctypes.c_ubyte * _library.TRANSFER_SIZE)()
+        if self._device._lib.register_parse(buffer, _name(name), text.encode()) != 0:
+            raise ValueError(f"{text!r} is not a value of {name}'s type {register.type} (decimal, or hexadecimal "
+                             "with 0x for integers; buffer elements separated by blanks): nothing was sent")
+        self._transfer("protected_writereg", name, buffer, register.size)

@@ -25,8 +25,13 @@ def test_registers_round_trip_by_type(dev, name, value):
 def test_register_text_goes_through_the_library(dev):
     dev.registers.write_text("setpoint", "18.5")
     assert dev.registers["setpoint"] == 18.5 and dev.registers.read_text("setpoint") == "18.500000"
-    pytest.raises(ValueError, dev.registers.write_text, "energy", "twelve")
-    pytest.raises(ValueError, dev.registers.write_text, "offset_trim", "40000")  # not wrapped to -25536
+    dev.registers.write_text("setpoint", "1e1")
+    dev.registers.write_text("offset_trim", "0x10")  # as vukra reg write takes them
+    assert (dev.registers["setpoint"], dev.registers["offset_trim"]) == (10.0, 16)
+    for name, text in [("energy", "twelve"), ("offset_trim", "40000"), ("setpoint", "1,5"), ("offset_trim", "12abc"),
+                       ("offset_trim", "1e3"), ("setpoint", " 1"), ("setpoint", "nan"), ("offset_trim", "")]:
+        pytest.raises(ValueError, dev.registers.write_text, name, text)  # nothing partly parsed is sent
+    assert (dev.registers["setpoint"], dev.registers["offset_trim"]) == (10.0, 16)
     r = dev.registers.info("history")
     assert "history" in dev.registers.names() and (r.table, r.address, r.access, r.size) == ("status", 0x206, "R", 8)
 
@@ -149,3 +154,4 @@ def test_notifications_once_a_second(dev, caplog):
     assert 2 <= len(times) <= 4 and all(s == 0 and same for _, s, same in times)
     assert all(0.6 < b[0] - a[0] < 1.6 for a, b in zip(times, times[1:]))  # on a busy machine too
     assert "ZeroDivisionError" in caplog.text
+

@@ -1,5 +1,7 @@
 #include "kernel/kernel_diagnostics.h"
 
+#include "session/log.h"
+
 #include <cstdarg>
 
 namespace vukra::kernel {
@@ -19,7 +21,10 @@ void diagnostic(const char* format, ...) {
     if (out == nullptr) return;
     va_list arguments;
     va_start(arguments, format);
-    std::vfprintf(out, format, arguments);
+    if (out == stdout)
+        log::vprint(format, arguments); // the library's own diagnostics, wherever the host sends them
+    else
+        std::vfprintf(out, format, arguments);
     va_end(arguments);
 }
 

@@ -172,6 +172,11 @@ bool kernel_started() { return started; }
 
 std::uint32_t kernel_seconds() { return clock_seconds; }
 
+void set_kernel_seconds(std::uint32_t seconds) {
+    clock_seconds = seconds;
+    clock_fraction = 0;
+}
+
 int uname(const int* names, int length, void* buffer, std::size_t* buffer_length) {
     if (names == nullptr || length < 0 || names[0] != 0 || buffer_length == nullptr) return -1;
     if (buffer == nullptr) {

@@ -31,6 +31,8 @@ std::uint32_t parse_board_code(const std::string& field);
 
 // Seconds of the kernel clock, set from the real-time clock at start; 0 before.
 std::uint32_t kernel_seconds();
+// Sets the clock by hand: a tool that makes the same image twice.
+void set_kernel_seconds(std::uint32_t seconds);
 
 // The system information call: see uname's buffer layout in docs.
 int uname(const int* names, int length, void* buffer, std::size_t* buffer_length);

@@ -1,4 +1,5 @@
 #include "link/ascii_frame.h"
+#include "session/log.h"
 
 #include "link/slip.h"
 
@@ -76,7 +77,7 @@ void frame_print(const AsciiFrame& frame) {
             text[n++] = static_cast<char>(c);
     }
     add("]\n");
-    std::fwrite(text, 1, n, stdout);
+    log::write(text, n);
 }
 
 long frame_send(Port* port, const AsciiFrame& frame) {
@@ -108,7 +109,7 @@ int frame_check(const AsciiFrame& frame) {
     for (std::int32_t i = 1; i < len - 4; i += 2) sum = static_cast<std::uint8_t>(sum + pair_value(t + i));
     std::uint8_t lrc = pair_value(t + len - 4);
     if (static_cast<std::uint8_t>(sum + lrc) == 0) return 1;
-    std::printf("Erreur LRC\n");
+    log::print("Erreur LRC\n");
     return 0;
 }
 

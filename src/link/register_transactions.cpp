@@ -1,5 +1,10 @@
 #include "link/register_transactions.h"
 
+#include "link/line_failure.h"
+
+#include <cerrno>
+#include "session/log.h"
+
 #include "link/ascii_frame.h"
 #include "platform/platform.h"
 #include "table/value_conversion.h"
@@ -35,7 +40,7 @@ struct Exchange {
         frame_put_byte(request, function);
         frame_put_field(request, &address, 2);
         frame_put_field(request, &words, 2);
-        std::printf("0x%04x, %s, %d mot%s\n", table::address_of(reg), type.name ? type.name : "(null)",
+        log::print("0x%04x, %s, %d mot%s\n", table::address_of(reg), type.name ? type.name : "(null)",
                     static_cast<int>(type.words), type.words > 1 ? "s" : "");
     }
 
@@ -54,8 +59,9 @@ struct Exchange {
         elapsed_ms = static_cast<long>(platform::clock_ms() - start);
         frame_print(reply);
         if (!frame_check(reply)) {
-            std::printf("Trame incorrecte\n");
+            log::print("Trame incorrecte\n");
             note(Failure::kBadFrame);
+            note_failure(FailureKind::kUndecodable, EIO, "the reply was not a sound frame (start, end, length or LRC)");
             return -1;
         }
         note(Failure::kNone);
@@ -80,8 +86,8 @@ struct Exchange {
             note(Failure::kException, byte_at(5));
         else
             note(Failure::kWrongFunction);
-        std::printf("Fonction incorrecte\n");
-        std::printf("Error (%ld ms)\n", elapsed_ms);
+        log::print("Fonction incorrecte\n");
+        log::print("Error (%ld ms)\n", elapsed_ms);
         return false;
     }
 };
@@ -104,7 +110,7 @@ int modbus_read_registers(Port* port, const table::RegisterRecord& reg, const ta
     std::uint8_t value[kMaxReplyBytes];
     hex_decode(x.reply_text + 7, count, 0, value);
     std::memcpy(destination, value, count < capacity ? count : capacity);
-    std::printf("Ok (%ld ms)\n", x.elapsed_ms);
+    log::print("Ok (%ld ms)\n", x.elapsed_ms);
     return 1;
 }
 
@@ -118,21 +124,21 @@ int modbus_write_registers(Port* port, const table::RegisterRecord& reg, const t
     if (sound < 0) return sound;
     if (!x.function_is(kWriteFunction)) return 0;
     if (x.word_at(5) != x.address) {
-        std::printf("adresse d'ecriture incorrecte\n");
+        log::print("adresse d'ecriture incorrecte\n");
         note(Failure::kWrongEcho);
         return 0;
     }
     if (x.word_at(9) != x.words) {
-        std::printf("nombre de registres ecrits incorrect\n");
+        log::print("nombre de registres ecrits incorrect\n");
         note(Failure::kWrongEcho);
         return 0;
     }
-    std::printf("Ok (%ld ms)\n", x.elapsed_ms);
+    log::print("Ok (%ld ms)\n", x.elapsed_ms);
     return 1;
 }
 
 int read_register_by_name(Port* port, const char* name, char* text) {
-    std::printf("read %s\n", name ? name : "(null)");
+    log::print("read %s\n", name ? name : "(null)");
     table::RegisterRecord reg;
     table::TypeRecord type;
     if (!table::find_register(reg, type, name)) return 0;
@@ -142,7 +148,7 @@ int read_register_by_name(Port* port, const char* name, char* text) {
 }
 
 int write_register_by_name(Port* port, const char* name, const char* text) {
-    std::printf("write %s %s\n", name ? name : "(null)", text ? text : "(null)");
+    log::print("write %s %s\n", name ? name : "(null)", text ? text : "(null)");
     table::RegisterRecord reg;
     table::TypeRecord type;
     if (!table::find_register(reg, type, name)) return 0;

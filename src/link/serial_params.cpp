@@ -1,4 +1,5 @@
 #include "link/serial_params.h"
+#include "session/log.h"
 
 #include "table/xml_tree.h"
 
@@ -22,7 +23,7 @@ int read_serial_params() {
         if (const char* p = table::xml_attribute_value(root, "port")) name = p;
         table::xml_free(root);
     }
-    std::printf("%s %d bauds\n", name.c_str(), baud);
+    log::print("%s %d bauds\n", name.c_str(), baud);
     const SerialSettings settings{static_cast<std::uint32_t>(baud), 0, 8, 0, 0};
     if (params_port != nullptr) serial_close(params_port);
     params_port = serial_open(0, name.c_str(), 0, &settings);

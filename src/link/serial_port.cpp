@@ -1,5 +1,10 @@
 #include "link/serial_port.h"
 
+#include "link/line_failure.h"
+
+#include <cerrno>
+#include "session/log.h"
+
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -17,8 +22,9 @@ struct LastSettings {
     std::atomic<std::uint32_t> timeout_ms{0};
 } last_settings;
 
-// Room for the longest host, port and reason.
+// Room for the longest host, port and reason; and the reason alone.
 thread_local char failure[600];
+thread_local char connect_why[256];
 
 void drop_connection(Port* port) {
     platform::tcp_close(port->native);
@@ -27,18 +33,26 @@ void drop_connection(Port* port) {
 
 // Connects a tcp port to its address: false, with the reason in failure.
 bool connect(Port* port) {
-    char why[256] = "";
-    port->native = platform::tcp_connect(port->address.host, port->address.service, port->timeout_ms, why, sizeof why);
+    char* why = connect_why;
+    why[0] = '\0';
+    port->native = platform::tcp_connect(port->address.host, port->address.service, port->timeout_ms, why,
+                                         sizeof connect_why);
     if (port->native != platform::kInvalidPort) return true;
     std::snprintf(failure, sizeof failure, "cannot connect to %s port %s: %s", port->address.host,
                   port->address.service, why);
+    note_failure(FailureKind::kLine, std::strstr(why, "refused") ? ECONNREFUSED : EIO, "%s", failure);
     return false;
 }
 
 // A serial line: the terminal driver's time-out, queues and break.
 long line_read_some(Port* port, std::uint32_t wait_ms) {
     long n = platform::serial_read_some(port->native, port->received, kReceiveBufferSize, wait_ms);
-    if (n < 0) std::printf("%s", platform::last_error_text());
+    if (n < 0) {
+        const char* text = platform::last_error_text();
+        log::print("%s", text);
+        note_failure(FailureKind::kLine, EIO, "the serial line failed: %.*s", static_cast<int>(std::strcspn(text, "\r\n")),
+                     text);
+    }
     return n;
 }
 
@@ -57,7 +71,8 @@ void line_purge(Port* port) {
 long tcp_read_some(Port* port, std::uint32_t wait_ms) {
     long n = platform::tcp_read_some(port->native, port->received, kReceiveBufferSize, wait_ms);
     if (n < 0 && port->native != platform::kInvalidPort) {
-        std::printf("connection to the device server lost\n");
+        log::print("connection to the device server lost\n");
+        note_failure(FailureKind::kLine, ECONNRESET, "the device server closed the connection");
         drop_connection(port);
     }
     return n;
@@ -70,7 +85,7 @@ long tcp_write(Port* port, const void* bytes, std::size_t count) {
     if (port->native == platform::kInvalidPort) {
         if (port->address.host[0] == '\0') return -1; // handed over: there is no address to connect to
         if (!connect(port)) {
-            std::printf("%s\n", failure);
+            log::print("%s\n", failure);
             return -1;
         }
     }
@@ -167,12 +182,60 @@ int serial_fill(Port* port) {
     return n > 0 ? 1 : static_cast<int>(n);
 }
 
+namespace {
+
+// Says why a serial port did not open, or was not a serial port after all.
+void note_port_problem(const char* name) {
+    const platform::PortProblem problem = platform::last_port_problem();
+    const char* text = platform::last_error_text();
+    const int shown = static_cast<int>(std::strcspn(text, "\r\n"));
+    const char* shown_name = name != nullptr ? name : "(handed over)";
+    switch (problem) {
+    case platform::PortProblem::kMissing:
+        note_failure(FailureKind::kPort, ENOENT, "cannot open the port %s: no such device (is it plugged in?)", shown_name);
+        break;
+    case platform::PortProblem::kDenied:
+        note_failure(FailureKind::kPort, EACCES,
+                     "cannot open the port %s: permission denied (add yourself to the dialout group: sudo usermod "
+                     "-aG dialout $USER, then log in again)",
+                     shown_name);
+        break;
+    case platform::PortProblem::kNotSerial:
+        note_failure(FailureKind::kPort, ENOTTY, "cannot open the port %s: not a serial port", shown_name);
+        break;
+    case platform::PortProblem::kBusy:
+        note_failure(FailureKind::kPort, EBUSY, "cannot open the port %s: another program holds it (%.*s)", shown_name,
+                     shown, text);
+        break;
+    case platform::PortProblem::kOther:
+        note_failure(FailureKind::kPort, EIO, "cannot open the port %s: %.*s", shown_name, shown, text);
+        break;
+    }
+}
+
+} // namespace
+
 Port* serial_open(int, const char* name, std::intptr_t native_handle, const SerialSettings* settings) {
-    if (native_handle == 0 && is_tcp_name(name)) return tcp_open(name, settings);
-    Port* port = new_port(kSerialLine, native_handle != 0 ? native_handle : platform::serial_open(name),
-                          native_handle != 0);
+    clear_failure();
+    if (native_handle == 0 && is_tcp_name(name)) {
+        Port* port = tcp_open(name, settings);
+        if (port == nullptr) {
+            const bool unconnected = failure_kind() != FailureKind::kNone;
+            const int error = unconnected ? failure_errno() : EINVAL;
+            clear_failure();
+            if (unconnected)
+                note_failure(FailureKind::kPort, error, "cannot open the port %s: %s", name, connect_why);
+            else
+                note_failure(FailureKind::kPort, error, "%s", failure);
+        }
+        return port;
+    }
+    const platform::NativePort native = native_handle != 0 ? native_handle : platform::serial_open(name);
+    if (native == platform::kInvalidPort) note_port_problem(name);
+    Port* port = new_port(kSerialLine, native, native_handle != 0);
     if (port == nullptr) return nullptr;
-    if (settings != nullptr) (void)serial_configure(name, port, settings);
+    if (settings != nullptr && native != platform::kInvalidPort && serial_configure(name, port, settings) != 0)
+        note_port_problem(name);
     platform::serial_purge(port->native);
     platform::serial_setup_queues(port->native);
     platform::serial_clear_break(port->native);
@@ -187,7 +250,7 @@ int serial_configure(const char* name, Port* port, const SerialSettings* setting
         return -1;
     }
     port->timeout_ms = settings->timeout_ms;
-    if (name != nullptr) std::printf("%s ready\n", name);
+    if (name != nullptr) log::print("%s ready\n", name);
     last_settings.baud = settings->baud;
     last_settings.format = static_cast<std::uint32_t>(static_cast<unsigned char>(settings->parity)) |
                            static_cast<std::uint32_t>(settings->data_bits) << 8 |

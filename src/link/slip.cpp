@@ -1,5 +1,9 @@
 #include "link/slip.h"
 
+#include "link/line_failure.h"
+
+#include <cerrno>
+
 namespace vukra::link {
 
 std::size_t slip_escape(const std::uint8_t* payload, std::size_t count, std::uint8_t* out) {
@@ -25,6 +29,7 @@ long slip_send(Port* port, const void* bytes, std::size_t count) {
     std::uint8_t out[4096];
     constexpr std::size_t kChunk = (sizeof out - 2) / 2;
     const auto* p = static_cast<const std::uint8_t*>(bytes);
+    clear_failure(); // every exchange starts here
     std::size_t n = 0;
     out[n++] = kSlipEnd;
     for (std::size_t done = 0; done < count;) {
@@ -41,6 +46,27 @@ long slip_send(Port* port, const void* bytes, std::size_t count) {
     return static_cast<long>(count);
 }
 
+namespace {
+
+// One byte of a packet; false, with the reason noted, when none came.
+bool take(Port* port, std::uint8_t& b, std::uint32_t consumed) {
+    const int r = serial_take_byte(port, b);
+    if (r == 1) return true;
+    if (r == 0 && consumed == 0)
+        note_failure(FailureKind::kTimeout, ETIMEDOUT, "no reply from the device within %u ms (time-out)",
+                     static_cast<unsigned>(port->timeout_ms));
+    else if (r == 0)
+        note_failure(FailureKind::kTimeout, ETIMEDOUT, "the reply stopped in the middle (nothing more within %u ms)",
+                     static_cast<unsigned>(port->timeout_ms));
+    else if (consumed > 0)
+        note_failure(FailureKind::kLine, EIO, "the line failed in the middle of a reply");
+    else
+        note_failure(FailureKind::kLine, EIO, "the line failed before any reply");
+    return false;
+}
+
+} // namespace
+
 long slip_receive(Port* port, void* buffer, std::size_t capacity) {
     serial_reset_received_count();
     auto* out = static_cast<std::uint8_t*>(buffer);
@@ -49,7 +75,7 @@ long slip_receive(Port* port, void* buffer, std::size_t capacity) {
     long result = -1; // kept when a read times out or fails
     for (;;) {
         std::uint8_t b;
-        if (serial_take_byte(port, b) < 1) break;
+        if (!take(port, b, consumed)) break;
         ++consumed;
         if (b == kSlipEnd) {
             if (length == 0) continue; // END bytes ahead of a packet
@@ -57,7 +83,7 @@ long slip_receive(Port* port, void* buffer, std::size_t capacity) {
             break;
         }
         if (b == kSlipEsc) {
-            if (serial_take_byte(port, b) < 1) break;
+            if (!take(port, b, consumed)) break;
             ++consumed;
             if (b == kSlipEscEnd)
                 b = kSlipEnd;

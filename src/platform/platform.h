@@ -19,6 +19,11 @@ inline constexpr NativePort kInvalidPort = -1;
 // Returns kInvalidPort when it cannot be opened.
 NativePort serial_open(const char* name);
 
+// What the calling thread's last failed serial_open or serial_configure
+// met; ask right after the failure.
+enum class PortProblem { kOther, kMissing, kDenied, kNotSerial, kBusy };
+PortProblem last_port_problem();
+
 // Applies the fixed line settings at the given speed: 8 data bits, no
 // parity, 1 stop bit, no flow control, DTR on, RTS off, event character
 // 0xC0, and a total read time-out of timeout_ms per read with no interval

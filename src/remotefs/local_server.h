@@ -58,6 +58,12 @@ void set_server_observer(ServerObserver observer);
 // Closes what the server holds open (the handles naming it go stale), as a
 // program that runs the server does before it unmounts a volume: the kernel
 // must not unmount under open descriptors.
+// The statuses the server answers: its own (the device kernel's codes and
+// the server's refusals, null: as they are), or another device's, for an
+// emulator that stands for a device whose statuses are not ours.
+using StatusVocabulary = std::int32_t (*)(std::int32_t status);
+void set_server_statuses(StatusVocabulary translate);
+
 void local_server_close();
 // Closes what the server holds open and forgets its state, as before its
 // first mount.

@@ -96,11 +96,16 @@ std::int32_t admit(std::uint8_t code, const std::uint8_t* payload, std::uint32_t
     return volume_ok(request.volume) ? 0 : kServerWrongVolume;
 }
 
+// A status as the server answers it.
+std::int32_t answered_status(std::int32_t status);
+
 // Encodes reply with code's reply table into the reply buffer: the payload
 // length, or -1 when it does not fit (the handlers keep their replies small
 // enough that it always does).
+// The status goes out in the server's vocabulary (set_server_statuses).
 template <typename Reply>
-std::int32_t give(std::uint8_t code, std::uint8_t* out, const Reply& reply) {
+std::int32_t give(std::uint8_t code, std::uint8_t* out, Reply reply) {
+    reply.status = answered_status(reply.status);
     std::uint32_t size = 0xFFFFFFFFu; // the whole record, lists included
     return encode(out, kPayloadCapacity, &reply, size, kOperations[code].reply);
 }

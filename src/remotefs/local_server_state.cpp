@@ -2,6 +2,8 @@
 #include "kernel/kernel_errors.h"
 #include "remotefs/local_server_internal.h"
 
+#include <atomic>
+
 namespace vukra::remotefs {
 
 namespace server {
@@ -106,6 +108,15 @@ bool attributes_of_open(bool directory, FileAttributes& out) {
     return true;
 }
 
+namespace {
+std::atomic<StatusVocabulary> vocabulary{nullptr};
+} // namespace
+
+std::int32_t answered_status(std::int32_t status) {
+    const StatusVocabulary translate = vocabulary.load();
+    return translate == nullptr || status == 0 ? status : translate(status);
+}
+
 std::int32_t give_status(std::uint8_t code, std::uint8_t* out, std::int32_t status) {
     const StatusReply reply{status};
     return give(code, out, reply);
@@ -114,6 +125,8 @@ std::int32_t give_status(std::uint8_t code, std::uint8_t* out, std::int32_t stat
 } // namespace server
 
 void set_server_observer(ServerObserver observer) { server::observer = observer; }
+
+void set_server_statuses(StatusVocabulary translate) { server::vocabulary = translate; }
 
 void local_server_close() { server::close_all(); }
 

@@ -2,6 +2,10 @@
 // buffers and their lock.
 #include "remotefs/transport.h"
 
+#include "link/line_failure.h"
+
+#include <cerrno>
+
 #include "link/slip.h"
 #include "remotefs/local_server.h"
 
@@ -117,7 +121,11 @@ std::int32_t exchange(session::Session& s, std::uint8_t code, const void* reques
     std::uint32_t reply_length = 0;
     if (transact(s, code, reply_area, reply_length, request_area, static_cast<std::uint32_t>(length)) < 0) return -1;
     std::uint32_t capacity = kOperations[code].reply_capacity;
-    return decode(reply, reply_area, reply_length, capacity, kOperations[code].reply);
+    const std::int32_t decoded = decode(reply, reply_area, reply_length, capacity, kOperations[code].reply);
+    if (decoded < 0)
+        link::note_failure(link::FailureKind::kUndecodable, EIO, "the device's reply (%u bytes) does not decode",
+                           static_cast<unsigned>(reply_length));
+    return decoded;
 }
 
 } // namespace vukra::remotefs

@@ -1,4 +1,5 @@
 #include "session/named_registers.h"
+#include "session/log.h"
 
 #include "link/register_transactions.h"
 #include "table/value_conversion.h"
@@ -19,13 +20,13 @@ void log_value(const Session* s, const char* format, const char* name, const tab
     if (!s->verbose) return;
     char text[table::kValueTextSize] = {};
     if (!table::binary_to_text(text, sizeof text, type, value))
-        std::printf("error: cannot display value in register %s\n", name);
-    std::printf(format, text);
+        log::print("error: cannot display value in register %s\n", name);
+    log::print(format, text);
 }
 
 bool find(const Session* s, const char* name, table::RegisterRecord& reg, table::TypeRecord& type) {
     if (table::find_register(reg, type, name)) return true;
-    if (s->verbose) std::printf("error: cannot find register %s\n", name ? name : "(null)");
+    if (s->verbose) log::print("error: cannot find register %s\n", name ? name : "(null)");
     return false;
 }
 
@@ -39,7 +40,7 @@ std::int32_t read_register(Session* s, const char* name, void* value, std::int32
     if (!find(s, name, reg, type)) return -1;
     std::uint8_t transfer[kTransferSize] = {};
     if (link::modbus_read_registers(s->port, reg, type, transfer, sizeof transfer) <= 0) {
-        if (s->verbose) std::printf("error: cannot read register %s\n", name);
+        if (s->verbose) log::print("error: cannot read register %s\n", name);
         return -1;
     }
     count = clamp_count(count);
@@ -58,7 +59,7 @@ std::int32_t write_register(Session* s, const char* name, const void* value, std
     table::TypeRecord type;
     if (!find(s, name, reg, type)) return -1;
     if (link::modbus_write_registers(s->port, reg, type, transfer) <= 0) {
-        if (s->verbose) std::printf("error: cannot write register %s\n", name);
+        if (s->verbose) log::print("error: cannot write register %s\n", name);
         return -1;
     }
     log_value(s, "write %s\n", name, type, value);

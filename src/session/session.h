@@ -63,7 +63,9 @@ inline constexpr const char* kTableFile = "table.xml";
 
 // Opens a Session on a port named or handed over (exactly one of the two),
 // with the register table of table_file.
-Session* open(const char* port_name, std::intptr_t port_handle, const char* table_file = kTableFile);
+// verbose: the open's own lines are printed (the exported opens never are).
+Session* open(const char* port_name, std::intptr_t port_handle, const char* table_file = kTableFile,
+              bool verbose = false);
 std::int32_t close(Session* session);
 
 // The "%s.%s" text of computer and user names that mount paths point to;

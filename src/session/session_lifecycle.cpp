@@ -1,6 +1,11 @@
 // Opening and closing a Session.
 #include "session/session.h"
 
+#include "link/line_failure.h"
+
+#include <cerrno>
+#include "session/log.h"
+
 #include "kernel/kernel_start.h"
 #include "table/register_table.h"
 
@@ -46,10 +51,11 @@ Session* give_up(Session* s) {
 
 bool is_open() { return open_flag.load() != 0; }
 
-Session* open(const char* port_name, std::intptr_t port_handle, const char* table_file) {
+Session* open(const char* port_name, std::intptr_t port_handle, const char* table_file, bool verbose) {
     const link::SerialSettings settings = link::kSessionSettings;
     Session* s = new_record();
     if (s == nullptr) return nullptr;
+    s->verbose = verbose ? 1 : 0;
 
     if (port_name == nullptr && port_handle == 0) {
         // The unconnected record that serves as a mirror session.
@@ -57,22 +63,27 @@ Session* open(const char* port_name, std::intptr_t port_handle, const char* tabl
         return s;
     }
     kernel::kernel_start(); // once per process; later calls do nothing
-    if (is_open()) return give_up(s);
+    if (is_open()) {
+        link::clear_failure();
+        link::note_failure(link::FailureKind::kBusy, EBUSY, "another session of this process is open");
+        return give_up(s);
+    }
 
     if (s->verbose) {
         if (port_name != nullptr)
-            std::printf("%s %d bauds\n", port_name, static_cast<int>(settings.baud));
+            log::print("%s %d bauds\n", port_name, static_cast<int>(settings.baud));
         else
-            std::printf("%d bauds\n", static_cast<int>(settings.baud));
+            log::print("%d bauds\n", static_cast<int>(settings.baud));
     }
     s->port = link::serial_open(0, port_name, port_handle, &settings);
     if (s->port == nullptr) {
-        if (s->verbose) std::printf("error: cannot open serial port\n");
+        if (s->verbose) log::print("error: cannot open serial port\n");
         return give_up(s);
     }
     // The register table is process-wide; every open loads it again.
     if (!table::load(table_file)) {
-        if (s->verbose) std::printf("error: cannot open file: %s\n", table_file);
+        if (s->verbose) log::print("error: cannot open file: %s\n", table_file);
+        link::note_failure(link::FailureKind::kTable, EINVAL, "cannot load the register table %s", table_file);
         return give_up(s);
     }
 

@@ -1,4 +1,5 @@
 #include "table/register_table.h"
+#include "session/log.h"
 
 #include "platform/platform.h"
 
@@ -169,10 +170,10 @@ void read_register(XmlNode* element, std::uint32_t previous_offset, std::int32_t
 }
 
 int load(const char* name) {
-    if (name == nullptr) std::printf("error: invalid xml input file\r\n");
+    if (name == nullptr) log::print("error: invalid xml input file\r\n");
     XmlNode* root = xml_load(name);
     if (root == nullptr) {
-        std::printf("error: cannot open xml input file: %s\r\n", name ? name : "(null)");
+        log::print("error: cannot open xml input file: %s\r\n", name ? name : "(null)");
         return 0;
     }
     Model fresh;
@@ -233,18 +234,18 @@ int register_by_index(RegisterRecord& reg, int index) {
 int register_count() { return static_cast<int>(model.registers.size()); }
 
 int list_tables() {
-    std::printf("* Liste des tables *\n");
+    log::print("* Liste des tables *\n");
     if (model.tables == nullptr) return 1;
     XmlCursor tables;
     for (XmlNode* t = xml_find_first(tables, model.tables, "table_list/table"); t; t = xml_find_next(tables)) {
         const char* name = xml_attribute_value(t, "name");
-        std::printf("%s [0x%04x]\n", name ? name : "(null)", hex_attribute(t, "base"));
+        log::print("%s [0x%04x]\n", name ? name : "(null)", hex_attribute(t, "base"));
     }
     return 1;
 }
 
 int list_registers(const char* table_name, bool with_comments) {
-    std::printf("* Liste des registres de la table \"%s\" *\n", table_name ? table_name : "(null)");
+    log::print("* Liste des registres de la table \"%s\" *\n", table_name ? table_name : "(null)");
     if (model.tables == nullptr || table_name == nullptr) return 0;
     XmlCursor tables;
     XmlNode* table = xml_find_first(tables, model.tables, "table_list/table");
@@ -259,10 +260,10 @@ int list_registers(const char* table_name, bool with_comments) {
         const char* shown_name = reg.name ? reg.name : "(null)";
         const char* shown_type = reg.type_name ? reg.type_name : "(null)";
         if (with_comments)
-            std::printf("%s [0x%04x, %s (%d)]\n -> %s\n", shown_name, address_of(reg), shown_type, type.words,
+            log::print("%s [0x%04x, %s (%d)]\n -> %s\n", shown_name, address_of(reg), shown_type, type.words,
                         reg.comment ? reg.comment : "(null)");
         else
-            std::printf("%s [0x%04x, %s (%d)]\n", shown_name, address_of(reg), shown_type, type.words);
+            log::print("%s [0x%04x, %s (%d)]\n", shown_name, address_of(reg), shown_type, type.words);
         return false;
     });
     return 1;

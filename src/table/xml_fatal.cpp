@@ -1,4 +1,5 @@
 #include "table/xml_fatal.h"
+#include "session/log.h"
 
 #include <atomic>
 #include <cstdio>
@@ -16,7 +17,7 @@ XmlFatalHandler set_xml_fatal_handler(XmlFatalHandler handler) { return installe
 
 void xml_fatal(const char* message, int status) {
     if (XmlFatalHandler handler = installed.load()) handler(message, status);
-    std::printf("%s", message);
+    log::print("%s", message);
     std::exit(status);
 }
 

@@ -104,7 +104,7 @@ stop_sim
 
 # A device that vanishes during getfs: its status, no summary.
 start_pty_program drop.out "$sim" --table table.xml --image slow.o --drop-after 20 2>/dev/null || exit 1
-fails "getfs from a vanishing device" "getfs failed: status 513" v fs getfs
+fails "getfs from a vanishing device" "getfs failed: no reply from the device" v fs getfs
 stop_sim
 
 finish

@@ -56,6 +56,13 @@ fails "reg list of two tables" "" "$vukra" reg list process status
 fails "poll --every 0" "is a number of seconds above 0" "$vukra" -p "$port" poll setpoint --every 0
 fails "reg read --format xml" 'is text, csv or json, not "xml"' "$vukra" -p "$port" reg read setpoint --format xml
 fails "reg list of a missing table file" "" "$vukra" --table none.xml reg list
+# Why a port did not open, and a failure that is not a time-out, in words.
+fails "a port that does not exist" "cannot open the port $work/none: no such device" "$vukra" -p "$work/none" reg read setpoint
+fails "a port that is a plain file" "not a serial port" "$vukra" -p "$work/table.xml" fs ls /
+fails "vukra-gen on a port that does not exist" "no such device" "$gen" table.xml --html-live x.html --host h --port "$work/none"
+start_pty_program wrong.out "$sim" --table table.xml --wrong file 2>/dev/null || exit 1
+fails "a reply that does not decode" "reply (8 bytes) does not decode" "$vukra" -p "$PTY_PATH" fs ls /
+stop_sim
 fails "vukra-sim without a table" "" "$sim"
 fails "vukra-gen without a table" "" "$gen"
 fails "vukra-gen --html-live without --host" "" "$gen" table.xml --html-live x.html
@@ -105,14 +112,14 @@ gives "a 100-element buffer is shown whole" "long = $values" "$vukra" -q --table
 says "a write of an R register" 'read-only' "$vukra" -v -p "$port" reg write cycle_count 5
 if ! grep -q "Frame" "$work/e"; then ok; else ko "nothing is sent for a refused write"; fi
 says "the device refuses it too" "exception 2 (illegal data address)" "$vukra" --table open.xml -p "$port" reg write cycle_count 5
-says "and a read of a W register" "exception 2 (illegal data address)" "$vukra" --table open.xml -p "$port" reg read reset
+says "the device refuses a read of a W register" "exception 2 (illegal data address)" "$vukra" --table open.xml -p "$port" reg read reset
 says "a read of a W register" 'write-only' "$vukra" -p "$port" reg read reset
 says "a write too large for function 16" "1 to 123" "$vukra" --table big.xml -p "$big" reg write w124 "$(seq 124 | tr '\n' ' ')"
 says "a read too large for function 3" "1 to 125" "$vukra" --table big.xml -p "$big" reg read r126
 start_pty_program silent.out "$sim" --table table.xml --silent 2>/dev/null || exit 1
 says "a silent device" "time-out" "$vukra" -p "$PTY_PATH" reg read offset_trim
 start_pty_program corrupt.out "$sim" --table table.xml --corrupt 1 --seed 3 2>/dev/null || exit 1
-says "a damaged reply" "bad frame" "$vukra" -p "$PTY_PATH" reg read offset_trim
+says "a damaged reply" "not a sound frame" "$vukra" -p "$PTY_PATH" reg read offset_trim
 
 # The generator writes only where it is told, and only C that compiles.
 mkdir gen && cd gen

@@ -2,7 +2,7 @@
 # vukra mount against vukra-sim serving a card image: a tree of files copied
 # in and back out byte for byte, the shell's file commands on the mount and
 # the errors they get, the refusals told before the port opens, a device
-# that vanishes, and the mirror with and without its put at the unmount.
+# that vanishes, one with another status vocabulary, and the mirror with and without its put at the unmount.
 # Needs /dev/fuse: without it the test fails, unless MODBUS_VUKRA_SKIP_FUSE=1.
 #   vukra_mount_test.sh BUILD_TOOLS_DIR EXAMPLES_DIR SCRIPTS_DIR
 set -u
@@ -130,6 +130,17 @@ start_pty_program sim5.out "$sim" --table table.xml --image card.o --count-only 
 mount_on --root /mem --cache 0
 errno_of "ls of a listing that never ends" "Input/output error" ls mnt/tree
 check "the mount still serves after it" cmp mnt/deeper/k2 tree/sub/deep/k2
+unmount
+stop_sim
+
+# A device whose statuses are not ours (2 for no such file, 39 for not empty):
+# a copy in still creates its file; a status nobody knows elsewhere is EIO.
+start_pty_program sim7.out "$sim" --table table.xml --image card.o --statuses=-44=2,-20=39 2>sim.err || exit 1
+mount_on --root /mem --cache 0
+check "cp into a device that answers 2 for no such file" cp "tree/with space/a b.txt" mnt/foreign.txt
+cmp -s mnt/foreign.txt "tree/with space/a b.txt" && ok || ko "the copy on that device"
+errno_of "cat of a missing file there" "No such file" cat mnt/none
+errno_of "rmdir of a non-empty directory there" "Input/output error" rmdir mnt/a
 unmount
 stop_sim
 

@@ -1,12 +1,10 @@
 #include "table_errors.h"
 
-#include "null_device.h"
+#include "library_lines.h"
 #include "table/register_table.h"
 #include "table/xml_fatal.h"
 
 #include <cstdio>
-#include <fcntl.h>
-#include <unistd.h>
 #include <cstdlib>
 #include <string>
 
@@ -42,18 +40,8 @@ void set_table_being_read(const char* file) { table_file = file ? file : ""; }
 
 int load_table(const char* file) {
     set_table_being_read(file);
-    std::fflush(stdout);
-    int data = dup(STDOUT_FILENO);
-    int nowhere = open(kNullDevice, O_WRONLY);
-    if (data >= 0 && nowhere >= 0) dup2(nowhere, STDOUT_FILENO);
-    if (nowhere >= 0) close(nowhere);
-    int loaded = table::load(file);
-    std::fflush(stdout);
-    if (data >= 0) {
-        dup2(data, STDOUT_FILENO);
-        close(data);
-    }
-    return loaded;
+    const LibraryLinesTo nowhere(nullptr);
+    return table::load(file);
 }
 
 void warn_if_no_register(const char* tool, const char* file) {

@@ -1,13 +1,13 @@
 // vukra-gen: writes the device side's C sources and the HTML pages of a
 // register table.
 #include "../common/command_line.h"
+#include "../common/library_lines.h"
 #include "../common/table_errors.h"
 #include "codegen/c_sources.h"
 #include "codegen/table_check.h"
 #include "codegen/html_pages.h"
-#include "link/register_transactions.h"
 #include "modbus_vukra.h"
-#include "session/session.h"
+#include "session/tool_interface.h"
 #include "table/value_conversion.h"
 
 #include <CLI/CLI.hpp>
@@ -64,17 +64,16 @@ int page_written(const std::string& path) {
 int live_page(const Options& o, const std::string& path) {
     modbus_vukra_session* s = nullptr;
     if (!o.port.empty()) {
-        s = session::open(o.port.c_str(), 0, o.table.c_str());
-        if (s == nullptr || s->port->native == platform::kInvalidPort) {
-            if (s != nullptr) modbus_vukra_op_session_close(s);
-            std::fprintf(stderr, "vukra-gen: cannot open the port %s\n", o.port.c_str());
+        tools::library_lines_to(nullptr); // the page is the output; the library's lines are not
+        s = tool::open(o.port.c_str(), o.table.c_str(), false);
+        if (s == nullptr) {
+            std::fprintf(stderr, "vukra-gen: %s\n", tool::last_failure().reason.c_str());
             return 1;
         }
     }
     codegen::ReadRegister read = [s](const table::RegisterRecord& reg, const table::TypeRecord& type, void* value) {
         if (s == nullptr) return 0;
-        platform::LockGuard operations(s->operations_lock);
-        return link::modbus_read_registers(s->port, reg, type, value, table::kValueTextSize) > 0 ? 1 : 0;
+        return tool::read_register(s, reg, type, value, table::kValueTextSize) > 0 ? 1 : 0;
     };
     codegen::write_live_page(path.c_str(), o.host.c_str(), read,
                              o.register_name.empty() ? nullptr : o.register_name.c_str());

@@ -13,12 +13,15 @@
 #include "modbus_device.h"
 #include "platform/platform.h"
 #include "register_memory.h"
+#include "remotefs/local_server.h"
 #include "table/register_table.h"
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -42,6 +45,41 @@ struct Options {
     sim::CardOptions card;
     std::uint32_t seed = static_cast<std::uint32_t>(std::chrono::steady_clock::now().time_since_epoch().count());
 };
+
+// Another device's status vocabulary: the sim's statuses and what is
+// answered instead, at most a few dozen pairs.
+struct StatusPair {
+    std::int32_t from, to;
+};
+std::vector<StatusPair> status_pairs;
+
+std::int32_t foreign_status(std::int32_t status) {
+    for (const StatusPair& p : status_pairs)
+        if (p.from == status) return p.to;
+    return status;
+}
+
+// "FROM=TO[,FROM=TO...]", each a decimal status; "" when it reads.
+std::string read_statuses(const std::string& text) {
+    std::size_t at = 0;
+    while (at <= text.size()) {
+        const std::size_t comma = std::min(text.find(',', at), text.size());
+        const std::string pair = text.substr(at, comma - at);
+        const std::size_t equals = pair.find('=');
+        long long from = 0, to = 0;
+        char* end = nullptr;
+        if (equals == std::string::npos || equals == 0 || equals + 1 == pair.size()) return "\"" + pair + "\" is not FROM=TO";
+        from = std::strtoll(pair.c_str(), &end, 10);
+        if (end != pair.c_str() + equals) return "\"" + pair + "\" is not FROM=TO";
+        to = std::strtoll(pair.c_str() + equals + 1, &end, 10);
+        if (*end != '\0') return "\"" + pair + "\" is not FROM=TO";
+        if (from == 0 || to == 0 || from < INT32_MIN || from > INT32_MAX || to < INT32_MIN || to > INT32_MAX)
+            return "\"" + pair + "\": a status is a non-zero 32-bit number";
+        status_pairs.push_back({static_cast<std::int32_t>(from), static_cast<std::int32_t>(to)});
+        at = comma + 1;
+    }
+    return "";
+}
 
 // A probability: a decimal number from 0 to 1.
 std::string probability(const std::string& text, double& out) {
@@ -91,6 +129,12 @@ Options parse(int argc, char** argv) {
     app.add_flag("-v,--verbose", o.card.verbose,
                  "show what it serves, the library's own lines (such as \"Erreur LRC\") and the device\n"
                  "kernel's messages on standard error (without it only warnings and errors go there)");
+    std::string statuses;
+    app.add_option("--statuses", statuses,
+                   "answer file requests with another device's statuses: FROM=TO pairs separated by commas,\n"
+                   "each one of the sim's statuses and the number answered instead (e.g. -44=2,-20=17: no\n"
+                   "such file answered as 2, exists as 17); the others as they are")
+        ->check(sim::not_empty);
     app.add_option("--seed", seed, "seed of the random choices (default: from the clock)")->check(sim::not_empty);
     app.set_version_flag("--version", "vukra-sim " VUKRA_VERSION);
     tools::parse_command_line(app, argc, argv);
@@ -99,6 +143,8 @@ Options parse(int argc, char** argv) {
     if (!corrupt.empty() && !(why = probability(corrupt, o.corrupt)).empty()) usage_error("--corrupt: " + why);
     if (!sim::read_count("--seed", seed, 0, 0xFFFFFFFFull, o.seed, why)) usage_error(why);
     if (!(why = sim::read_fault_options(fault_texts, o.faults)).empty()) usage_error(why);
+    if (!statuses.empty() && !(why = read_statuses(statuses)).empty()) usage_error("--statuses: " + why);
+    if (!status_pairs.empty()) remotefs::set_server_statuses(foreign_status);
     return o;
 }
 

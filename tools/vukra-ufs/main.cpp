@@ -49,6 +49,9 @@ const char kUsage[] =
     "\n"
     "  -v               shows the kernel's messages on standard error\n"
     "\n"
+    "SOURCE_DATE_EPOCH, when set, is the time (in seconds) the nodes made or changed\n"
+    "get: the same commands then make the same image, byte for byte.\n"
+    "\n"
     "Paths are within the volume: \"/\" is its root, and \"..\" at the root stays there.\n"
     "A failed command leaves the image and host files as they were. One program at a\n"
     "time uses an image: a second one is told \"image in use\".\n"
@@ -193,6 +196,12 @@ int tool(std::vector<std::string> args) {
         return fail(command + ": wrong number of arguments (see vukra-ufs --help)");
     UfsMakeArgument make_argument{};
     if (command == "mkfs" && !parse_make(rest, make_argument)) return 1;
+    // SOURCE_DATE_EPOCH, as for reproducible builds: the time of every node
+    // made or changed, so that the same commands make the same image.
+    std::uint32_t epoch = 0;
+    const char* epoch_text = std::getenv("SOURCE_DATE_EPOCH");
+    if (epoch_text != nullptr && *epoch_text != '\0' && (!parse_number(epoch_text, epoch) || epoch == 0))
+        return fail("SOURCE_DATE_EPOCH is not a number of seconds from 1 to 4294967295");
 
     // Host paths are the caller's: made absolute before the workspace changes directory.
     fs::path image = fs::absolute(args[0]);
@@ -226,6 +235,7 @@ int tool(std::vector<std::string> args) {
     tools::Workspace work;
     if (!work.enter("vukra-ufs", image).empty()) return fail("cannot set up a workspace for " + image.string());
     kernel_start();
+    if (epoch != 0) set_kernel_seconds(epoch);
     tools::size_card(tools::card_size(fs::file_size(image)));
     unmake.status = run(image, command, rest, make_argument);
     return unmake.status;

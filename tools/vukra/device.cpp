@@ -1,14 +1,10 @@
 #include "device.h"
 
-#include "../common/null_device.h"
+#include "../common/library_lines.h"
 #include "../common/table_errors.h"
 #include "link/register_transactions.h"
-#include "link/serial_port.h"
-#include "session/session.h"
+#include "session/tool_interface.h"
 #include "table/register_table.h"
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace vukra::cli {
 
@@ -27,33 +23,20 @@ bool load_table(const Options& options) {
 
 std::FILE* data_stream(Options& options) {
     if (options.data != nullptr) return options.data;
-    std::fflush(stdout);
-    int data = dup(STDOUT_FILENO);
-    std::FILE* out = data >= 0 ? fdopen(data, "w") : nullptr;
-    if (out == nullptr) return options.data = stdout;
-    int lines = options.verbose ? dup(STDERR_FILENO) : open(tools::kNullDevice, O_WRONLY);
-    if (lines >= 0) {
-        dup2(lines, STDOUT_FILENO);
-        close(lines);
-    }
-    // Line by line, as standard error goes, so that they keep their order with the tool's own lines.
+    tools::library_lines_to(options.verbose ? stderr : nullptr);
+    // Line by line, as standard error goes, so that the two keep their order.
     if (options.verbose) std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    return options.data = out;
+    return options.data = stdout;
 }
 
 LibraryLinesAsData::LibraryLinesAsData(const Options& options) {
-    if (options.data == nullptr || options.data == stdout) return;
-    std::fflush(options.data);
-    std::fflush(stdout);
-    saved_ = dup(STDOUT_FILENO);
-    if (saved_ >= 0) dup2(fileno(options.data), STDOUT_FILENO);
+    if (options.data == nullptr) return;
+    before_ = tools::library_lines_to(options.data);
+    moved_ = true;
 }
 
 LibraryLinesAsData::~LibraryLinesAsData() {
-    if (saved_ < 0) return;
-    std::fflush(stdout);
-    dup2(saved_, STDOUT_FILENO);
-    close(saved_);
+    if (moved_) tools::library_lines_to(before_);
 }
 
 void choose(CLI::App* command, Options& options, std::function<int()> body, bool needs_device) {
@@ -72,19 +55,13 @@ modbus_vukra_session* device_session(Options& options) {
         return nullptr;
     }
     tools::set_table_being_read(options.table.c_str());
-    modbus_vukra_session* s = session::open(options.port.c_str(), 0, options.table.c_str());
+    // With -v the session tells its open and each value moved by name.
+    modbus_vukra_session* s = tool::open(options.port.c_str(), options.table.c_str(), options.verbose);
     if (s == nullptr) {
-        fail("cannot open a session on " + options.port +
-             (link::is_tcp_name(options.port.c_str()) ? std::string(": ") + link::open_failure() : ""));
+        const tool::Failure why = tool::last_failure();
+        fail(why.kind == tool::FailureKind::kNone ? "cannot open a session on " + options.port : why.reason);
         return nullptr;
     }
-    if (s->port->native == platform::kInvalidPort) {
-        modbus_vukra_op_session_close(s);
-        fail("cannot open the port " + options.port);
-        return nullptr;
-    }
-    // With -v the named register calls also tell each value they move.
-    if (options.verbose) s->verbose = 1;
     options.session_failed = false;
     return options.session = s;
 }
@@ -108,9 +85,10 @@ std::string transaction_failure() {
     case link::Failure::kNone:
         return "the transaction failed";
     case link::Failure::kNoReply:
-        return "no reply from the device (time-out)";
-    case link::Failure::kBadFrame:
-        return "the reply was not a sound frame (bad frame)";
+    case link::Failure::kBadFrame: {
+        const tool::Failure why = tool::last_failure();
+        return why.kind == tool::FailureKind::kNone ? "no reply from the device" : why.reason;
+    }
     case link::Failure::kException: {
         std::string what = "the device answered with exception " + std::to_string(o.exception_code);
         if (o.exception_code < sizeof kExceptions / sizeof *kExceptions && o.exception_code > 0)

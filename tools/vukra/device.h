@@ -1,8 +1,8 @@
 // What vukra's command groups share.
 //
-// Standard output carries only the data a command gives. The library prints
-// its own lines (frames on the line, times, the system's messages) on
-// standard output; once a device command runs they go nowhere, or to
+// Standard output carries only the data a command gives. The library's own
+// lines (frames on the line, times, the system's messages) go through its
+// diagnostics sink: once a device command runs they go nowhere, or to
 // standard error with -v, for the rest of the invocation.
 #pragma once
 
@@ -23,8 +23,7 @@ int fail(const std::string& why);
 bool load_table(const Options& options);
 
 // From the first call on the library's lines go nowhere (to standard
-// error with verbose); returns the stream for the data, the former
-// standard output (the same stream on every call).
+// error with verbose); returns the stream for the data, standard output.
 std::FILE* data_stream(Options& options);
 
 // While it lives, the library's lines go to the data stream again: for a
@@ -37,7 +36,8 @@ public:
     LibraryLinesAsData& operator=(const LibraryLinesAsData&) = delete;
 
 private:
-    int saved_ = -1;
+    std::FILE* before_ = nullptr;
+    bool moved_ = false;
 };
 
 // Makes body the command's callback: parsing the command leaves it in

@@ -8,7 +8,6 @@
 #include "cli.h"
 #include "device.h"
 #include "remote_fs.h"
-#include "remotefs/transport.h"
 
 #include <cerrno>
 #include <cstring>
@@ -262,8 +261,7 @@ std::string free_name(const Remote& r, const std::string& dir, const std::string
         modbus_vukra_attributes a;
         if (!look_up(r, candidate, a)) {
             // Only "no such file" frees the name; a silent device does not.
-            if (modbus_vukra_op_session_error(r.session) == remotefs::kNoReply) return "";
-            return candidate;
+            return missing(r) ? candidate : "";
         }
     }
     return "";
@@ -277,7 +275,7 @@ int put_file(const Remote& r, Progress& progress, const std::string& path, const
     if (look_up(r, path, a)) {
         if (is_directory(a)) return fail("cannot write " + path + ": it is a directory");
         if (!(a.words[kAttrKind] & kKindFile)) return fail("cannot write " + path + ": it is not a regular file");
-    } else if (modbus_vukra_op_session_error(r.session) == remotefs::kNoReply) {
+    } else if (!missing(r)) {
         return device_fail(r, "look up", path);
     }
     const std::string temporary = free_name(r, parent_of(path), name_of(path));
@@ -294,7 +292,7 @@ int put_file(const Remote& r, Progress& progress, const std::string& path, const
         // Best effort: the old file is untouched. A device that stopped
         // answering is not asked again (that would be one more time-out):
         // the partial copy stays under its temporary name, never the final one.
-        if (modbus_vukra_op_session_error(r.session) != remotefs::kNoReply)
+        if (modbus_vukra_op_session_error(r.session) != tool::kLineFailed)
             modbus_vukra_op_protected_remove(r.session, temporary.c_str());
         return status;
     }

@@ -6,7 +6,6 @@
 //   mount_operations.cpp  what FUSE asks (getattr, readdir, read, ...) in the
 //                         library's file operations
 //   mount_cache.cpp       attributes and listings kept for a few seconds
-//   mount_errors.cpp      the device's statuses as errno values
 //
 // One session, one current handle: FUSE runs its loop on the main thread,
 // one request at a time, and the loop holds the session's operations lock
@@ -68,12 +67,10 @@ private:
     std::map<std::string, Listing> listings_;
 };
 
-// What an operation was, where one status means different things.
-enum class Doing { kOther, kRemovingDirectory };
+// What an operation was, where one status means different things: a lookup
+// takes a status nobody knows for "no such file".
+using tool::Doing;
 
-// The errno for a failed library call, from the session's error word (0 when
-// no status came: a reply that could not be decoded).
-int errno_of(std::int32_t status, Doing doing = Doing::kOther);
 
 // The longest device path sent: both paths of a rename must fit in one
 // request (1968 bytes) beside its other fields.

@@ -9,7 +9,6 @@
 #include "cli.h"
 #include "device.h"
 #include "mount.h"
-#include "session/session.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -72,7 +71,7 @@ int serve(Options& o, const Settings& settings, mount::State& st) {
     const Remote remote(o);
     if (!remote.ok()) return 1;
     // No status requests while mounted (see mount.h).
-    platform::timer_disarm(remote.session->timer);
+    tool::pause_timer(remote.session);
     st.remote = &remote;
     st.session = remote.session;
     st.cache = mount::Cache(std::chrono::duration_cast<mount::Cache::Clock::duration>(

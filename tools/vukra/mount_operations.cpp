@@ -14,7 +14,6 @@
 // file: one transaction, and the file keeps its node.
 #include "mount.h"
 #include "remote_fs.h"
-#include "remotefs/transport.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -49,8 +48,8 @@ int to_device(const State& st, const char* path, std::string& out) {
 // each after a whole time-out.
 int failed(State& st, Doing doing = Doing::kOther) {
     const std::int32_t status = modbus_vukra_op_session_error(st.session);
-    if (status == remotefs::kNoReply) st.silent_until = Cache::Clock::now() + std::chrono::seconds(1);
-    return -errno_of(status, doing);
+    if (status == tool::kLineFailed) st.silent_until = Cache::Clock::now() + std::chrono::seconds(1);
+    return -tool::errno_of(status, doing);
 }
 
 bool silent(const State& st) { return Cache::Clock::now() < st.silent_until; }
@@ -63,7 +62,7 @@ int look(State& st, const std::string& path, modbus_vukra_attributes& a) {
     st.current = 0;
     a = {};
     if (modbus_vukra_op_protected_lookup(st.session, path.c_str(), &a) != 0) {
-        const int result = failed(st);
+        const int result = failed(st, Doing::kLookup);
         if (result == -ENOENT) st.cache.put_attributes(path, false, a);
         return result;
     }

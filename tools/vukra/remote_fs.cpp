@@ -2,7 +2,6 @@
 
 #include "device.h"
 #include "progress.h"
-#include "session/session.h"
 
 #include <cerrno>
 #include <cstring>
@@ -18,45 +17,6 @@
 
 namespace vukra::cli {
 
-namespace {
-
-// The statuses a vukra device answers, as a person reads them: the
-// kernel's errors (negative) and the server's own refusals. 513 is the
-// library's: no reply within the port's time-out; -11 to -17 are the
-// library's too, the endings of a whole-card transfer.
-struct StatusName {
-    std::int32_t status;
-    const char* meaning;
-};
-constexpr StatusName kStatusNames[] = {
-    {-11, "cancelled"},
-    {-12, "the image does not fit the local card"},
-    {-13, "no bytes came, or none were taken, where bytes were due"},
-    {-14, "the local card could not be read, written or mounted"},
-    {-15, "no getfs in this process: what changed is not known"},
-    {-16, "the device's card changed since getfs"},
-    {-17, "the local card changed outside the library since getfs"},
-    {-20, "exists, or not empty"},
-    {-22, "invalid move"},
-    {-29, "refused by the device or filesystem"},
-    {-40, "no free descriptor"},
-    {-43, "not a device"},
-    {-44, "no such file or directory"},
-    {-56, "not a directory"},
-    {17, "the device's kernel failed"},
-    {18, "bad request"},
-    {19, "wrong volume"},
-    {20, "nothing open"},
-    {21, "nothing open"},
-    {22, "outside the served filesystem"},
-    {23, "mount refused"},
-    {24, "is a directory"},
-    {25, "not a device"},
-    {513, "no reply from the device"},
-};
-
-} // namespace
-
 modbus_vukra_session* mounted_session(Options& options) {
     modbus_vukra_session* s = device_session(options);
     if (s == nullptr || options.mounted) return s;
@@ -68,13 +28,7 @@ modbus_vukra_session* mounted_session(Options& options) {
     return s;
 }
 
-Remote::Remote(Options& options) : session(mounted_session(options)) {
-    if (session != nullptr) platform::lock_enter(session->operations_lock);
-}
-
-Remote::~Remote() {
-    if (session != nullptr) platform::lock_leave(session->operations_lock);
-}
+Remote::Remote(Options& options) : session(mounted_session(options)), hold(session) {}
 
 std::string remote_path(const std::string& user_path) {
     std::string path = "/";
@@ -102,21 +56,19 @@ std::string joined(const std::string& dir, const std::string& name) {
 }
 
 std::string status_words(std::int32_t status) {
-    std::string text = "status " + std::to_string(status);
-    if (status == 0) return text + " (ok)";
-    for (const StatusName& n : kStatusNames)
-        if (n.status == status) return text + " (" + n.meaning + ")";
-    // read and readdir replies carry the status's low byte only: a
-    // kernel error of -44 arrives as 212.
-    if (status >= 128 && status <= 255)
-        for (const StatusName& n : kStatusNames)
-            if (n.status == status - 256) return text + " (" + std::to_string(n.status) + ", " + n.meaning + ")";
+    char text[160];
+    tool::status_words(status, text, sizeof text);
     return text;
 }
 
 std::string device_status(modbus_vukra_session* s) {
     const std::int32_t status = modbus_vukra_op_session_error(s);
-    if (status == 0) return "the device's reply could not be read";
+    if (status == 0 || status == tool::kLineFailed) {
+        // What the line met says more than the number.
+        const tool::Failure why = tool::last_failure();
+        if (why.kind != tool::FailureKind::kNone) return why.reason;
+        if (status == 0) return "the device's reply could not be read";
+    }
     return status_words(status);
 }
 
@@ -150,6 +102,10 @@ bool is_directory(const modbus_vukra_attributes& a) { return (a.words[kAttrKind]
 bool look_up(const Remote& r, const std::string& path, modbus_vukra_attributes& out) {
     out = {};
     return modbus_vukra_op_protected_lookup(r.session, path.c_str(), &out) == 0;
+}
+
+bool missing(const Remote& r) {
+    return tool::errno_of(modbus_vukra_op_session_error(r.session), tool::Doing::kLookup) == ENOENT;
 }
 
 int list_names(const Remote& r, const std::string& path, std::vector<std::string>& names) {

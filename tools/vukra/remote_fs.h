@@ -10,6 +10,7 @@
 #include "cli.h"
 #include "modbus_vukra.h"
 #include "progress.h"
+#include "session/tool_interface.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -48,8 +49,9 @@ modbus_vukra_session* mounted_session(Options& options);
 struct Remote {
     modbus_vukra_session* session = nullptr;
 
+    tool::Hold hold;
+
     explicit Remote(Options& options);
-    ~Remote();
     Remote(const Remote&) = delete;
     Remote& operator=(const Remote&) = delete;
     bool ok() const { return session != nullptr; }
@@ -79,6 +81,10 @@ bool is_directory(const modbus_vukra_attributes& a);
 // Looks path up (it becomes the current object); false leaves the status
 // in the session's error word.
 bool look_up(const Remote& r, const std::string& path, modbus_vukra_attributes& out);
+
+// After a failed look_up: whether the device said the path names nothing
+// (its own status for that, or one nobody knows), not that it failed.
+bool missing(const Remote& r);
 
 // Every name in the directory path, in the device's order, page after page
 // until the end, each listing entry freed. 0, or the status of fail() with

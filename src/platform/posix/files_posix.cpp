@@ -9,6 +9,9 @@
 
 namespace vukra::platform {
 
+// Large files and inode numbers on every build (32-bit: _FILE_OFFSET_BITS=64).
+static_assert(sizeof(off_t) == 8, "a 32-bit build needs 64-bit file offsets");
+
 int file_open(const char* path, unsigned mode) {
     int flags = O_CLOEXEC;
     if ((mode & kFileRead) && (mode & kFileWrite))

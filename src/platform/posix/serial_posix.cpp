@@ -49,6 +49,26 @@ NativePort serial_open(const char* name) {
     return fd;
 }
 
+PortProblem last_port_problem() {
+    switch (errno) {
+    case ENOENT:
+    case ENODEV:
+    case ENXIO:
+        return PortProblem::kMissing;
+    case EACCES:
+    case EPERM:
+        return PortProblem::kDenied;
+    case ENOTTY:
+    case EINVAL:
+    case EISDIR:
+        return PortProblem::kNotSerial;
+    case EBUSY:
+        return PortProblem::kBusy;
+    default:
+        return PortProblem::kOther;
+    }
+}
+
 int serial_configure(NativePort port, std::uint32_t baud, std::uint32_t timeout_ms) {
     (void)timeout_ms; // applied by serial_read_some's poll
     int fd = fd_of(port);

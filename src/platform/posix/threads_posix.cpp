@@ -10,6 +10,11 @@
 
 namespace vukra::platform {
 
+#ifdef __linux__
+// The clock past 2038 on every build (32-bit: _TIME_BITS=64).
+static_assert(sizeof(std::time_t) == 8, "a 32-bit build needs a 64-bit time_t");
+#endif
+
 namespace {
 
 pthread_mutex_t& mutex_of(RecursiveLock& lock) {

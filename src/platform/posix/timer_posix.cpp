@@ -2,6 +2,7 @@
 // condition variable, and a timed wait on the monotonic clock in place of
 // a system timer.
 #include "platform/platform.h"
+#include "session/log.h"
 #include "platform/posix/clock_after.h"
 
 #include <atomic>
@@ -113,7 +114,7 @@ void* run_timer(void* raw) {
     }
     timer->armed = 0;
     pthread_mutex_unlock(&timer->mutex);
-    std::printf("timer thread exit\r\n");
+    log::print("timer thread exit\r\n");
     std::fflush(stdout);
 
     pthread_mutex_lock(&timer->mutex);

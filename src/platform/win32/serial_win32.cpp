@@ -20,6 +20,24 @@ NativePort serial_open(const char* name) {
     return reinterpret_cast<NativePort>(h);
 }
 
+PortProblem last_port_problem() {
+    switch (GetLastError()) {
+    case ERROR_FILE_NOT_FOUND:
+    case ERROR_PATH_NOT_FOUND:
+    case ERROR_INVALID_NAME:
+        return PortProblem::kMissing;
+    case ERROR_ACCESS_DENIED: // on Windows: another program holds the port
+    case ERROR_SHARING_VIOLATION:
+        return PortProblem::kBusy;
+    case ERROR_INVALID_FUNCTION:
+    case ERROR_INVALID_HANDLE:
+    case ERROR_NOT_SUPPORTED:
+        return PortProblem::kNotSerial;
+    default:
+        return PortProblem::kOther;
+    }
+}
+
 int serial_configure(NativePort port, std::uint32_t baud, std::uint32_t timeout_ms) {
     HANDLE h = handle_of(port);
     DCB dcb{};

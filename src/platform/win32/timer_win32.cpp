@@ -1,6 +1,7 @@
 // The timer thread on Win32: a thread with its own message queue and a
 // thread timer (SetTimer without a window), driven by thread messages.
 #include "platform/platform.h"
+#include "session/log.h"
 
 #include <atomic>
 #include <cstdio>
@@ -100,7 +101,7 @@ DWORD WINAPI run_timer(LPVOID raw) {
     }
     kill(timer);
     timer->armed = 0;
-    std::printf("timer thread exit\r\n");
+    log::print("timer thread exit\r\n");
     std::fflush(stdout);
     *cell = nullptr;
     release(timer);
