@@ -37,6 +37,8 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vukra-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 # vukra mount calls fusermount3 (the library, libfuse3, comes by SHLIBDEPS).
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "fuse3")
+# The system user vukra-serve@.service runs as.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/tools/systemd/postinst)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "The command-line tools: vukra reads and writes registers and files of a device, vukra-sim plays a
 device on a pseudo-terminal, vukra-ufs prepares SD card images and vukra-gen
 writes the device side's C sources and HTML pages from a register table.")

@@ -336,6 +336,17 @@ MODBUS_VUKRA_API int32_t modbus_vukra_explain(int32_t status, int32_t doing, cha
  */
 MODBUS_VUKRA_API int32_t modbus_vukra_register_parse(void *value, const char *name, const char *text);
 
+/*
+ * How far the image transfer running (or last run) is, in the bytes of the
+ * card that cross the line: bytes[0] so far, bytes[1] in all (0 until the
+ * image's map is read). session_info's progress counts every group of the
+ * card, used or not, so a card whose files lie in its first groups shows 0
+ * for most of a transfer; this is the share to show a user. Like
+ * session_info it takes only the state lock: call it from another thread
+ * while getfs, putfs or putfs_changed runs. 0, or -1 for a null argument.
+ */
+MODBUS_VUKRA_API int32_t modbus_vukra_transfer_bytes(modbus_vukra_session *session, uint64_t *bytes);
+
 #ifdef __cplusplus
 }
 #endif

@@ -18,6 +18,7 @@ packages=(
   help2man dpkg-dev llvm zip
   fuse3 libfuse3-dev
   mosquitto mosquitto-clients libmosquitto-dev libssl-dev ser2net openssl
+  python3-pymodbus mbpoll systemd
 )
 
 missing=()

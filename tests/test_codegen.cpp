@@ -143,6 +143,16 @@ TEST_F(CodegenTest, AnEmptyTableListAndAnUnwritableDirectory) {
     ASSERT_EQ(table::load("none.xml"), 1);
     codegen::write_data_file();
     EXPECT_TRUE(contains(read_file("./Data.c"), "ModbusTableIndex [] = {\n   { 0,0,0,0 } // Marqueur"));
+
+    // A table without a register list has no registers; the next keeps its own.
+    write_file("hollow.xml", "<root><config/><type_list/><table_list><table name=\"hollow\" base=\"50\"/>"
+                             "<table name=\"t\" base=\"100\"><register_list><register name=\"r\" offset=\"2\"/>"
+                             "</register_list></table></table_list></root>");
+    ASSERT_EQ(table::load("hollow.xml"), 1);
+    codegen::write_data_file();
+    EXPECT_TRUE(contains(read_file("./Data.c"), "ModbusRegisterhollow [] = {\n};\n"
+                                                "// Table t\n"));
+    EXPECT_TRUE(contains(read_file("./Data.c"), "   { (ModbusRegister *)ModbusRegisterhollow, 0x0050, 0, 0 }\n"));
 }
 
 TEST_F(CodegenTest, ATableThatWouldNotCompileIsRefusedWithItsProblems) {

@@ -115,12 +115,14 @@ struct ImageTransfer : test::SessionFixture {
 
 TEST_F(ImageTransfer, GetCopiesTheUsedGroupsAndZerosTheOthers) {
     make_card();
+    std::uint64_t line[2] = {};
     {
         test::SimProcess sim(serving());
         modbus_vukra_session* s = open_mounted(sim.port());
         ASSERT_NE(s, nullptr);
         ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
         EXPECT_EQ(s->mirror_enabled, 3);
+        ASSERT_EQ(modbus_vukra_transfer_bytes(s, line), 0);
         // A second get replaces the mirror.
         ASSERT_EQ(getfs(s), 0) << modbus_vukra_op_session_error(s);
         ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/big", nullptr), 0);
@@ -137,14 +139,20 @@ TEST_F(ImageTransfer, GetCopiesTheUsedGroupsAndZerosTheOthers) {
     ASSERT_EQ(local.size(), card_end + 4) << "the local card file grew past its end marker";
     EXPECT_EQ(local.compare(0, l.data_start(), device, 0, l.data_start()), 0) << "header, map and metadata";
     int used = 0;
+    // What a user is shown: the bytes that crossed the line, the header
+    // read twice, the map, the metadata, the used groups and the signature.
+    std::uint64_t crossing = 2 * l.map_start + l.map_size + l.metadata_size;
     for (std::uint32_t i = 0; i < l.groups; ++i) {
         const std::size_t at = l.data_start() + static_cast<std::size_t>(i) * l.chunk();
         const std::size_t length = std::min<std::size_t>(l.chunk(), card_end - at);
         const bool in_use = device[l.map_start + i] != 0;
         used += in_use ? 1 : 0;
+        crossing += in_use ? length : 0;
         EXPECT_EQ(local.substr(at, length), in_use ? device.substr(at, length) : std::string(length, '\0')) << i;
     }
     EXPECT_GE(used, 5) << "the big file's groups at least";
+    EXPECT_EQ(line[0], crossing);
+    EXPECT_EQ(line[1], crossing);
 }
 
 // The fake device answers 0x1A4 in the third attribute word (mode bits,

@@ -1,5 +1,6 @@
 // The register table: loading, lookups, the index against the walk, listings.
 #include "support/files.h"
+#include "support/table_walk.h"
 #include "support/temp_dir.h"
 #include "table/register_table.h"
 
@@ -27,6 +28,7 @@ const char kTable[] = R"(<root>
             <register name="twice" offset="4" access="rw" type="int32" shared_function="Shared"/>
          </register_list>
       </table>
+      <table name="hollow" base="50"/>
       <table name="packed" base="100" auto_offset="yes">
          <register_list>
             <register name="p0" type="int32" offset="50"/>
@@ -113,7 +115,7 @@ TEST_F(TableTest, IndexAnswersWhatTheWalkAnswers) {
         TypeRecord indexed_type{}, walked_type{};
         ASSERT_EQ(register_by_index(by_index, i), 1);
         ASSERT_EQ(find_register(indexed, indexed_type, by_index.name), 1);
-        ASSERT_EQ(find_register_by_walk(walked, walked_type, by_index.name), 1);
+        ASSERT_EQ(test::find_register_by_walk(walked, walked_type, by_index.name), 1);
         EXPECT_EQ(indexed.element, walked.element) << by_index.name;
         EXPECT_EQ((std::vector<std::int64_t>{indexed.offset, indexed.base, indexed.access, indexed_type.index, indexed_type.words}),
                   (std::vector<std::int64_t>{walked.offset, walked.base, walked.access, walked_type.index, walked_type.words}));
@@ -129,9 +131,10 @@ TEST_F(TableTest, ListingsPrintTheirLines) {
     testing::internal::CaptureStdout();
     list_tables();
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "* Liste des tables *\nfirst [0x0010]\npacked [0x0100]\nnot_packed [0x0200]\nempty [0x0300]\n");
+              "* Liste des tables *\nfirst [0x0010]\nhollow [0x0050]\npacked [0x0100]\nnot_packed [0x0200]\nempty [0x0300]\n");
     testing::internal::CaptureStdout();
     EXPECT_EQ(list_registers("first", true), 1);
+    EXPECT_EQ(list_registers("hollow", false), 1); // lists nothing: the next table's registers are its own
     EXPECT_EQ(list_registers("packed", false), 1);
     EXPECT_EQ(list_registers("empty", false), 1);
     EXPECT_EQ(list_registers("none", false), 0);
@@ -139,6 +142,7 @@ TEST_F(TableTest, ListingsPrintTheirLines) {
               "* Liste des registres de la table \"first\" *\n"
               "a [0x0013, int16 (1)]\n -> first a\n"
               "twice [0x0014, int32 (2)]\n -> (null)\n"
+              "* Liste des registres de la table \"hollow\" *\n"
               "* Liste des registres de la table \"packed\" *\n"
               "p0 [0x0100, int32 (2)]\np1 [0x0102, int16 (1)]\np2 [0x0103, mystery (1)]\n"
               "p3 [0x0104, int16 (1)]\ntwice [0x0105, int16 (1)]\n"

@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <ctime>
+#include <thread>
 #include <random>
 #include <set>
 
@@ -92,6 +94,24 @@ TEST_F(Ufs, MkfsWritesTheHeaderAndMountChecksIt) {
     EXPECT_EQ(kernel::mount(kUfs, "/dev/sdcard0", "/mem"), -1) << "a volume made with 1024 does not mount";
     write_head(good);
     EXPECT_EQ(kernel::mount(kUfs, "/dev/sdcard0", "/mem"), 0) << "ufs and ufsx share the format";
+}
+
+TEST_F(Ufs, AWriteInPlaceShowsTheTimeItHappened) {
+    make(16, 100, 32);
+    ASSERT_TRUE(test::put_file("/mem/f", "before"));
+    NodeStatus made{};
+    ASSERT_EQ(kernel::stat("/mem/f", made), 0);
+    // The kernel clock runs on from its start: once its second has moved
+    // past the file's (within two of the host's), a write of the same
+    // length shows a later time.
+    const std::time_t give_up = std::time(nullptr) + 3;
+    while (kernel_seconds() <= made.time && std::time(nullptr) < give_up) std::this_thread::yield();
+    const Descriptor fd = kernel::open("/mem/f", kOpenWrite);
+    ASSERT_EQ(kernel::write(fd, "after!", 6), 6);
+    kernel::close(fd);
+    NodeStatus written{};
+    ASSERT_EQ(kernel::stat("/mem/f", written), 0);
+    EXPECT_GT(written.time, made.time);
 }
 
 TEST_F(Ufs, FilesAcrossTheDirectSingleAndDoubleIndirectBlocks) {

@@ -2,11 +2,12 @@
 from __future__ import annotations
 
 import os
+import posixpath
 import shutil
 import stat
 
 from ._errors import NO_REPLY, VukraError, file_error
-from ._files import KIND_DIRECTORY, KIND_FILE, _encoded, _joined, _parent
+from ._files import KIND_DIRECTORY, KIND_FILE, _encoded, _joined
 
 _BLOCK = 64 * 1024
 
@@ -72,7 +73,7 @@ def put(fs, local: str, remote: str) -> None:
                 raise VukraError(f"cannot write {remote}: it is not a regular file")
             if words is None and device.error() == NO_REPLY:
                 raise file_error(NO_REPLY, "look up", remote)
-            directory, name = _parent(remote), remote.rsplit("/", 1)[1]
+            directory, name = posixpath.split(remote)
             if words is None and not fs.isdir(directory):
                 raise file_error(-44 if not fs.exists(directory) else -56, "write in", directory)
             for n in range(100):

@@ -346,7 +346,8 @@ class Device:
     def getfs(self, progress: Optional[Callable[[int, int], None]] = None) -> None:
         """Copies the device's whole card into the library's local card ("sdcard0.o" in the working
         directory) and mounts it on "/mem": from then on paths holding "/mem" are served from that copy.
-        progress(phase, percent) hears the transfer (phase 1 header, 2 data, 3 signature, 4 done).
+        progress(phase, percent) hears the transfer (phase 1 header, 2 data, 3 signature, 4 done; percent
+        the share of the card's bytes that cross the line, 100 only when done).
         cancel() or Ctrl-C stops it: TransferCancelled, or KeyboardInterrupt once the session is usable."""
         self._transfer("protected_getfs", 1, progress)
 
@@ -373,6 +374,7 @@ class Device:
             if handle is None:
                 raise VukraError("the device is closed")
             words = (ctypes.c_int32 * _library.INFO_WORDS)()
+            line = (ctypes.c_uint64 * 2)()  # the card's bytes that crossed the line, and in all
             transfer, error_word = getattr(self._lib, name), self._lib.session_error
 
             def run():
@@ -397,7 +399,11 @@ class Device:
                     if (pending is not None or self._cancel_asked) and not ended:
                         self._lib.cancelfs(handle)  # asked again: a transfer clears it as it starts
                     self._lib.session_info(handle, words)
-                    seen = (words[5], words[6])
+                    self._lib.transfer_bytes(handle, line)
+                    # The share of the bytes that cross the line, not the progress
+                    # word, which runs over every group of the card, used or not.
+                    share = 100 if words[5] == 4 else min(line[0] * 100 // line[1], 99) if line[1] else 0
+                    seen = (words[5], share)
                     if progress is not None and pending is None and words[4] == direction \
                             and 1 <= seen[0] <= 4 and seen != last:
                         last = seen

@@ -43,10 +43,6 @@ def _encoded(path: str) -> bytes:
     return os.fsencode(path)
 
 
-def _parent(path: str) -> str:
-    return path.rsplit("/", 1)[0] or "/"
-
-
 def _joined(directory: str, name: str) -> str:
     return directory.rstrip("/") + "/" + name
 

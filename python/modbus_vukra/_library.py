@@ -91,6 +91,7 @@ OTHER_EXPORTS = {
     "set_log": (None, [LOG_CALLBACK, c_void_p]),
     "explain": (c_int32, [c_int32, c_int32, c_char_p, c_int32]),
     "register_parse": (c_int32, [c_void_p, c_char_p, c_char_p]),
+    "transfer_bytes": (c_int32, [_S, POINTER(ctypes.c_uint64)]),
 }
 
 # What a failed operation was doing, for explain.

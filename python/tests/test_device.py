@@ -123,7 +123,8 @@ def test_get_and_put_lose_nothing(dev, tmp_path):
 def test_getfs_progress_and_mirror(dev):
     seen = []
     dev.getfs(progress=lambda phase, percent: seen.append((phase, percent)))
-    assert seen[-1] == (4, 100) and seen == sorted(seen) and len(seen) > 2
+    # The share of the bytes that cross the line: it never goes back as the phases change.
+    assert seen[-1] == (4, 100) and seen == sorted(seen, key=lambda s: s[1]) and len(seen) > 2
     with dev.fs.open("/mem/notes.txt", "a") as f:  # the local copy now
         f.write("four\n")
     # Only what changed: a node, a block and a little of the map, then nothing at all.

@@ -21,9 +21,6 @@ int fail(int code) {
 
 std::int32_t kernel_error() { return process_table[0]; }
 void clear_kernel_error() { process_table[0] = 0; }
-bool boot_context() { return in_boot_context; }
 void set_boot_context(bool on) { in_boot_context = on; }
-std::int32_t process_error() { return current_process_error; }
-void clear_process_error() { current_process_error = 0; }
 
 } // namespace vukra::kernel

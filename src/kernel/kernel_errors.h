@@ -24,11 +24,7 @@ int fail(int code);
 std::int32_t kernel_error();
 void clear_kernel_error();
 
-bool boot_context();
+// Outside the boot context a failure is the running process's error.
 void set_boot_context(bool on);
-
-// The error field of the process that runs when not in boot context.
-std::int32_t process_error();
-void clear_process_error();
 
 } // namespace vukra::kernel

@@ -6,6 +6,7 @@
 #include "kernel/kernel_errors.h"
 #include "kernel/start_steps.h"
 #include "kernel/vfs.h"
+#include "platform/platform.h"
 
 #include <cstdio>
 #include <cstring>
@@ -19,6 +20,7 @@ namespace {
 bool started = false;
 std::uint32_t clock_seconds = 0;
 std::uint32_t clock_fraction = 0;
+std::uint32_t clock_read_ms = 0; // the monotonic clock when the real-time clock was read
 
 struct HandleSlot {
     std::int32_t key = -1;
@@ -106,6 +108,7 @@ void read_clock() {
     std::time_t seconds = std::mktime(&t);
     clock_seconds = seconds < 0 ? 0 : static_cast<std::uint32_t>(seconds);
     clock_fraction = 0;
+    clock_read_ms = platform::clock_ms();
     close(fd);
 }
 
@@ -170,7 +173,12 @@ int kernel_start() {
 
 bool kernel_started() { return started; }
 
-std::uint32_t kernel_seconds() { return clock_seconds; }
+// The clock runs on from its reading, as the device's does with its tick,
+// so that what is written later shows a later time.
+std::uint32_t kernel_seconds() {
+    if (clock_seconds == 0) return 0;
+    return clock_seconds + (platform::clock_ms() - clock_read_ms) / 1000;
+}
 
 void set_kernel_seconds(std::uint32_t seconds) {
     clock_seconds = seconds;

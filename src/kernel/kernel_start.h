@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,12 +13,10 @@ namespace vukra::kernel {
 int kernel_start();
 bool kernel_started();
 
-// The full start; running a program is handed to the hook (this build has
-// no process model), which by default records what would run.
+// The full start; this build has no process model, so a program the boot
+// would run is only recorded.
 int kernel_boot(void* argument);
-using ProgramHook = std::function<void(const std::string& program, const std::vector<std::string>& arguments)>;
-void set_program_hook(ProgramHook hook);
-// What the default hook recorded, in order.
+// The programs the boot would have run, in order.
 const std::vector<std::vector<std::string>>& programs_run();
 
 // The boot readers on their own (kernel_boot calls them).
@@ -29,7 +26,8 @@ int run_boot_file(const char* path);
 // back, "x" or "X" ending it, the first character never read.
 std::uint32_t parse_board_code(const std::string& field);
 
-// Seconds of the kernel clock, set from the real-time clock at start; 0 before.
+// Seconds of the kernel clock, set from the real-time clock at start and
+// running on from there; 0 before.
 std::uint32_t kernel_seconds();
 // Sets the clock by hand: a tool that makes the same image twice.
 void set_kernel_seconds(std::uint32_t seconds);

@@ -1,5 +1,5 @@
 // The devices the start sequence makes nodes for besides the file-backed
-// disks, each as small as the mirror needs (docs/kernel-devices.md):
+// disks, each as small as the mirror needs:
 //   fifo      pipes: what is written to a pipe end is read from the same pipe
 //   null      reads end at once, writes are swallowed
 //   proc      reads end at once

@@ -325,11 +325,15 @@ long write_bytes(Volume& v, std::uint32_t n, NodeRecord& node, std::uint32_t pos
         node.size = static_cast<std::uint32_t>(at);
         record_changed = true;
     }
-    if (record_changed) {
-        node.time = seconds_now();
+    // A write, even one that changes no size nor block, is a change of the
+    // file at this time.
+    const std::uint32_t now = seconds_now();
+    if (record_changed || node.time != now) {
+        node.time = now;
         if (!write_node(v, n, node)) return -1;
     }
-    if (at == position) return -1;
+    // A full volume takes no byte: the write says so with a count of 0 (a
+    // failure would be no reason at all).
     return static_cast<long>(at - position);
 }
 

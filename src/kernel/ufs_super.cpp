@@ -169,26 +169,18 @@ std::uint32_t seconds_now() {
 
 int makefs(Descriptor device, const void* argument) {
     if (argument == nullptr) return -1;
-    const auto& a = *static_cast<const UfsMakeArgument*>(argument);
-    std::uint32_t b = a.block_size;
-    if (!valid_block_size(b)) b = 32; // a silent repair
+    UfsLayout layout{};
+    if (!ufs_layout(*static_cast<const UfsMakeArgument*>(argument), layout)) return -1;
     const Version* version = find_version("ufs 1.5");
     if (version == nullptr) return -1;
-    const std::uint32_t node_table = a.nodes * kNodeRecordSize;
-    const std::uint32_t node_bitmap = a.nodes / 8 + 1;
-    std::uint32_t blocks = a.blocks;
-    // The largest block count that fits, 5 blocks short of the device.
-    const std::int64_t room = static_cast<std::int64_t>(a.device_size) - node_table - node_bitmap;
-    const std::int64_t fit = room / b - 5;
-    if (fit < 1 || a.nodes == 0) return -1;
-    if (blocks > fit) blocks = static_cast<std::uint32_t>(fit);
-    const std::uint32_t block_bitmap = blocks / 8 + 1;
+    const std::uint32_t b = layout.block_size, blocks = layout.blocks, block_bitmap = layout.block_bitmap,
+                        node_bitmap = layout.node_bitmap, node_table = layout.node_table;
     const std::uint32_t allocation = block_bitmap + node_bitmap;
 
     Volume v;
     v.device = device;
     v.device_size = device_size_of(device);
-    std::uint8_t header[29];
+    std::uint8_t header[kHeaderSize15];
     std::uint8_t* p = header;
     std::memcpy(p, version->text, kVersionLength);
     p += kVersionLength;
@@ -259,3 +251,25 @@ int fsstatus(Mount& m, FsStatus& s) {
 }
 
 } // namespace vukra::kernel::ufs
+
+namespace vukra::kernel {
+
+bool ufs_layout(const UfsMakeArgument& a, UfsLayout& layout) {
+    std::uint32_t b = a.block_size;
+    if (!ufs::valid_block_size(b)) b = 32; // a silent repair
+    const std::uint32_t node_table = a.nodes * ufs::kNodeRecordSize;
+    const std::uint32_t node_bitmap = a.nodes / 8 + 1;
+    // The largest block count that fits, 5 blocks short of the device.
+    const std::int64_t room = static_cast<std::int64_t>(a.device_size) - node_table - node_bitmap;
+    const std::int64_t fit = room / b - 5;
+    if (fit < 1 || a.nodes == 0) return false;
+    const std::uint32_t blocks = a.blocks > fit ? static_cast<std::uint32_t>(fit) : a.blocks;
+    const std::uint32_t block_bitmap = blocks / 8 + 1;
+    // The header, the allocation area and the root's node record.
+    const std::uint32_t written =
+        static_cast<std::uint32_t>(ufs::kHeaderSize15) + block_bitmap + node_bitmap + ufs::kNodeRecordSize;
+    layout = UfsLayout{b, blocks, block_bitmap, node_bitmap, node_table, written};
+    return true;
+}
+
+} // namespace vukra::kernel

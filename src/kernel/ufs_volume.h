@@ -14,6 +14,7 @@ namespace vukra::kernel::ufs {
 
 inline constexpr std::size_t kVersionLength = 7; // "ufs x.x"
 inline constexpr std::uint32_t kNodeRecordSize = 18;
+inline constexpr std::size_t kHeaderSize15 = kVersionLength + 2 + 5 * 4; // "ufs 1.5": block size, five sizes
 inline constexpr std::uint16_t kNoBlock = 0xFFFF;
 inline constexpr std::uint32_t kMaxAllocationArea = 4u << 20; // larger headers are taken as damaged
 

@@ -73,6 +73,17 @@ struct UfsMakeArgument {
     std::uint32_t device_size;
 };
 
+// What mkfs makes of an argument: the block size after its repair, the
+// blocks that fit, and how many bytes from the device's start it writes.
+// False when no volume of that many nodes fits the device.
+struct UfsLayout {
+    std::uint32_t block_size;
+    std::uint32_t blocks;
+    std::uint32_t block_bitmap, node_bitmap, node_table;
+    std::uint32_t written;
+};
+bool ufs_layout(const UfsMakeArgument& a, UfsLayout& layout);
+
 struct Mount {
     Descriptor device = -1; // -1 without one (rootfs)
     std::uint32_t mount_point = 0; // the mount point's node in the parent filesystem

@@ -4,6 +4,8 @@
 // PORT a decimal number from 1 to 65535. Any other name is a serial port's.
 #pragma once
 
+#include <string_view>
+
 namespace vukra::link {
 
 struct TcpAddress {
@@ -16,5 +18,10 @@ bool is_tcp_name(const char* name);
 
 // Splits a tcp:// name into host and port; false when it is not one.
 bool parse_tcp_name(const char* name, TcpAddress& address);
+
+// Splits HOST:PORT as a tcp:// name holds it (an IPv6 HOST in brackets);
+// with zero_port a port of 0 (the system's choice) is taken too. False
+// when it is not one. Every HOST:PORT the tools read goes through here.
+bool parse_host_port(std::string_view text, TcpAddress& address, bool zero_port = false);
 
 } // namespace vukra::link

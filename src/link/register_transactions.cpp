@@ -137,24 +137,4 @@ int modbus_write_registers(Port* port, const table::RegisterRecord& reg, const t
     return 1;
 }
 
-int read_register_by_name(Port* port, const char* name, char* text) {
-    log::print("read %s\n", name ? name : "(null)");
-    table::RegisterRecord reg;
-    table::TypeRecord type;
-    if (!table::find_register(reg, type, name)) return 0;
-    std::uint8_t value[kMaxReplyBytes] = {};
-    if (modbus_read_registers(port, reg, type, value, sizeof value) == 0) return 0;
-    return table::binary_to_text(text, table::kValueTextSize, type, value) ? 1 : 0;
-}
-
-int write_register_by_name(Port* port, const char* name, const char* text) {
-    log::print("write %s %s\n", name ? name : "(null)", text ? text : "(null)");
-    table::RegisterRecord reg;
-    table::TypeRecord type;
-    if (!table::find_register(reg, type, name)) return 0;
-    std::uint8_t value[kMaxReplyBytes] = {};
-    if (!table::text_to_binary(value, type.name, text)) return 0;
-    return modbus_write_registers(port, reg, type, value);
-}
-
 } // namespace vukra::link

@@ -18,6 +18,23 @@ inline constexpr std::uint8_t kDeviceAddress = 1;
 inline constexpr std::uint8_t kReadFunction = 3;
 inline constexpr std::uint8_t kWriteFunction = 16;
 
+// The most registers one request carries: function 3 reads at most 125,
+// function 16 writes at most 123 (a Modbus PDU holds 253 bytes).
+inline constexpr std::uint32_t kMaxReadWords = 125;
+inline constexpr std::uint32_t kMaxWriteWords = 123;
+
+// Modbus exception codes a device or a gateway answers.
+enum ExceptionCode : std::uint8_t {
+    kIllegalFunction = 1,
+    kIllegalAddress = 2,
+    kIllegalValue = 3,
+    kDeviceFailure = 4,
+    kAcknowledge = 5,
+    kDeviceBusy = 6,
+    kGatewayPath = 0x0A,
+    kNoResponse = 0x0B, // gateway: the target device failed to respond
+};
+
 // Reads the register into destination (at most capacity bytes, as one
 // host-order number of 2 x words bytes).
 int modbus_read_registers(Port* port, const table::RegisterRecord& reg, const table::TypeRecord& type,
@@ -42,13 +59,5 @@ struct TransactionOutcome {
     std::uint8_t exception_code; // with kException
 };
 TransactionOutcome last_outcome();
-
-// Convenience forms by name with conversion to and from text (at least
-// table::kValueTextSize bytes). They print "read %s\n" or "write %s %s\n"
-// first. Reading counts a transaction result of -1 as done (and converts
-// whatever the buffer holds); writing stops with 0 when the name or the
-// text cannot be used and otherwise gives the transaction's result.
-int read_register_by_name(Port* port, const char* name, char* text);
-int write_register_by_name(Port* port, const char* name, const char* text);
 
 } // namespace vukra::link

@@ -16,12 +16,6 @@ namespace {
 
 std::atomic<std::uint32_t> received_count{0};
 
-struct LastSettings {
-    std::atomic<std::uint32_t> baud{0};
-    std::atomic<std::uint32_t> format{0}; // parity, data bits, stop bits
-    std::atomic<std::uint32_t> timeout_ms{0};
-} last_settings;
-
 // Room for the longest host, port and reason; and the reason alone.
 thread_local char failure[600];
 thread_local char connect_why[256];
@@ -251,11 +245,6 @@ int serial_configure(const char* name, Port* port, const SerialSettings* setting
     }
     port->timeout_ms = settings->timeout_ms;
     if (name != nullptr) log::print("%s ready\n", name);
-    last_settings.baud = settings->baud;
-    last_settings.format = static_cast<std::uint32_t>(static_cast<unsigned char>(settings->parity)) |
-                           static_cast<std::uint32_t>(settings->data_bits) << 8 |
-                           static_cast<std::uint32_t>(settings->stop_bits) << 16;
-    last_settings.timeout_ms = settings->timeout_ms;
     return 0;
 }
 
@@ -291,12 +280,6 @@ int serial_close(Port* port) {
 }
 
 void serial_release(Port* port) { delete port; }
-
-SerialSettings serial_last_settings() {
-    std::uint32_t format = last_settings.format;
-    return SerialSettings{last_settings.baud, static_cast<char>(format & 0xFF), static_cast<std::uint8_t>(format >> 8),
-                          static_cast<std::uint8_t>(format >> 16), last_settings.timeout_ms};
-}
 
 std::uint32_t serial_received_count() { return received_count.load(std::memory_order_relaxed); }
 

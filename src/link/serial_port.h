@@ -126,7 +126,6 @@ inline int serial_take_byte(Port* port, std::uint8_t& byte) {
 }
 
 // Diagnostic records kept for the whole process; nothing depends on them.
-SerialSettings serial_last_settings();
 std::uint32_t serial_received_count();
 void serial_count_received(std::uint32_t bytes);
 void serial_reset_received_count();

@@ -291,6 +291,12 @@ enum class FileLockResult { kHeld, kInUse, kFailed };
 // cannot be opened or locked.
 FileLockResult file_lock_exclusive(const char* path, FileLock& lock);
 void file_unlock(FileLock& lock);
+// How many names (hard links) the locked file has; 1 when the system does
+// not tell.
+std::uint32_t file_lock_names(const FileLock& lock);
+// Removes one name of a file (its bytes stay while another name or an open
+// handle holds them); false when it cannot.
+bool file_remove(const char* path);
 
 // Holds a file's lock for its own lifetime.
 class FileLockHolder {

@@ -121,6 +121,12 @@ bool progress_and_cancel(session::Session& s, std::uint64_t done, std::uint64_t 
     return s.cancel.load() != 0;
 }
 
+// The bytes that cross the line, as a user is shown them (line_bytes).
+void line_crossed(session::Session& s, std::uint64_t bytes) {
+    platform::LockGuard state(s.state_lock);
+    s.line_bytes[0] += bytes;
+}
+
 void remote_seek(session::Session& s, std::uint64_t offset) {
     if (remotefs::seek(s, static_cast<std::uint32_t>(offset), 0) < 0) throw Stopped{kKeepError};
 }
@@ -139,6 +145,7 @@ void remote_write(session::Session& s, std::uint64_t offset, const std::uint8_t*
         bytes += moved;
         length -= moved;
         written += moved;
+        line_crossed(s, moved);
     }
 }
 
@@ -259,6 +266,7 @@ void check_device(session::Session& s, const Plan& plan) {
         const std::int32_t got = remotefs::read(s, piece, static_cast<std::int32_t>(std::min(kPiece, total - at)));
         if (got < 0) throw Stopped{kKeepError};
         if (got == 0) throw Stopped{kTransferStalled};
+        line_crossed(s, static_cast<std::uint64_t>(got));
         for (std::size_t i = 0; i < static_cast<std::size_t>(got); ++i)
             if (piece[i] != baseline.head[at + i] && piece[i] != plan.head[at + i]) throw Stopped{kDeviceCardChanged};
         at += static_cast<std::size_t>(got);
@@ -322,6 +330,7 @@ std::int32_t putfs_changed(session::Session& s) {
     {
         platform::LockGuard state(s.state_lock);
         s.cancel = 0;
+        s.line_bytes[0] = s.line_bytes[1] = 0;
     }
     if (s.mirror_enabled == 0 || !baseline.kept || !kernel::card_changes_noted()) {
         s.error = kNoGetfs;
@@ -342,6 +351,16 @@ std::int32_t putfs_changed(session::Session& s) {
     }
     std::uint64_t written = 0;
     if (!plan.empty()) {
+        // What crosses: the device's head read for the check, then every run.
+        std::uint64_t total = baseline.head.size();
+        for (const GroupRuns& g : plan.groups)
+            for (const Run& r : g.runs) total += r.to - r.from;
+        for (const auto* runs : {&plan.metadata, &plan.map, &plan.header, &plan.signature})
+            for (const Run& r : *runs) total += r.to - r.from;
+        {
+            platform::LockGuard state(s.state_lock);
+            s.line_bytes[1] = total;
+        }
         try {
             check_device(s, plan);
             written = send(s, card, plan);

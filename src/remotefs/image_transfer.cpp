@@ -8,6 +8,7 @@
 #include "kernel/vfs.h"
 #include "remotefs/file_operations.h"
 #include "remotefs/image_layout.h"
+#include "remotefs/local_card.h"
 #include "remotefs/local_server.h"
 
 #include <algorithm>
@@ -50,6 +51,8 @@ public:
 private:
     void set_state(std::int32_t phase, std::int32_t progress);
     void set_progress(std::int32_t progress);
+    void crossed(std::size_t bytes);
+    void set_line_total();
     bool cancelled();
     void check_cancel() {
         if (cancelled()) throw Failed{kTransferCancelled};
@@ -88,6 +91,25 @@ void Transfer::set_progress(std::int32_t progress) {
     s_.status[kStatusProgress] = progress;
 }
 
+// What crosses the line is what the device's side reads or writes.
+void Transfer::crossed(std::size_t bytes) {
+    platform::LockGuard state(s_.state_lock);
+    s_.line_bytes[0] += bytes;
+}
+
+// Once the map is known: the header fields (a get reads the header from
+// the device once more, to learn its sizes), the map, the metadata, the
+// used groups (the last one cut at the local card's end) and the signature.
+void Transfer::set_line_total() {
+    const ImageLayout& l = layout_;
+    std::uint64_t total =
+        (direction_ == kGet ? l.map_start : 0u) + (l.map_start - kSignatureSize) + l.map_size + l.metadata_size + kSignatureSize;
+    for (std::uint32_t i = 0; i < l.group_count && i < l.map_size; ++i)
+        if (map_[i] != 0) total += std::min(l.chunk(), card_size_ - l.group_offset(i));
+    platform::LockGuard state(s_.state_lock);
+    s_.line_bytes[1] = total;
+}
+
 bool Transfer::cancelled() {
     platform::LockGuard state(s_.state_lock);
     return s_.cancel.load() != 0;
@@ -111,6 +133,7 @@ std::size_t Transfer::read_some(Side& side, void* buffer, std::size_t count) {
         count = std::min(count, kPiece);
         const std::int32_t got = remotefs::read(*side.remote, buffer, static_cast<std::int32_t>(count));
         if (got < 0) throw Failed{kKeepError};
+        crossed(static_cast<std::size_t>(got));
         return static_cast<std::size_t>(got);
     }
     const long got = kernel::read(side.fd, buffer, count);
@@ -140,6 +163,7 @@ void Transfer::write_all(Side& side, const void* bytes, std::size_t count) {
         if (side.remote != nullptr) {
             put = remotefs::write(*side.remote, p, static_cast<std::int32_t>(n));
             if (put < 0) throw Failed{kKeepError};
+            crossed(std::min(static_cast<std::size_t>(put), n));
         } else {
             put = kernel::write(side.fd, p, n);
             if (put < 0) throw Failed{kLocalCardFailed};
@@ -211,6 +235,7 @@ void Transfer::map_and_metadata() {
     map_.reset(new (std::nothrow) std::uint8_t[layout_.map_size == 0 ? 1 : layout_.map_size]());
     if (!map_) throw Failed{kLocalCardFailed};
     copy(layout_.map_start, map_.get(), layout_.map_size); // the map stays for the data groups
+    set_line_total();
 
     const std::uint32_t metadata_start = layout_.metadata_start();
     seek(source_, metadata_start);
@@ -305,6 +330,7 @@ std::int32_t transfer(session::Session& s, TransferDirection direction) {
     {
         platform::LockGuard state(s.state_lock);
         s.cancel = 0;
+        s.line_bytes[0] = s.line_bytes[1] = 0;
     }
     // The local card is about to be overwritten: "/mem" goes first, whether
     // this Session mounted it or one closed before it in this process (the
@@ -340,6 +366,7 @@ std::int32_t transfer(session::Session& s, TransferDirection direction) {
 } // namespace
 
 std::int32_t getfs(session::Session& s) {
+    if (!hold_local_card(s)) return -1;
     forget_local_card();
     if (transfer(s, kGet) != 0) {
         // The local card is partly written: "/mem" stays unmounted and its

@@ -18,6 +18,7 @@ inline constexpr std::int32_t kTransferCancelled = -11; // cancelfs
 inline constexpr std::int32_t kImageRefused = -12;      // map, metadata or a group's start past the local card's end
 inline constexpr std::int32_t kTransferStalled = -13;   // no byte came for the map, metadata or signature, or a write moved none
 inline constexpr std::int32_t kLocalCardFailed = -14;   // the local card could not be read, written or mounted
+inline constexpr std::int32_t kLocalCardInUse = -18;    // another process holds the local card of this directory
 // Of the put of what changed (putfs_changed), before anything is written:
 inline constexpr std::int32_t kNoGetfs = -15;           // no get in this process: what changed is not known
 inline constexpr std::int32_t kDeviceCardChanged = -16; // the device's header, map or metadata changed since

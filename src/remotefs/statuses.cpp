@@ -26,6 +26,7 @@ constexpr StatusEntry kStatuses[] = {
     {-29, "EACCES", EACCES, "refused by the device or filesystem"},
     {-22, "EINVAL", EINVAL, "a directory cannot move into itself"},
     {-20, "EEXIST", EEXIST, "exists, or not empty"},
+    {-18, "CARDHELD", EBUSY, "the local card is held by another process"},
     {-17, "LOCALCHANGED", EIO, "the local card changed outside the library since getfs"},
     {-16, "CARDCHANGED", EIO, "the device's card changed since getfs"},
     {-15, "NOGETFS", EINVAL, "no getfs in this process: what changed is not known"},

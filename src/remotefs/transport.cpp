@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "kernel/vfs.h"
 #include "link/slip.h"
 #include "remotefs/local_server.h"
 
@@ -42,6 +43,10 @@ std::int32_t serve_locally(session::Session& s, std::uint8_t code, std::uint8_t*
     const std::uint32_t start = platform::clock_ms();
     const std::int32_t served = local_serve(code, reply, request, length);
     if (served < 0) return -1;
+    // The local card on disk holds every answered change, the volume's own
+    // bookkeeping included: a process that ends before its putfs leaves a
+    // card whose files are sound.
+    if (code >= kOpWrite && code <= kOpRmdir) kernel::flush_mounts();
     const std::uint32_t duration = platform::clock_ms() - start;
     // The mirror session has no locks of its own; its statistics count the
     // request frame.

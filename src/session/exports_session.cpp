@@ -68,6 +68,18 @@ MODBUS_VUKRA_API std::int32_t modbus_vukra_op_session_callback(modbus_vukra_sess
     return 0;
 }
 
+MODBUS_VUKRA_API std::int32_t modbus_vukra_transfer_bytes(modbus_vukra_session* s, std::uint64_t* bytes) {
+    if (s == nullptr || bytes == nullptr) return -1;
+    if (s->port == nullptr) { // an unconnected record has no locks and moves nothing
+        bytes[0] = bytes[1] = 0;
+        return 0;
+    }
+    platform::LockGuard state(s->state_lock);
+    bytes[0] = s->line_bytes[0];
+    bytes[1] = s->line_bytes[1];
+    return 0;
+}
+
 MODBUS_VUKRA_API std::int32_t modbus_vukra_op_cancelfs(modbus_vukra_session* s) {
     if (s == nullptr) return -1;
     if (s->port == nullptr) {

@@ -40,6 +40,9 @@ struct modbus_vukra_session {
     std::uint32_t timeout_ms;
     std::int32_t status[kStatusWords];
     std::atomic<std::int32_t> cancel; // image transfer cancel request (state lock)
+    // Image transfer: bytes of the image that crossed the line so far, and
+    // that must cross in all (0 until the map is read); state lock.
+    std::uint64_t line_bytes[2] = {0, 0};
     vukra::link::Port* port;             // null for an unconnected record
     // Read by the timer thread while the host may set them.
     std::atomic<void*> host_window;       // stored, used on Windows only

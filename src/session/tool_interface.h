@@ -5,6 +5,7 @@
 #pragma once
 
 #include "link/line_failure.h"
+#include "link/register_transactions.h"
 #include "modbus_vukra.h"
 #include "remotefs/statuses.h" // the statuses the project knows, in words and as errno
 #include "table/register_table.h"
@@ -72,13 +73,40 @@ struct Failure {
 Failure last_failure();
 
 // ---- raw exchanges with the device -------------------------------------------
-// For a tool that reads by the table's records rather than by name, or
-// forwards what others send (one SLIP packet, one Modbus transaction: added
-// with the tool that needs them). Each holds the operations lock.
+// For a tool that reads by the table's records rather than by name. Holds
+// the operations lock.
 
 // A function-3 read of reg (of type) into value (capacity bytes, one
 // host-order number): 1, 0 for a wrong answer, -1 for no valid reply.
 int read_register(Session* session, const table::RegisterRecord& reg, const table::TypeRecord& type, void* value,
                   std::size_t capacity);
+
+// For a tool that forwards what others send (vukra serve), each under the
+// Session's operations lock, after dropping what the line holds, so that a
+// reply too late for an earlier exchange is never taken for this one's.
+
+// The longest PDU (function code and data) of a Modbus request or reply,
+// the most registers a read or a write carries, and the exception codes.
+inline constexpr std::size_t kMaxPdu = 253;
+using link::kMaxReadWords;
+using link::kMaxWriteWords;
+using ExceptionCode = link::ExceptionCode;
+
+// One Modbus transaction as a client asked for it: the request PDU goes to
+// the device's address in an ASCII frame; the reply's PDU lands in reply
+// (kMaxPdu bytes). Its length, or -1 without a sound reply that answers
+// this request (a read's reply must carry the words asked for, a write's
+// echo its address and quantity). An exception reply (the function with
+// 0x80, and its code) is a reply.
+long modbus_exchange(Session* session, const std::uint8_t* pdu, std::size_t length, std::uint8_t* reply);
+
+// One SLIP packet of client (a number the tool gives each of its clients)
+// to the device and one back into reply (capacity bytes): its length, or -1
+// when none came within the time-out. The device's one current file handle
+// is kept to each client's own (see remotefs/relay.h).
+long packet_exchange(Session* session, int client, const std::uint8_t* packet, std::size_t length,
+                     std::uint8_t* reply, std::size_t capacity);
+// The client has gone.
+void packet_client_gone(int client);
 
 } // namespace vukra::tool

@@ -21,7 +21,6 @@ const TypeRecord kDefaultType{"?", 1, "?", 2, -1, "?"};
 struct Model {
     XmlNode* document = nullptr;
     XmlNode* config = nullptr;
-    XmlNode* types = nullptr;
     XmlNode* tables = nullptr;
     std::string file_name;
     TableConfig settings;
@@ -74,7 +73,6 @@ void read_config(Model& m) {
 void index_types(Model& m) {
     XmlCursor list;
     XmlNode* type_list = xml_find_first(list, m.document, "root/type_list");
-    m.types = type_list;
     if (type_list == nullptr) return;
     XmlCursor cursor;
     int index = 0;
@@ -213,18 +211,6 @@ int find_register(RegisterRecord& reg, TypeRecord& type, const char* register_na
     return 1;
 }
 
-int find_register_by_walk(RegisterRecord& reg, TypeRecord& type, const char* register_name) {
-    if (register_name == nullptr) return 0;
-    return walk_registers(model, [&](const RegisterRecord& r, int t) {
-               if (r.name == nullptr || std::strcmp(r.name, register_name) != 0) return false;
-               reg = r;
-               type = type_at(model, t);
-               return true;
-           })
-               ? 1
-               : 0;
-}
-
 int register_by_index(RegisterRecord& reg, int index) {
     if (index < 0 || index >= register_count()) return 0;
     reg = model.registers[static_cast<std::size_t>(index)];
@@ -295,9 +281,6 @@ std::vector<std::pair<RegisterRecord, TypeRecord>> registers_of(const TableInfo&
 std::vector<TypeRecord> types() { return model.type_list; }
 
 XmlNode* document() { return model.document; }
-XmlNode* config_section() { return model.config; }
-XmlNode* type_section() { return model.types; }
-XmlNode* table_section() { return model.tables; }
 const TableConfig& config() { return model.settings; }
 const char* file_name() { return model.file_name.c_str(); }
 

@@ -77,9 +77,6 @@ int find_register(RegisterRecord& reg, TypeRecord& type, const char* register_na
 int register_by_index(RegisterRecord& reg, int index);
 int register_count();
 
-// The same lookup by walking the document, as the index stands in for.
-int find_register_by_walk(RegisterRecord& reg, TypeRecord& type, const char* register_name);
-
 // Printed listings.
 int list_tables();
 int list_registers(const char* table_name, bool with_comments);
@@ -101,9 +98,6 @@ std::vector<TypeRecord> types();
 
 // The loaded document and its parts, for the generator and the tools.
 XmlNode* document();
-XmlNode* config_section();
-XmlNode* type_section();
-XmlNode* table_section();
 const TableConfig& config();
 const char* file_name();
 

@@ -90,12 +90,6 @@ XmlNode* xml_create_attribute(const char* name, const char* value) {
 
 XmlNode* xml_create_text(const char* text) { return new_node(kXmlText, nullptr, text); }
 
-void xml_set_name(XmlNode* node, const char* name) {
-    char* s = copy(name);
-    free_name(node);
-    node->name = s;
-}
-
 void xml_set_value(XmlNode* node, const char* value) {
     char* s = copy(value);
     free_value(node);

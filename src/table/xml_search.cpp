@@ -17,15 +17,17 @@ void measure(XmlCursor& c) {
 bool last_segment(const XmlCursor& c) { return c.path[c.segment + c.segment_length] == '\0'; }
 
 // To the next sibling; where there is none, up to the parent and back one
-// segment, and on from there. Leaving the start element's level ends the walk.
+// segment, and on from there. The walk stays inside the start element: back
+// at its level (the first segment) it ends, so that the start's own siblings
+// (the next table after one without a register list) are never searched.
 void move_on(XmlCursor& c) {
     for (;;) {
-        if (c.current->next != nullptr) {
-            c.current = c.current->next;
-            return;
-        }
         if (c.segment == 0) {
             c.current = nullptr;
+            return;
+        }
+        if (c.current->next != nullptr) {
+            c.current = c.current->next;
             return;
         }
         c.current = c.current->parent;

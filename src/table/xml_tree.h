@@ -36,7 +36,6 @@ struct XmlNode {
 XmlNode* xml_create_element(const char* name);
 XmlNode* xml_create_attribute(const char* name, const char* value);
 XmlNode* xml_create_text(const char* text);
-void xml_set_name(XmlNode* node, const char* name);
 void xml_set_value(XmlNode* node, const char* value); // attribute value or text
 void xml_append_child(XmlNode* element, XmlNode* child);
 void xml_prepend_child(XmlNode* element, XmlNode* child);
@@ -77,6 +76,5 @@ const char* xml_text_at(XmlCursor& cursor, XmlNode* start, const char* path);
 
 // Writing, indented by 3 blanks a level.
 void xml_write(const XmlNode* node, std::FILE* stream);
-int xml_save(const XmlNode* node, const char* path);
 
 } // namespace vukra::table

@@ -66,11 +66,4 @@ void write_node(const XmlNode* node, std::FILE* out, int level, bool no_indent) 
 
 void xml_write(const XmlNode* node, std::FILE* stream) { write_node(node, stream, 0, false); }
 
-int xml_save(const XmlNode* node, const char* path) {
-    std::FILE* out = std::fopen(path, "w");
-    if (out == nullptr) return 0;
-    xml_write(node, out);
-    return std::fclose(out) == 0 ? 1 : 0;
-}
-
 } // namespace vukra::table

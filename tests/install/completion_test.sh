@@ -27,9 +27,9 @@ offers() {
   [ "$got" = "$expected" ] && ok || ko "'$typed' offers '$got', not '$expected'"
 }
 
-offers "vukra " "fs mount poll reg watch"
+offers "vukra " "fs mount poll reg serve watch"
 offers "vukra fs " "cat df get getfs ls mkdir mv put putfs rm rmdir stat tree"
-offers "vukra -p /dev/ttyUSB0 fs getfs + " "fs mount poll reg watch"
+offers "vukra -p /dev/ttyUSB0 fs getfs + " "fs mount poll reg serve watch"
 offers "vukra fs ls /mem + fs g" "get getfs"
 offers "vukra fs r" "rm rmdir"
 offers "vukra -p /dev/ttyUSB0 fs m" "mkdir mv"

@@ -3,7 +3,7 @@
 # prefix, which is then moved (the CMake package and the pkg-config file
 # must not hold the prefix); two programs built outside the source tree
 # against it, one with find_package, one with pkg-config, and the C example
-# of README.md; all run against the installed vukra-sim.
+# of docs/library.md; all run against the installed vukra-sim.
 #   install_test.sh BUILD_DIR SOURCE_DIR VERSION LIBDIR MAN_PAGES(ON|OFF)
 set -u
 build=$(realpath "$1")
@@ -28,6 +28,8 @@ bin/vukra-gen
 bin/vukra-sim
 bin/vukra-ufs
 include/modbus_vukra.h
+lib/systemd/system/vukra-serve@.service
+lib/sysusers.d/vukra.conf
 $libdir/cmake/modbus_vukra/modbus_vukra-config-version.cmake
 $libdir/cmake/modbus_vukra/modbus_vukra-config.cmake
 $libdir/cmake/modbus_vukra/modbus_vukra-targets-CONFIG.cmake
@@ -37,6 +39,7 @@ $libdir/libmodbus_vukra.so.$major
 $libdir/libmodbus_vukra.so.$version
 $libdir/pkgconfig/modbus_vukra.pc
 share/bash-completion/completions/vukra
+$("$work/stage/bin/vukra" mount --help >/dev/null 2>&1 && echo share/doc/modbus_vukra/mount.md)
 $([ "$man_pages" = ON ] && printf 'share/man/man1/%s.1\n' vukra vukra-gen vukra-sim vukra-ufs)
 $(cd "$source/python" && find modbus_vukra -name '*.py' -o -name py.typed | sed 's|^|lib/python3/dist-packages/|')
 LIST
@@ -84,10 +87,10 @@ export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
 flags=$(pkg-config --cflags --libs modbus_vukra)
 check "a program builds with pkg-config" cc -std=c99 -Wall -Wextra -Werror "$work/src/consumer.c" $flags -o "$work/pc-consumer"
 
-# The C example of README.md, as it stands there.
-sed -n '/<!-- example: begin -->/,/<!-- example: end -->/p' "$source/README.md" | sed '/^```/d; /^<!--/d' >"$work/src/example.c"
-[ "$(wc -l <"$work/src/example.c")" -ge 5 ] && ok || ko "the README example between its markers"
-check "the README example builds" cc -std=c99 -Wall -Wextra -Werror "$work/src/example.c" $flags -o "$work/example"
+# The C example of docs/library.md, as it stands there.
+sed -n '/<!-- example: begin -->/,/<!-- example: end -->/p' "$source/docs/library.md" | sed '/^```/d; /^<!--/d' >"$work/src/example.c"
+[ "$(wc -l <"$work/src/example.c")" -ge 5 ] && ok || ko "the library example of docs/library.md between its markers"
+check "the library example of docs/library.md builds" cc -std=c99 -Wall -Wextra -Werror "$work/src/example.c" $flags -o "$work/example"
 
 # All run against the installed simulator, from a folder with table.xml.
 cd "$work"
@@ -107,5 +110,5 @@ if readelf -d "$work/cmake-build/consumer" | grep -q "$prefix/$libdir"; then ok;
 LD_LIBRARY_PATH=$prefix/$libdir runs "the pkg-config-built consumer" "$work/pc-consumer" "$port"
 LD_LIBRARY_PATH=$prefix/$libdir "$work/example" "$port" >"$work/out" 2>"$work/err"
 rc=$?
-if [ $rc -eq 0 ] && grep -qx "setpoint = 21.5" "$work/out"; then ok; else ko "the README example runs (status $rc): $(cat "$work/out" "$work/err")"; fi
+if [ $rc -eq 0 ] && grep -qx "setpoint = 21.5" "$work/out"; then ok; else ko "the library example of docs/library.md runs (status $rc): $(cat "$work/out" "$work/err")"; fi
 finish

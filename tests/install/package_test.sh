@@ -37,7 +37,9 @@ expect "the development package" "$dev" /usr/include/modbus_vukra.h /usr/lib/lib
   /usr/lib/cmake/modbus_vukra/modbus_vukra-targets.cmake \
   "/usr/lib/cmake/modbus_vukra/$(dpkg-deb -c "$dev" | grep -o 'modbus_vukra-targets-[a-z]*\.cmake' | head -n 1)" \
   /usr/lib/pkgconfig/modbus_vukra.pc
-tool_files=(/usr/bin/vukra /usr/bin/vukra-sim /usr/bin/vukra-ufs /usr/bin/vukra-gen /usr/share/bash-completion/completions/vukra)
+tool_files=(/usr/bin/vukra /usr/bin/vukra-sim /usr/bin/vukra-ufs /usr/bin/vukra-gen /usr/share/bash-completion/completions/vukra
+  /usr/lib/systemd/system/vukra-serve@.service /usr/lib/sysusers.d/vukra.conf
+  /usr/share/doc/modbus_vukra/mount.md)
 [ "$man_pages" = ON ] && tool_files+=(/usr/share/man/man1/vukra.1 /usr/share/man/man1/vukra-sim.1 /usr/share/man/man1/vukra-ufs.1 /usr/share/man/man1/vukra-gen.1)
 expect "the tools package" "$tools" "${tool_files[@]}"
 
@@ -52,6 +54,8 @@ depends "$tools" | grep -q '\bfuse3\b' && ok || ko "the tools package depends on
 depends "$dev" | grep -q "libmodbus-vukra$major (= $version)" && ok || ko "the development package needs the library: $(depends "$dev")"
 depends "$python" | grep -q "python3, libmodbus-vukra$major (= $version)" && ok || ko "the Python package needs python3 and the library: $(depends "$python")"
 contents "$python" | grep -qx /usr/lib/python3/dist-packages/modbus_vukra/__init__.py && ok || ko "the Python package: $(contents "$python")"
+dpkg-deb --ctrl-tarfile "$tools" | tar -xO ./postinst 2>/dev/null | grep -q 'systemd-sysusers vukra.conf' &&
+  ok || ko "the tools package makes the system user vukra"
 dpkg-deb --ctrl-tarfile "$lib" | tar -xO ./shlibs 2>/dev/null | grep -q "^libmodbus_vukra $major libmodbus-vukra$major" &&
   ok || ko "the library package has a shlibs file"
 

@@ -14,9 +14,9 @@ trap 'stop_pty_programs; rm -rf "$work"' EXIT
 cd "$work"
 cp "$table" table.xml
 
-# The live page reads its values from the emulated device.
+# The live page reads its values from the emulated device, quietly.
 start_pty_program sim.out "$sim" --table table.xml 2>/dev/null
-"$gen" table.xml --html-map map.html --html-live live.html --host device.local --port "$PTY_PATH" >/dev/null
+"$gen" table.xml --html-map map.html --html-live live.html --host device.local --port "$PTY_PATH" >gen.out 2>&1
 
 names=$(grep -o '<register name="[^"]*"' table.xml | sed 's/<register name="//; s/"$//')
 render() {
@@ -32,4 +32,5 @@ for page in map live; do
   if [ -n "${VUKRA_PAGES_DIR:-}" ]; then cp "$page.png" "$VUKRA_PAGES_DIR/"; fi
 done
 grep -q 'value="-100000"' live.html || { echo "the live page has no value read from the device"; status=1; }
+[ ! -s gen.out ] || { echo "vukra-gen is not quiet on success: $(head -n 3 gen.out)"; status=1; }
 exit $status

@@ -17,6 +17,7 @@ public:
     SimProcess& operator=(const SimProcess&) = delete;
 
     const std::string& port() const { return port_; }
+    pid_t pid() const { return pid_; }
 
 private:
     pid_t pid_ = -1;

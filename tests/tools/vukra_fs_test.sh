@@ -186,4 +186,10 @@ fs tree /mem >/dev/null 2>tree.err && ko "tree of a listing that never ends succ
 grep -q "cannot list /mem: the device's listing does not end" tree.err && ok || ko "tree names the endless listing"
 stop_sim
 
+# A damaged card is served with a warning that names the damage.
+"$ufs" bad.o mkfs >/dev/null && printf '\x01' | dd of=bad.o bs=1 seek=$((29 + 12000 / 8)) conv=notrunc 2>/dev/null
+start_pty_program bad.out "$sim" --table table.xml --image bad.o 2>bad.err || exit 1
+grep -q "warning: .*bad.o is damaged: block 12000 is marked but unused" bad.err && ok || ko "the damage told: $(cat bad.err)"
+stop_sim
+
 finish

@@ -70,7 +70,7 @@ for c in nan junk; do fails "--cache $c" "not a number of seconds" "$vukra" -p /
 "$vukra" mount --help | grep -q -- --cache && ok || ko "mount --help"
 
 start_pty_program sim.out "$sim" --table table.xml --image card.o 2>sim.err || exit 1
-mount_on --root /mem
+mount_on # the card's files by default
 fails "mount where a mount is" "mounted there already" "$vukra" -p /dev/none mount mnt
 check "cp -r into the mount" cp -r tree mnt/
 check "cp -r out of the mount" cp -r mnt/tree back
@@ -92,8 +92,25 @@ check "rm -r" rm -r mnt/tree/sub
 [ ! -e mnt/tree/sub ] && [ "$(ls mnt/tree | wc -l)" = 5 ] && ok || ko "rm -r: $(ls mnt/tree)"
 printf 'short\n' >mnt/tree/big.bin && [ "$(cat mnt/tree/big.bin)" = short ] && ok || ko "> over a file (O_TRUNC)"
 printf 'more\n' >>mnt/tree/big.bin && [ "$(cat mnt/tree/big.bin)" = "$(printf 'short\nmore')" ] && ok || ko ">>"
-df mnt | grep -q 'vukra' && ok || ko "df: $(df mnt 2>&1)"
-[ "$(stat -f -c %S mnt)" = 512 ] && ok || ko "statfs block size"
+df mnt | grep -q 'vukra:.*:/mem' && ok || ko "df: $(df mnt 2>&1)"
+[ "$(stat -f -c %S mnt)" = 512 ] && [ "$(stat -f -c %b mnt)" -gt 0 ] && ok || ko "statfs of the card: $(stat -f mnt)"
+
+# An open file is bound to its node: once its name is removed or names
+# another file, it fails with ESTALE and never touches what bears the name.
+# stale_cases: in mnt, with the mount alive after them.
+stale_cases() {
+  printf c0 >mnt/c && printf d0 >mnt/d && printf e0 >mnt/e
+  exec 5<mnt/e && rm mnt/e
+  errno_of "a read of a removed open file" "Stale file handle" head -c 2 <&5
+  exec 5<&- 4>>mnt/c && mv mnt/d mnt/c
+  errno_of "a write to a file replaced by mv" "Stale file handle" bash -c 'echo x >&4'
+  printf e0 >mnt/e && exec 4>&- 5>>mnt/e && rm mnt/e && printf R >mnt/e
+  errno_of "a write to a removed file" "Stale file handle" bash -c 'echo late >&5'
+  exec 5>&-
+  [ "$(cat mnt/c)$(cat mnt/e)" = d0R ] && ok || ko "an old descriptor wrote into another file: $(cat mnt/c mnt/e)"
+  rm mnt/c mnt/e
+}
+stale_cases
 
 # Errors by errno: what the device says, and what the mount cannot do.
 errno_of "rmdir of a non-empty directory" "not empty" rmdir mnt/a
@@ -146,9 +163,17 @@ stop_sim
 
 # Mirror: what was written reaches the card after the unmount; --no-put leaves it as it was.
 start_pty_program sim3.out "$sim" --table table.xml --image card.o 2>sim.err || exit 1
-mount_on --mirror
+mount_on --mirror --cache 0 # (each fstat reaches vukra)
 printf 'mirrored\n' >mnt/tree/mirror.txt
 rm mnt/deeper/k1
+stale_cases
+# A second process here is refused the local card, and says where and why.
+cp card.o other.o
+here=("$PTY_PATH" "$PTY_PID")
+start_pty_program sim7.out "$sim" --table table.xml --image other.o 2>sim.err || exit 1
+fails "a second getfs in the directory" "sdcard0.o in $work is held by another process" "$vukra" -p "$PTY_PATH" fs getfs
+stop_sim
+PTY_PATH=${here[0]} PTY_PID=${here[1]}
 unmount
 stop_sim
 [ "$("$ufs" card.o cat /tree/mirror.txt 2>&1)" = mirrored ] && ok || ko "the mirror's file is not on the card"
@@ -163,10 +188,23 @@ fusermount3 -u mnt
 wait $mount_pid
 [ $? = 1 ] && grep -q 'did not reach the device.*kept as sdcard0-unsaved-' mount.err && ok || ko "failed put: $(cat mount.err)"
 [ "$("$ufs" sdcard0-unsaved-*.o cat /kept.txt 2>&1)" = kept ] && ok || ko "the kept card lacks what was written"
+rm sdcard0-unsaved-*.o
+# A mirror killed before its put keeps the card aside; the next one leaves it alone.
+mount_on --mirror
+printf 'kept\n' >mnt/killed.txt
+kill -KILL $mount_pid
+wait $mount_pid 2>/dev/null
+# auto_unmount takes the dead mount away (a stat fails until then)
+for _ in $(seq 300); do stat mnt >/dev/null 2>&1 && ! mountpoint -q mnt && break; sleep 0.05; done
+mount_on --mirror --no-put
+printf 'x\n' >mnt/killed.txt
+unmount
+check "the card kept at SIGKILL" cmp <("$ufs" sdcard0-unsaved-*.o cat /killed.txt 2>&1) <(echo kept)
 stop_sim
 start_pty_program sim4.out "$sim" --table table.xml --image card.o 2>sim.err || exit 1
 mount_on --mirror --no-put
 printf 'dropped\n' >mnt/nope.txt
+errno_of "a write into a full card" "No space left" sh -c 'head -c 9000000 /dev/zero >mnt/full.bin'
 kill -TERM $mount_pid # unmounts as fusermount3 -u does
 wait $mount_pid && ! mountpoint -q mnt && ok || ko "SIGTERM did not unmount cleanly: $(cat mount.err)"
 stop_sim

@@ -59,6 +59,8 @@ _vukra() {
         local options="-p --port --table -v --verbose -q --quiet -h --help --version"
         [[ $group/$verb == fs/get || $group/$verb == fs/put ]] && options+=" -r --recursive"
         [ "$group" = mount ] && options+=" --root --cache --mirror --no-put"
+        [ "$group" = serve ] && options+=" --modbus-tcp --share --read-only --max-clients"
+        [[ $group/$verb == reg/read || $group == poll ]] && options+=" --gap"
         [ "$group/$verb" = fs/putfs ] && options+=" --changed --full"
         COMPREPLY=($(compgen -W "$options" -- "$cur"))
         return 0
@@ -66,7 +68,7 @@ _vukra() {
 
     case ${#words[@]} in
     0)
-        COMPREPLY=($(compgen -W "reg fs watch mount poll" -- "$cur"))
+        COMPREPLY=($(compgen -W "reg fs watch mount poll serve" -- "$cur"))
         return 0
         ;;
     1)

@@ -14,6 +14,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <unistd.h>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,7 @@ struct Options {
     std::string table;
     bool c = false;
     bool all = false;
+    bool verbose = false;
     std::string map, live, host, port, register_name;
 };
 
@@ -48,6 +50,7 @@ Options parse(int argc, char** argv) {
     app.add_option("--port", o.port, "read the values from the device on this serial port (without it every value shows as Erreur)");
     app.add_option("--register", o.register_name, "read only this register; the others show their cached \"value\"");
     app.add_flag("--all", o.all, "--c, and the map as modbus_map.html in the output directory (with --host also the live page as modbus_live.html)");
+    app.add_flag("-v,--verbose", o.verbose, "with --port, show the exchange with the device on standard error");
     live->needs(host);
     app.set_version_flag("--version", "vukra-gen " VUKRA_VERSION);
     tools::parse_command_line(app, argc, argv);
@@ -64,8 +67,10 @@ int page_written(const std::string& path) {
 int live_page(const Options& o, const std::string& path) {
     modbus_vukra_session* s = nullptr;
     if (!o.port.empty()) {
-        tools::library_lines_to(nullptr); // the page is the output; the library's lines are not
-        s = tool::open(o.port.c_str(), o.table.c_str(), false);
+        // The page is the output: the library's lines go to standard error
+        // with -v, else nowhere; the tool says itself what failed.
+        tools::library_lines_to(o.verbose ? stderr : nullptr);
+        s = tool::open(o.port.c_str(), o.table.c_str(), o.verbose);
         if (s == nullptr) {
             std::fprintf(stderr, "vukra-gen: %s\n", tool::last_failure().reason.c_str());
             return 1;

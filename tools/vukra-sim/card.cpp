@@ -4,6 +4,7 @@
 #include "kernel/kernel_diagnostics.h"
 #include "kernel/kernel_errors.h"
 #include "kernel/kernel_start.h"
+#include "kernel/ufs_check.h"
 #include "kernel/vfs.h"
 #include "platform/platform.h"
 #include "remotefs/local_server.h"
@@ -43,6 +44,18 @@ void mount_volume() {
     if (!card.mounted)
         say("/dev/sdcard0 holds no volume that mounts (error " + std::to_string(kernel::kernel_error()) +
             "); /mem is a plain directory until it does");
+}
+
+// A damaged card is served as it is, for what can still be read from it,
+// with a warning that names what the check finds.
+void warn_if_damaged(const fs::path& image) {
+    kernel::CheckReport report;
+    if (!card.mounted || !kernel::check_volume("/mem", report) || report.problems.empty()) return;
+    std::string what = report.problems.front();
+    if (report.problems.size() > 1) what += " and " + std::to_string(report.problems.size() - 1) + " more";
+    const std::string name = image.empty() ? std::string("the temporary card") : image.string();
+    say("warning: " + name + " is damaged: " + what + " (vukra-ufs " + (image.empty() ? "IMAGE" : name) +
+        " check tells all); it is served as it is, and the device may fail on what is damaged");
 }
 
 // The server holds nothing open on /mem here: it unmounts when the device
@@ -141,6 +154,7 @@ bool card_open(const CardOptions& options) {
     if ((card.image.empty() || card.made_image) && !make_volume(size))
         return say("cannot make a volume on the card") || fail_open();
     mount_volume();
+    warn_if_damaged(card.image);
     remotefs::set_served_root("/");
     remotefs::set_server_observer(observe);
     return true;

@@ -118,7 +118,15 @@ Options parse(int argc, char** argv) {
                    "line of standard output is then tcp://HOST:PORT (tcp://localhost:PORT for *). One client\n"
                    "at a time: a second connection waits, accepted by the system but not served, until the\n"
                    "first one closes")
-        ->excludes(port_option);
+        ->excludes(port_option)
+        ->check(CLI::Validator(
+            [](std::string& text) -> std::string {
+                link::TcpAddress address;
+                return link::parse_host_port(text, address, true)
+                           ? ""
+                           : text + " is not HOST:PORT (an IPv6 address in brackets, a port from 0 to 65535)";
+            },
+            "HOST:PORT"));
     app.add_option("--baud", baud, "send replies at the pace of N baud, 8N1 (default: unpaced)")->check(sim::not_empty);
     app.add_option("--corrupt", corrupt, "change one random byte of a reply with probability P (0 to 1)")->check(sim::not_empty);
     sim::add_fault_options(app, o.faults, fault_texts);
@@ -301,14 +309,11 @@ int main(int argc, char** argv) {
     platform::PseudoTerminal pty;
     if (!options.listen.empty()) {
         // HOST:PORT as a client names it, except that port 0 (the system
-        // chooses) is allowed here: it is read as port 1, then asked for as 0.
-        std::string name = "tcp://" + options.listen;
-        const bool any_port = name.ends_with(":0");
-        if (any_port) name.back() = '1';
+        // chooses) is allowed here; the parser took it already.
         link::TcpAddress address;
-        char why[256] = "not HOST:PORT (IPv6 in brackets)";
-        if (link::parse_tcp_name(name.c_str(), address))
-            device.listener = platform::tcp_listen(address.host, any_port ? "0" : address.service, why, sizeof why);
+        char why[256] = "";
+        if (link::parse_host_port(options.listen, address, true))
+            device.listener = platform::tcp_listen(address.host, address.service, why, sizeof why);
         if (device.listener == platform::kInvalidPort) {
             std::fprintf(stderr, "vukra-sim: cannot listen on %s: %s\n", options.listen.c_str(), why);
             return 1;

@@ -1,15 +1,16 @@
 #include "modbus_device.h"
+#include "link/register_transactions.h"
 
 namespace vukra::sim {
 
 namespace {
 
 constexpr std::uint8_t kAddress = 1;
-constexpr std::uint8_t kIllegalFunction = 1;
-constexpr std::uint8_t kIllegalAddress = 2;
-constexpr std::uint8_t kIllegalValue = 3;
-constexpr std::uint32_t kMaxReadWords = 125;
-constexpr std::uint32_t kMaxWriteWords = 123;
+using link::kIllegalAddress;
+using link::kIllegalFunction;
+using link::kIllegalValue;
+using link::kMaxReadWords;
+using link::kMaxWriteWords;
 
 struct Request {
     const link::AsciiFrame& frame;

@@ -1,5 +1,7 @@
 #include "commands.h"
 
+#include "../common/paths.h"
+
 #include "kernel/kernel_errors.h"
 #include "kernel/ufs_check.h"
 #include "kernel/vfs.h"
@@ -13,19 +15,12 @@ namespace vukra::ufs_tool {
 
 using namespace vukra::kernel;
 namespace fs = std::filesystem;
+using tools::joined;
+using tools::parent_of;
 
 namespace {
 
 constexpr std::size_t kChunk = 8192;
-
-std::string parent_of(const std::string& plain) {
-    const std::size_t slash = plain.rfind('/');
-    return slash == 0 ? "/" : plain.substr(0, slash);
-}
-
-std::string child_of(const std::string& plain, const std::string& name) {
-    return (plain == "/" ? "" : plain) + "/" + name;
-}
 
 bool status_of(const std::string& plain, NodeStatus& s) { return kernel::stat(kernel_path(plain).c_str(), s) == 0; }
 
@@ -179,7 +174,7 @@ void tree_below(const std::string& path, int depth) {
         NodeStatus s{};
         const bool directory = kernel::node_status(e.node, s) == 0 && s.kind == kNodeDirectory;
         std::printf("%*s%s%s\n", 2 * depth, "", e.name, directory ? "/" : "");
-        if (directory) tree_below(child_of(path, e.name), depth + 1);
+        if (directory) tree_below(joined(path, e.name), depth + 1);
     }
 }
 
@@ -261,7 +256,7 @@ int put(const std::string& local, const std::string& path) {
     std::string temporary;
     Descriptor fd = -1;
     for (int n = 0; fd < 0 && n < 100; ++n) {
-        temporary = child_of(parent_of(plain), ".vukra-ufs-put-" + std::to_string(n));
+        temporary = joined(parent_of(plain), ".vukra-ufs-put-" + std::to_string(n));
         fd = kernel::open(kernel_path(temporary).c_str(), kOpenWrite | kOpenCreate | kOpenExclusive);
     }
     if (fd < 0) return fail("cannot make a file in " + parent_of(plain) + " (the volume is full)");

@@ -75,6 +75,12 @@ const Command* find_command(const std::string& name) {
     return nullptr;
 }
 
+// A bad argument: one line and status 2, before anything is touched.
+int usage(const std::string& why) {
+    fail(why + " (see vukra-ufs --help)");
+    return 2;
+}
+
 bool parse_number(const std::string& text, std::uint32_t& out) {
     if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 10) return false;
     const unsigned long long value = std::strtoull(text.c_str(), nullptr, 10);
@@ -83,21 +89,20 @@ bool parse_number(const std::string& text, std::uint32_t& out) {
     return true;
 }
 
-// mkfs's options, read before anything is touched.
-bool parse_make(const std::vector<std::string>& args, UfsMakeArgument& a) {
+// mkfs's options, read before anything is touched: "" or what is wrong.
+std::string parse_make(const std::vector<std::string>& args, UfsMakeArgument& a) {
     a = UfsMakeArgument{256, 0xFFFFFFFF, 512, 0};
     for (std::size_t i = 0; i < args.size(); i += 2) {
         std::uint32_t* field = args[i] == "--nodes"        ? &a.nodes
                                : args[i] == "--blocks"     ? &a.blocks
                                : args[i] == "--block-size" ? &a.block_size
                                                            : nullptr;
-        if (field == nullptr) return fail("mkfs: unknown option " + args[i]) == 0;
-        if (i + 1 >= args.size() || !parse_number(args[i + 1], *field))
-            return fail("mkfs: " + args[i] + " takes a number") == 0;
+        if (field == nullptr) return "mkfs: unknown option " + args[i];
+        if (i + 1 >= args.size() || !parse_number(args[i + 1], *field)) return "mkfs: " + args[i] + " takes a number";
     }
-    if (a.nodes == 0 || a.nodes > 0xFFFF) return fail("mkfs: --nodes takes 1 to 65535") == 0;
-    if (a.blocks == 0) return fail("mkfs: --blocks takes at least 1") == 0;
-    return true;
+    if (a.nodes == 0 || a.nodes > 0xFFFF) return "mkfs: --nodes takes 1 to 65535";
+    if (a.blocks == 0) return "mkfs: --blocks takes at least 1";
+    return "";
 }
 
 // Makes the volume; when the result does not mount, the image's first
@@ -105,13 +110,11 @@ bool parse_make(const std::vector<std::string>& args, UfsMakeArgument& a) {
 int make(const fs::path& image, UfsMakeArgument a) {
     const std::uintmax_t size = fs::file_size(image);
     a.device_size = static_cast<std::uint32_t>(tools::card_size(size));
-    std::uint32_t b = a.block_size;
-    if (b != 16 && b != 32 && b != 64 && b != 128 && b != 256 && b != 512 && b != 1024) b = 32;
-    const std::int64_t room = static_cast<std::int64_t>(a.device_size) - a.nodes * 18ll - (a.nodes / 8 + 1);
-    if (room / b - 5 < 1) return fail(image.string() + " is too small for a volume of " + std::to_string(a.nodes) + " nodes");
+    UfsLayout layout{};
+    if (!ufs_layout(a, layout))
+        return fail(image.string() + " is too small for a volume of " + std::to_string(a.nodes) + " nodes");
 
-    const std::uintmax_t touched = 29 + (a.device_size / 16) / 8 + 1 + a.nodes / 8 + 1 + 18;
-    std::vector<char> before(static_cast<std::size_t>(std::min<std::uintmax_t>(touched, size)));
+    std::vector<char> before(static_cast<std::size_t>(std::min<std::uintmax_t>(layout.written, size)));
     {
         std::ifstream in(image, std::ios::binary);
         if (!in.read(before.data(), static_cast<std::streamsize>(before.size())))
@@ -123,7 +126,7 @@ int make(const fs::path& image, UfsMakeArgument a) {
     back.write(before.data(), static_cast<std::streamsize>(before.size()));
     back.flush();
     return fail(std::string("mkfs: no volume that mounts can be made with these sizes") +
-                (b == 1024 ? " (a volume of 1024-byte blocks does not mount)" : "") +
+                (layout.block_size == 1024 ? " (a volume of 1024-byte blocks does not mount)" : "") +
                 (back ? "; the image is as it was" : "; the image could not be put back"));
 }
 
@@ -149,7 +152,7 @@ int run(const fs::path& image, const std::string& command, std::vector<std::stri
     if (command == "ls") {
         const bool long_form = !rest.empty() && rest[0] == "-l";
         if (long_form) rest.erase(rest.begin());
-        status = rest.size() > 1 ? fail("ls takes one path") : ufs_tool::list(rest.empty() ? "/" : rest[0], long_form);
+        status = ufs_tool::list(rest.empty() ? "/" : rest[0], long_form);
     } else if (command == "tree") {
         status = ufs_tool::tree();
     } else if (command == "cat") {
@@ -187,15 +190,17 @@ int tool(std::vector<std::string> args) {
         std::puts("vukra-ufs " VUKRA_VERSION);
         return 0;
     }
-    if (args.size() < 2) return fail("a command is needed (see vukra-ufs --help)");
+    if (args.size() < 2) return usage("a command is needed");
     const std::string command = args[1];
     std::vector<std::string> rest(args.begin() + 2, args.end());
     const Command* known = find_command(command);
-    if (known == nullptr) return fail("unknown command " + command + " (see vukra-ufs --help)");
-    if (rest.size() < known->least || rest.size() > known->most)
-        return fail(command + ": wrong number of arguments (see vukra-ufs --help)");
+    if (known == nullptr) return usage("unknown command " + command);
+    const std::size_t paths = rest.size() - (command == "ls" && !rest.empty() && rest[0] == "-l" ? 1 : 0);
+    if (rest.size() < known->least || rest.size() > known->most || (command == "ls" && paths > 1))
+        return usage(command + ": wrong number of arguments");
     UfsMakeArgument make_argument{};
-    if (command == "mkfs" && !parse_make(rest, make_argument)) return 1;
+    std::string why;
+    if (command == "mkfs" && !(why = parse_make(rest, make_argument)).empty()) return usage(why);
     // SOURCE_DATE_EPOCH, as for reproducible builds: the time of every node
     // made or changed, so that the same commands make the same image.
     std::uint32_t epoch = 0;

@@ -13,6 +13,7 @@
 //   watch_command.cpp   vukra watch
 //   mount_*.cpp         vukra mount (see mount.h)
 //   poll_command.cpp    vukra poll, with poll_values.cpp (formats) and mqtt_bridge.cpp (MQTT)
+//   serve/              vukra serve: the queue, the doors (serve/doors.h)
 //   remote_fs.cpp       what the fs commands share: the mounted session, statuses, transfers
 //   progress.cpp        the progress line of long transfers
 //   interrupt.cpp       Ctrl-C caught while a transfer or watch runs (POSIX and Win32)
@@ -77,5 +78,8 @@ void add_watch_command(CLI::App& app, Options& options);
 
 // vukra poll NAME... (poll_command.cpp)
 void add_poll_command(CLI::App& app, Options& options);
+
+// vukra serve (serve/, POSIX only)
+void add_serve_command(CLI::App& app, Options& options);
 
 } // namespace vukra::cli

@@ -84,7 +84,7 @@ int report(const Remote& r, Moved how, const std::string& what, const std::strin
     switch (how) {
     case Moved::kAll: return 0;
     case Moved::kDevice: return device_fail(r, what, path);
-    case Moved::kStalled: return fail("cannot " + what + " " + path + ": the device took no byte");
+    case Moved::kStalled: return fail("cannot " + what + " " + path + ": the device took no byte (its card is full)");
     case Moved::kLocal: return fail("cannot " + what + " " + path + ": " + local + " failed: " + std::strerror(errno));
     }
     return 1;

@@ -4,7 +4,9 @@
 // operations lock throughout; a follower thread reads the transfer's state
 // (which takes only the state lock) to draw the progress line, and turns
 // a Ctrl-C into cancelfs, asked again at each look until the transfer ends
-// (a transfer clears the cancel word when it starts).
+// (a transfer clears the cancel word when it starts). The line counts the
+// bytes of the image that cross the line (the used groups of the card's
+// map), not the session's progress word, which runs over every group.
 #include "cli.h"
 #include "device.h"
 #include "interrupt.h"
@@ -16,7 +18,6 @@
 #include <chrono>
 #include <memory>
 #include <string>
-#include <unistd.h>
 
 namespace vukra::cli {
 
@@ -24,41 +25,22 @@ namespace {
 
 struct Follower {
     modbus_vukra_session* session = nullptr;
-    const char* label = "";
-    std::int32_t direction = 0; // 1 get, 2 put: the state of an earlier transfer is not drawn
-    bool changed = false;       // a put of the changed parts: its phases 1 and 3 do other work
-    bool shown = false;         // a progress line on a terminal
     std::atomic<bool> done{false};
     // Written by the follower, read once it ended.
+    Progress progress;
     std::int32_t bytes_per_second = 0;
-    bool drew = false;
 };
-
-const char* phase_name(std::int32_t phase, bool changed) {
-    switch (phase) {
-    case 1: return changed ? "checking the device" : "header and metadata";
-    case 2: return "data";
-    case 3: return changed ? "metadata and header" : "signature";
-    default: return "done";
-    }
-}
 
 void follow(void* argument) {
     Follower& f = *static_cast<Follower*>(argument);
     while (!f.done.load()) {
         if (interrupted()) modbus_vukra_op_cancelfs(f.session);
         std::int32_t info[MODBUS_VUKRA_INFO_WORDS] = {};
-        if (modbus_vukra_op_session_info(f.session, info) == 0) {
-            if (info[MODBUS_VUKRA_INFO_BITS_PER_SECOND] > 0)
-                f.bytes_per_second = info[MODBUS_VUKRA_INFO_BITS_PER_SECOND] / 8;
-            const std::int32_t phase = info[MODBUS_VUKRA_INFO_PHASE];
-            if (f.shown && info[MODBUS_VUKRA_INFO_DIRECTION] == f.direction && phase >= 1 && phase <= 3) {
-                std::fprintf(stderr, "\r%s: %-19s %3d%%, %d bytes/s ", f.label, phase_name(phase, f.changed),
-                             info[MODBUS_VUKRA_INFO_PROGRESS], f.bytes_per_second);
-                std::fflush(stderr);
-                f.drew = true;
-            }
-        }
+        if (modbus_vukra_op_session_info(f.session, info) == 0 && info[MODBUS_VUKRA_INFO_BITS_PER_SECOND] > 0)
+            f.bytes_per_second = info[MODBUS_VUKRA_INFO_BITS_PER_SECOND] / 8;
+        std::uint64_t bytes[2] = {};
+        if (modbus_vukra_transfer_bytes(f.session, bytes) == 0 && bytes[1] > 0)
+            progress_set(f.progress, bytes[0], bytes[1]);
         platform::sleep_ms(100);
     }
 }
@@ -112,10 +94,7 @@ int card_transfer(Options& o, bool get, bool changed) {
 
     Follower f;
     f.session = r.session;
-    f.label = label;
-    f.direction = get ? 1 : 2;
-    f.changed = changed;
-    f.shown = !o.quiet && isatty(STDERR_FILENO) == 1;
+    f.progress = progress_start(label, kTotalUnknown, o.quiet);
     platform::Thread thread;
     const bool following = platform::thread_start(thread, follow, &f);
     const auto start = std::chrono::steady_clock::now();
@@ -125,7 +104,12 @@ int card_transfer(Options& o, bool get, bool changed) {
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     f.done = true;
     if (following) platform::thread_join(thread, 5000);
-    if (f.drew) std::fputc('\n', stderr);
+    const bool drawn = f.progress.shown;
+    if (result >= 0) { // done, though a device's card that ended early sent fewer
+        std::uint64_t bytes[2] = {};
+        if (modbus_vukra_transfer_bytes(r.session, bytes) == 0) progress_set(f.progress, bytes[1], bytes[1]);
+    }
+    progress_end(f.progress);
 
     if (result < 0) {
         const std::int32_t error = modbus_vukra_op_session_error(r.session);
@@ -136,6 +120,13 @@ int card_transfer(Options& o, bool get, bool changed) {
                         "before the device uses it");
         if (error == -11)
             return fail(std::string(label) + " cancelled at Ctrl-C (status -11): " + left_behind(get, error));
+        if (error == -18) {
+            std::error_code e;
+            return fail(std::string(label) + " refused: the local card sdcard0.o in " +
+                        shown(std::filesystem::current_path(e)) +
+                        " is held by another process (a mount --mirror or getfs running in that directory); "
+                        "neither card was changed: start this one in another directory");
+        }
         return fail(std::string(label) + " failed: " + failure(r.session) + "; " + left_behind(get, error));
     }
     // Said even without -v: a put that wrote nothing is not mistaken for one that did.
@@ -144,7 +135,7 @@ int card_transfer(Options& o, bool get, bool changed) {
         return 0;
     }
     // The summary ends the progress line of a terminal, or answers -v.
-    if (o.verbose || f.shown) {
+    if (o.verbose || drawn) {
         std::fflush(stdout);
         std::fprintf(stderr, "%s: done in %.2f s (last exchange at %d bytes/s)%s\n", label, seconds, f.bytes_per_second,
                      get       ? "; /mem is now the local copy"

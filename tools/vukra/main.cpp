@@ -43,6 +43,9 @@ void define(CLI::App& app, vukra::cli::Options& options, Shared& shared) {
     vukra::cli::add_mount_command(app, options);
 #endif
     vukra::cli::add_poll_command(app, options);
+#ifdef VUKRA_SERVE
+    vukra::cli::add_serve_command(app, options);
+#endif
     app.set_version_flag("--version", "vukra " VUKRA_VERSION);
 }
 

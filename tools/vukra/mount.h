@@ -24,6 +24,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -83,12 +84,19 @@ struct State {
     modbus_vukra_session* session = nullptr;
     std::string root; // the device's directory shown as the mount's root
     Cache cache;
-    std::map<std::uint64_t, std::string> files; // open files by number: the device path
+    // An open file: its device path and the node it was opened on. A path
+    // that names another node, or none, is no longer this file.
+    struct OpenFile {
+        std::string path;
+        std::uint32_t node = 0;
+    };
+    std::map<std::uint64_t, OpenFile> files; // by number
     std::uint64_t next_file = 1;
     // The open file the session's current handle designates, 0 for none:
     // every other request leaves it to what it looked up itself.
     std::uint64_t current = 0;
     bool written = false; // a request that changes the device's files was made
+    std::function<void()> first_write; // called once, as written becomes true
     Cache::Clock::time_point silent_until{}; // the device did not answer a moment ago
     double cache_seconds = 0; // also the kernel's own time for attributes and names
     unsigned uid = 0, gid = 0;

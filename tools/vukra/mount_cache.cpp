@@ -4,16 +4,11 @@ namespace vukra::cli::mount {
 
 namespace {
 
-std::string parent(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
-}
-
 // Forgets path, its parent and everything below path.
 template <class Map>
 void forget(Map& entries, const std::string& path) {
     entries.erase(path);
-    entries.erase(parent(path));
+    entries.erase(parent_of(path));
     const std::string prefix = path == "/" ? "/" : path + "/";
     for (auto at = entries.lower_bound(prefix);
          at != entries.end() && at->first.compare(0, prefix.size(), prefix) == 0;)

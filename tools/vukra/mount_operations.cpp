@@ -30,8 +30,11 @@ State& state() { return *static_cast<State*>(fuse_get_context()->private_data); 
 
 // The device path of a path under the mount: 0, or -ENAMETOOLONG when the
 // device could not be sent it or holds no name that long (it answers a name
-// of more than 255 bytes as missing, which would read as ENOENT).
+// of more than 255 bytes as missing, which would read as ENOENT). FUSE
+// passes no path for an open file or directory whose name was removed or
+// replaced meanwhile: -ESTALE, what bears the name now is another's.
 int to_device(const State& st, const char* path, std::string& out) {
+    if (path == nullptr) return -ESTALE;
     out = st.root == "/" ? std::string(path) : std::strcmp(path, "/") == 0 ? st.root : st.root + path;
     if (out.size() > kLongestPath) return -ENAMETOOLONG;
     for (const char* name = path; *name != '\0';) {
@@ -97,26 +100,38 @@ void fill(const State& st, const modbus_vukra_attributes& a, struct stat& out) {
     out.st_atime = out.st_mtime = out.st_ctime = a.words[kAttrTime];
 }
 
+// The device's files are about to change (the first time: first_write).
+void wrote(State& st) {
+    if (!st.written && st.first_write) st.first_write();
+    st.written = true;
+}
+
 // A request that changes the device's files: what it touches leaves the
 // cache, and the current handle is the device's to choose.
 void changing(State& st, const std::string& path) {
     st.current = 0;
-    st.written = true;
+    wrote(st);
     st.cache.drop(path);
 }
 
 // Makes the open file fh the current handle again; 0 or -errno. The high-
-// level library passes the path the file has now, renames included.
+// level library passes the path the file has now, renames included. A file
+// is bound to the node it was opened on: when its path names another node,
+// or none, it is stale, and nothing is read from or written to what bears
+// the name now.
 int establish(State& st, std::uint64_t fh, const char* path) {
     const auto file = st.files.find(fh);
     if (file == st.files.end()) return -EBADF;
     if (silent(st)) return -EIO;
-    if (path != nullptr) {
-        if (const int refused = to_device(st, path, file->second)) return refused;
-    }
+    if (const int refused = to_device(st, path, file->second.path)) return refused;
     if (st.current == fh) return 0;
     st.current = 0;
-    if (modbus_vukra_op_protected_lookup(st.session, file->second.c_str(), nullptr) != 0) return failed(st);
+    modbus_vukra_attributes a{};
+    if (modbus_vukra_op_protected_lookup(st.session, file->second.path.c_str(), &a) != 0) {
+        const int result = failed(st);
+        return result == -ENOENT ? -ESTALE : result;
+    }
+    if (a.words[kAttrNode] != file->second.node) return -ESTALE;
     st.current = fh;
     return 0;
 }
@@ -175,7 +190,7 @@ int on_open(const char* path, fuse_file_info* fi) {
     if (const int result = look(st, path, device, a)) return result;
     if (is_directory(a)) return -EISDIR;
     fi->fh = st.next_file++;
-    st.files[fi->fh] = device;
+    st.files[fi->fh] = {device, a.words[kAttrNode]};
     return 0;
 }
 
@@ -193,7 +208,7 @@ int on_create(const char* path, mode_t mode, fuse_file_info* fi) {
     if (modbus_vukra_op_protected_lookup(st.session, device.c_str(), &a) != 0) return failed(st);
     st.cache.put_attributes(device, true, a);
     fi->fh = st.next_file++;
-    st.files[fi->fh] = device;
+    st.files[fi->fh] = {device, a.words[kAttrNode]};
     st.current = fi->fh;
     return 0;
 }
@@ -223,7 +238,7 @@ int on_write(const char* path, const char* buffer, std::size_t size, off_t offse
     State& st = state();
     if (const int result = establish(st, fi->fh, path)) return result;
     if (offset + static_cast<off_t>(size) > kLastPosition) return -EFBIG;
-    st.written = true;
+    wrote(st);
     modbus_vukra_op_protected_seek(st.session, static_cast<std::uint32_t>(offset), 0);
     std::size_t done = 0;
     int result = 0;
@@ -239,7 +254,7 @@ int on_write(const char* path, const char* buffer, std::size_t size, off_t offse
             done += static_cast<std::size_t>(taken);
         }
     }
-    st.cache.grown(st.files[fi->fh], static_cast<std::uint32_t>(offset + static_cast<off_t>(done)));
+    st.cache.grown(st.files[fi->fh].path, static_cast<std::uint32_t>(offset + static_cast<off_t>(done)));
     return done > 0 ? static_cast<int>(done) : result;
 }
 
@@ -289,8 +304,9 @@ int on_rename(const char* from_path, const char* to_path, unsigned int flags) {
     changing(st, to);
     if (modbus_vukra_op_protected_rename(st.session, from.c_str(), to.c_str()) != 0) return failed(st);
     // Open files below a moved directory are looked up by their new paths.
-    for (auto& [fh, path] : st.files)
-        if (path == from || path.compare(0, from.size() + 1, from + "/") == 0) path = to + path.substr(from.size());
+    for (auto& [fh, file] : st.files)
+        if (file.path == from || file.path.compare(0, from.size() + 1, from + "/") == 0)
+            file.path = to + file.path.substr(from.size());
     return 0;
 }
 
@@ -340,29 +356,40 @@ int on_utimens(const char*, const struct timespec*, fuse_file_info*) { return -E
 int on_link(const char*, const char*) { return -EPERM; }
 int on_mknod(const char*, mode_t, dev_t) { return -EPERM; }
 
+// No request may end the mount: whatever an operation throws (memory
+// running out) is EIO for that request alone.
+template <auto Operation, typename... Arguments>
+int guarded(Arguments... arguments) noexcept {
+    try {
+        return Operation(arguments...);
+    } catch (...) {
+        return -EIO;
+    }
+}
+
 const fuse_operations kOperations = [] {
     fuse_operations o{};
     o.init = on_init;
-    o.getattr = on_getattr;
-    o.readdir = on_readdir;
-    o.open = on_open;
-    o.create = on_create;
-    o.read = on_read;
-    o.write = on_write;
-    o.truncate = on_truncate;
-    o.unlink = on_unlink;
-    o.mkdir = on_mkdir;
-    o.rmdir = on_rmdir;
-    o.rename = on_rename;
-    o.statfs = on_statfs;
-    o.release = on_release;
-    o.fsync = on_fsync;
-    o.chmod = on_chmod;
-    o.chown = on_chown;
-    o.utimens = on_utimens;
-    o.link = on_link;
-    o.symlink = on_link;
-    o.mknod = on_mknod;
+    o.getattr = guarded<on_getattr>;
+    o.readdir = guarded<on_readdir>;
+    o.open = guarded<on_open>;
+    o.create = guarded<on_create>;
+    o.read = guarded<on_read>;
+    o.write = guarded<on_write>;
+    o.truncate = guarded<on_truncate>;
+    o.unlink = guarded<on_unlink>;
+    o.mkdir = guarded<on_mkdir>;
+    o.rmdir = guarded<on_rmdir>;
+    o.rename = guarded<on_rename>;
+    o.statfs = guarded<on_statfs>;
+    o.release = guarded<on_release>;
+    o.fsync = guarded<on_fsync>;
+    o.chmod = guarded<on_chmod>;
+    o.chown = guarded<on_chown>;
+    o.utimens = guarded<on_utimens>;
+    o.link = guarded<on_link>;
+    o.symlink = guarded<on_link>;
+    o.mknod = guarded<on_mknod>;
     return o;
 }();
 

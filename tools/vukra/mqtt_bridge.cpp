@@ -1,5 +1,7 @@
 #include "mqtt_bridge.h"
 
+#include "link/port_name.h"
+
 #include <mosquitto.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -83,24 +85,16 @@ std::string parse_url(const std::string& url, Mqtt& m, bool& tls) {
                "VUKRA_MQTT_PASSWORD or --mqtt-credentials FILE";
     const std::string problem = prefix_problem(m.prefix, given);
     if (!problem.empty()) return problem;
-    // An IPv6 address is in brackets: the port's colon is the one after ']'.
-    const std::size_t close = authority.find(']');
-    if (!authority.empty() && authority.front() == '[' &&
-        (close == std::string::npos || (close + 1 < authority.size() && authority[close + 1] != ':')))
-        return "\"" + url + "\" is not an MQTT URL: an IPv6 address goes in brackets, as in mqtt://[::1]:1883/PREFIX";
-    std::size_t colon = authority.rfind(':');
-    if (colon != std::string::npos && (close == std::string::npos || colon > close)) {
-        const std::string digits = authority.substr(colon + 1);
-        if (digits.empty() || digits.size() > 5 || digits.find_first_not_of("0123456789") != std::string::npos ||
-            std::atoi(digits.c_str()) < 1 || std::atoi(digits.c_str()) > 65535)
-            return "\"" + digits + "\" is not a port from 1 to 65535";
-        m.port = std::atoi(digits.c_str());
-        authority.resize(colon);
-    }
-    if (authority.size() > 2 && authority.front() == '[' && authority.back() == ']')
-        authority = authority.substr(1, authority.size() - 2);
-    if (authority.empty()) return "\"" + url + "\" names no host" + form;
-    m.host = authority;
+    // HOST or HOST:PORT, an IPv6 address in brackets: the port's colon is
+    // the one after ']'.
+    const bool has_port = !authority.empty() && authority.front() == '[' ? authority.find("]:") != std::string::npos
+                                                   : authority.find(':') != std::string::npos;
+    link::TcpAddress address;
+    if (!link::parse_host_port(has_port ? authority : authority + ":" + std::to_string(m.port), address))
+        return "\"" + url + "\" is not an MQTT URL: HOST or HOST:PORT, a port from 1 to 65535, an IPv6 address "
+               "goes in brackets, as in mqtt://[::1]:1883/PREFIX";
+    m.host = address.host;
+    m.port = std::atoi(address.service);
     return "";
 }
 
@@ -291,6 +285,12 @@ void on_message(mosquitto*, void* context, const mosquitto_message* message) {
 }
 
 } // namespace
+
+std::string mqtt_url_problem(const std::string& url) {
+    Mqtt scratch;
+    bool tls = false;
+    return parse_url(url, scratch, tls);
+}
 
 std::string mqtt_name_problem(const std::string& name) {
     const std::string it = "the register name \"" + name + "\" cannot be an MQTT topic level: it ";

@@ -57,6 +57,9 @@ inline constexpr int kConnectAnswerSeconds = 5;
 
 struct Mqtt;
 
+// What is wrong with an MQTT URL, or "": the command line's check.
+std::string mqtt_url_problem(const std::string& url);
+
 // "" when name can be a topic level of a register, else why not.
 std::string mqtt_name_problem(const std::string& name);
 

@@ -10,6 +10,7 @@
 #include "device.h"
 #include "interrupt.h"
 #include "poll_values.h"
+#include "register_reads.h"
 
 #ifdef VUKRA_HAVE_MQTT
 #include "mqtt_bridge.h"
@@ -29,25 +30,21 @@ struct PollOptions {
     std::vector<std::string> names;
     double every = 1.0;
     unsigned long count = 0; // 0: until Ctrl-C
-    std::string format = "text";
+    Format format = Format::kText;
     std::string mqtt, credentials, ca_file;
+    unsigned gap = kDefaultGap;
 };
 
 using Clock = std::chrono::steady_clock;
 
 int poll(Options& o, const PollOptions& po) {
-    Format format;
-    if (!parse_format(po.format, format)) return fail("--format is text, csv or json, not \"" + po.format + "\"");
-    if (!(po.every > 0 && po.every <= 86400 && std::isfinite(po.every)))
-        return fail("--every is a number of seconds above 0, at most 86400");
+    const Format format = po.format;
     std::FILE* out = data_stream(o);
-    if (!load_table(o)) return 1;
     std::vector<Polled> polled;
-    for (const std::string& name : po.names) {
-        polled.push_back(Polled{name});
-        const std::string why = look_up(polled.back(), false);
-        if (!why.empty()) return fail(why);
-    }
+    modbus_vukra_session* s = open_for_reading(o, po.names, polled);
+    if (s == nullptr) return 1;
+    Grouping grouping; // kept from round to round: the spans the device refused
+    grouping.gap = po.gap;
 #ifdef VUKRA_HAVE_MQTT
     std::unique_ptr<Mqtt, void (*)(Mqtt*)> mqtt(nullptr, mqtt_stop);
     if (!po.mqtt.empty()) {
@@ -60,9 +57,6 @@ int poll(Options& o, const PollOptions& po) {
 #else
     if (!po.mqtt.empty()) return fail("this vukra was built without MQTT (libmosquitto)");
 #endif
-    modbus_vukra_session* s = device_session(o);
-    if (s == nullptr) return 1;
-    for (Polled& p : polled) look_up(p, false); // the open loaded the table again
 
     const InterruptCaught caught;
     const auto period = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(po.every));
@@ -71,16 +65,18 @@ int poll(Options& o, const PollOptions& po) {
     Clock::time_point next = Clock::now();
     for (unsigned long round = 0; (po.count == 0 || round < po.count) && !interrupted(); ++round) {
         const std::string time = timestamp();
-        std::vector<Reading> readings;
-        for (const Polled& p : polled) {
+        std::function<void()> between; // before each transaction of the round
 #ifdef VUKRA_HAVE_MQTT
-            // A set waits at most for the read in progress.
-            if (mqtt && !interrupted()) mqtt_apply_sets(mqtt.get(), s, 0);
+        // A set waits at most for the read in progress.
+        if (mqtt) between = [&] {
+            if (!interrupted()) mqtt_apply_sets(mqtt.get(), s, 0);
+        };
 #endif
-            readings.push_back(read_register(s, p));
-            failed_read |= !readings.back().ok;
+        const std::vector<Reading> readings = read_registers(s, polled, grouping, between);
+        for (const Reading& r : readings) {
+            failed_read |= !r.ok;
 #ifdef VUKRA_HAVE_MQTT
-            if (mqtt) mqtt_publish_value(mqtt.get(), p.name, reading_json(readings.back(), time));
+            if (mqtt) mqtt_publish_value(mqtt.get(), r.name, reading_json(r, time));
 #endif
         }
         std::fputs(round_line(format, time, readings).c_str(), out);
@@ -135,11 +131,16 @@ void add_poll_command(CLI::App& app, Options& options) {
                 return "is a number of rounds from 1 up, not \"" + text + "\"";
             },
             "N>=1"));
-    command->add_option("--format", po->format, "text, csv or json (one object a line)")->check(format_check());
+    add_format_option(command, po->format, "text, csv or json (one object a line)");
+    add_gap_option(command, po->gap);
     command->add_option("--mqtt", po->mqtt,
                         "publish to mqtt://HOST:PORT/PREFIX (mqtts:// for TLS): retained JSON at PREFIX/register/NAME, "
                         "writes from PREFIX/register/NAME/set, refusals at PREFIX/register/NAME/error, PREFIX/status "
-                        "online/offline");
+                        "online/offline")
+#ifdef VUKRA_HAVE_MQTT
+        ->check(CLI::Validator(mqtt_url_problem, "URL"))
+#endif
+        ;
     command->add_option("--mqtt-credentials", po->credentials,
                         "a file: the broker's user name on its first line, the password on its second (else "
                         "VUKRA_MQTT_USERNAME and VUKRA_MQTT_PASSWORD)");

@@ -1,8 +1,10 @@
 #include "poll_values.h"
 
 #include "device.h"
+#include "register_reads.h"
 
 #include "session/named_registers.h"
+#include "session/tool_interface.h"
 #include "table/value_format.h"
 
 #include <chrono>
@@ -15,10 +17,6 @@ namespace vukra::cli {
 
 namespace {
 
-// The most words one request carries: function 3 reads at most 125
-// registers, function 16 writes at most 123.
-constexpr std::int32_t kMaxReadWords = 125;
-constexpr std::int32_t kMaxWriteWords = 123;
 
 bool is_number(const std::string& word) {
     if (word.empty()) return false;
@@ -56,6 +54,9 @@ std::string csv_cell(const std::string& text) {
 
 } // namespace
 
+namespace {
+
+// "text", "csv" or "json"; false for anything else.
 bool parse_format(const std::string& word, Format& format) {
     if (word == "text") format = Format::kText;
     else if (word == "csv") format = Format::kCsv;
@@ -64,13 +65,19 @@ bool parse_format(const std::string& word, Format& format) {
     return true;
 }
 
-CLI::Validator format_check() {
-    return CLI::Validator(
-        [](std::string& text) {
-            Format format;
-            return parse_format(text, format) ? std::string() : "is text, csv or json, not \"" + text + "\"";
-        },
-        "text|csv|json");
+} // namespace
+
+CLI::Option* add_format_option(CLI::App* command, Format& format, const std::string& help) {
+    // The check runs before the function: it sees only the three words.
+    return command
+        ->add_option_function<std::string>(
+            "--format", [&format](const std::string& text) { parse_format(text, format); }, help)
+        ->check(CLI::Validator(
+            [](std::string& text) {
+                Format seen;
+                return parse_format(text, seen) ? std::string() : "is text, csv or json, not \"" + text + "\"";
+            },
+            "text|csv|json"));
 }
 
 std::string look_up(Polled& p, bool writing) {
@@ -80,7 +87,7 @@ std::string look_up(Polled& p, bool writing) {
         return p.name + " is read-only (access \"R\" in the table): nothing was sent";
     if (!writing && !(p.reg.access & table::kAccessRead))
         return p.name + " is write-only (access \"W\" in the table): nothing was sent";
-    const std::int32_t limit = writing ? kMaxWriteWords : kMaxReadWords;
+    const auto limit = static_cast<std::int32_t>(writing ? tool::kMaxWriteWords : tool::kMaxReadWords);
     if (p.type.words <= 0 || p.type.words > limit)
         return p.name + "'s type " + (p.type.name ? p.type.name : "?") + " has " + std::to_string(p.type.words) +
                " words; one Modbus " + (writing ? "write" : "read") + " carries 1 to " + std::to_string(limit) +
@@ -89,15 +96,22 @@ std::string look_up(Polled& p, bool writing) {
 }
 
 Reading read_register(modbus_vukra_session* s, const Polled& p) {
-    Reading r;
-    r.name = p.name;
-    r.type = p.type.name ? p.type.name : "?";
     std::uint8_t value[session::kTransferSize] = {};
     const std::int32_t count = 2 * p.type.words;
     if (modbus_vukra_op_protected_readreg(s, p.name.c_str(), value, count) != count) {
+        Reading r;
+        r.name = p.name;
+        r.type = p.type.name ? p.type.name : "?";
         r.error = transaction_failure();
         return r;
     }
+    return reading_of(p, value);
+}
+
+Reading reading_of(const Polled& p, const std::uint8_t* value) {
+    Reading r;
+    r.name = p.name;
+    r.type = p.type.name ? p.type.name : "?";
     if (!table::format_value(p.type, value, r.text)) {
         r.error = "its type " + r.type + " has no text form";
         return r;
@@ -176,25 +190,24 @@ std::string reading_json(const Reading& r, const std::string& time) {
            (r.ok ? "" : ",\"error\":" + json_string(r.error)) + "}";
 }
 
-int read_once(Options& o, const std::vector<std::string>& names, Format format) {
+int read_once(Options& o, const std::vector<std::string>& names, Format format, unsigned gap) {
     std::FILE* out = data_stream(o);
-    if (!load_table(o)) return 1;
     std::vector<Polled> polled;
-    for (const std::string& name : names) {
-        polled.push_back(Polled{name});
-        const std::string why = look_up(polled.back(), false);
-        if (!why.empty()) return fail(why);
-    }
-    modbus_vukra_session* s = device_session(o);
+    modbus_vukra_session* s = open_for_reading(o, names, polled);
     if (s == nullptr) return 1;
-    std::vector<Reading> readings;
+    Grouping grouping;
+    grouping.gap = gap;
+    const std::string time = timestamp();
+    const std::vector<Reading> readings = read_registers(s, polled, grouping);
     int status = 0;
-    for (Polled& p : polled) {
-        look_up(p, false); // the open loaded the table again
-        readings.push_back(read_register(s, p));
-        if (!readings.back().ok) status = fail("cannot read " + p.name + ": " + readings.back().error);
+    for (const Reading& r : readings)
+        if (!r.ok) status = fail("cannot read " + r.name + ": " + r.error);
+    if (format == Format::kText) {
+        for (const Reading& r : readings)
+            if (r.ok) std::fprintf(out, "%s = %s\n", r.name.c_str(), r.text.c_str());
+    } else {
+        std::fputs((header_line(format, polled) + round_line(format, time, readings)).c_str(), out);
     }
-    std::fputs((header_line(format, polled) + round_line(format, timestamp(), readings)).c_str(), out);
     if (std::fflush(out) != 0) status = fail("cannot write the values");
     return status;
 }

@@ -23,12 +23,9 @@ namespace vukra::cli {
 
 enum class Format { kText, kCsv, kJson };
 
-// "text", "csv" or "json"; false for anything else.
-bool parse_format(const std::string& word, Format& format);
-
-// The --format option's check: anything else is a usage error, told before
-// the command runs.
-CLI::Validator format_check();
+// The --format option of a command, read into format: "text", "csv" or
+// "json"; anything else is a usage error, told before the command runs.
+CLI::Option* add_format_option(CLI::App* command, Format& format, const std::string& help);
 
 // A register to read, looked up in the loaded table.
 struct Polled {
@@ -49,7 +46,10 @@ struct Reading {
     std::string error; // why not, when not ok
 };
 
+// One register read by its name (the library's named read).
 Reading read_register(modbus_vukra_session* s, const Polled& p);
+// The reading of a value read (host-order words, as the named read gives).
+Reading reading_of(const Polled& p, const std::uint8_t* value);
 
 // Now, UTC, as 2026-11-24T11:40:00.125Z.
 std::string timestamp();
@@ -64,8 +64,9 @@ std::string round_line(Format format, const std::string& time, const std::vector
 // One register as its own JSON object, with the time: what MQTT publishes.
 std::string reading_json(const Reading& r, const std::string& time);
 
-// Reads the registers once and writes the round in the format (reg read
-// --format): 0, or 1 when a register could not be read.
-int read_once(Options& o, const std::vector<std::string>& names, Format format);
+// Reads the registers once, grouped with gaps of at most gap words, and
+// writes the round in the format (reg read): 0, or 1 when a register could
+// not be read.
+int read_once(Options& o, const std::vector<std::string>& names, Format format, unsigned gap);
 
 } // namespace vukra::cli

@@ -2,6 +2,7 @@
 #include "cli.h"
 #include "device.h"
 #include "poll_values.h"
+#include "register_reads.h"
 
 #include "session/named_registers.h"
 #include "table/register_table.h"
@@ -20,38 +21,6 @@ std::string shown(const Polled& t, const std::uint8_t* value) {
     std::string text;
     if (!table::format_value(t.type, value, text)) return "";
     return text;
-}
-
-int read(Options& o, const std::vector<std::string>& names) {
-    std::FILE* out = data_stream(o);
-    if (!load_table(o)) return 1;
-    std::vector<Polled> targets;
-    for (const std::string& name : names) {
-        targets.push_back(Polled{name});
-        std::string why = look_up(targets.back(), false);
-        if (!why.empty()) return fail(why);
-    }
-    modbus_vukra_session* s = device_session(o);
-    if (s == nullptr) return 1;
-    int status = 0;
-    for (Polled& t : targets) {
-        look_up(t, false); // an open loads the table again
-        std::uint8_t value[session::kTransferSize] = {};
-        const std::int32_t count = 2 * t.type.words;
-        if (modbus_vukra_op_protected_readreg(s, t.name.c_str(), value, count) != count) {
-            status = fail("cannot read " + t.name + ": " + transaction_failure());
-            continue;
-        }
-        std::string text = shown(t, value);
-        if (text.empty()) {
-            status = fail("cannot show " + t.name + ": its type " + (t.type.name ? t.type.name : "?") +
-                          " has no text form");
-            continue;
-        }
-        std::fprintf(out, "%s = %s\n", t.name.c_str(), text.c_str());
-    }
-    if (std::fflush(out) != 0) status = fail("cannot write the values");
-    return status;
 }
 
 int write(Options& o, const std::string& name, const std::vector<std::string>& words) {
@@ -111,20 +80,18 @@ void add_reg_commands(CLI::App& app, Options& options) {
 
     struct Words {
         std::vector<std::string> names, value;
-        std::string name, table, format = "text";
+        std::string name, table;
+        Format format = Format::kText;
+        unsigned gap = kDefaultGap;
     };
     auto words = std::make_shared<Words>();
 
     CLI::App* read_cmd = reg->add_subcommand("read", "read registers and show their values, one \"NAME = VALUE\" a line");
     read_cmd->add_option("NAME", words->names, "register names")->required();
-    read_cmd->add_option("--format", words->format, "text (NAME = VALUE lines), csv or json, as one round of poll")
-        ->check(format_check());
-    choose(read_cmd, options, [&options, words] {
-        Format format;
-        if (!parse_format(words->format, format))
-            return fail("--format is text, csv or json, not \"" + words->format + "\"");
-        return format == Format::kText ? read(options, words->names) : read_once(options, words->names, format);
-    });
+    add_format_option(read_cmd, words->format, "text (NAME = VALUE lines), csv or json, as one round of poll");
+    add_gap_option(read_cmd, words->gap);
+    choose(read_cmd, options,
+           [&options, words] { return read_once(options, words->names, words->format, words->gap); });
 
     CLI::App* write_cmd = reg->add_subcommand(
         "write", "write a register: decimal, or 0x hexadecimal for integers; a buffer's elements separated by blanks");

@@ -10,6 +10,7 @@
 #include "cli.h"
 #include "modbus_vukra.h"
 #include "progress.h"
+#include "../common/paths.h"
 #include "session/tool_interface.h"
 
 #include <cstdint>
@@ -59,11 +60,9 @@ struct Remote {
 
 // A device path from the root, without repeated or trailing slashes.
 std::string remote_path(const std::string& user_path);
-// The directory part and the last name of a remote path ("/" has none).
-std::string parent_of(const std::string& path);
-std::string name_of(const std::string& path);
-// dir + "/" + name, without doubling the slash of the root.
-std::string joined(const std::string& dir, const std::string& name);
+using tools::joined;
+using tools::name_of;
+using tools::parent_of;
 
 // The session's error word in words: "status N (meaning)", or what went
 // wrong when no status came.

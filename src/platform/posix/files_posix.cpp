@@ -63,6 +63,14 @@ FileLockResult file_lock_exclusive(const char* path, FileLock& lock) {
     return FileLockResult::kHeld;
 }
 
+std::uint32_t file_lock_names(const FileLock& lock) {
+    struct stat info {};
+    if (lock.handle < 0 || ::fstat(static_cast<int>(lock.handle), &info) != 0) return 1;
+    return static_cast<std::uint32_t>(info.st_nlink);
+}
+
+bool file_remove(const char* path) { return ::unlink(path) == 0; }
+
 void file_unlock(FileLock& lock) {
     if (lock.handle < 0) return;
     ::close(static_cast<int>(lock.handle)); // releases the lock

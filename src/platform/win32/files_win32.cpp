@@ -71,6 +71,14 @@ FileLockResult file_lock_exclusive(const char* path, FileLock& lock) {
     return FileLockResult::kHeld;
 }
 
+std::uint32_t file_lock_names(const FileLock& lock) {
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (lock.handle == -1 || !GetFileInformationByHandle(reinterpret_cast<HANDLE>(lock.handle), &info)) return 1;
+    return static_cast<std::uint32_t>(info.nNumberOfLinks);
+}
+
+bool file_remove(const char* path) { return DeleteFileA(path) != 0; }
+
 void file_unlock(FileLock& lock) {
     if (lock.handle == -1) return;
     HANDLE h = reinterpret_cast<HANDLE>(lock.handle);

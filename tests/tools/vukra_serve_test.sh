@@ -1,0 +1,136 @@
+#!/usr/bin/env bash
+# vukra serve against vukra-sim, with real clients: mbpoll and pymodbus on
+# Modbus TCP, and through the shared line a vukra mount, a Python script of
+# the package and vukra itself, all at once; the systemd unit verified;
+# refusals and hostile bytes. Servers on 127.0.0.1 and free ports, stopped
+# on exit.
+#   vukra_serve_test.sh BUILD_TOOLS_DIR EXAMPLES_DIR SCRIPTS_DIR LIBRARY PYTHON_DIR UNIT
+. "$(dirname "$0")/../support/tool_checks.sh"
+library=$4 python_dir=$5 unit=$6
+here=$(dirname "$(realpath "${BASH_SOURCE[0]}")")
+cp "$examples/table.xml" .
+trap 'fusermount3 -uz "$work/mnt" 2>/dev/null; stop_pty_programs; rm -rf "$work"' EXIT
+
+# --- the unit: systemd-analyze finds nothing to say about an instance ---
+mkdir units
+sed "s|/usr/bin/vukra|$vukra|" "$unit" >units/vukra-serve@oven3.service
+if systemd-analyze verify --man=no units/vukra-serve@oven3.service >verify.out 2>&1 && [ ! -s verify.out ]; then ok; else
+  ko "systemd-analyze verify: $(cat verify.out)"
+fi
+
+# --- refusals before anything opens ---
+fails "no door" "serve needs a door" "$vukra" -p /dev/none serve
+fails "a bad address" "--share nowhere is not HOST:PORT" "$vukra" -p /dev/none serve --share nowhere
+
+# --- grouped reads: one transaction for neighbours; a span the device
+# refuses (w is write-only) read register by register from then on ---
+sed -e 's|<table_list>|<table_list><table name="t" base="300"><register_list><register name="a" offset="0" access="R" type="int16" value="1"/><register name="w" offset="1" access="W" type="int16"/><register name="b" offset="2" access="R" type="int16" value="2"/><register name="c" offset="3" access="R" type="uint32" value="70000"/></register_list></table>|' \
+  "$examples/table.xml" >grouped.xml
+start_pty_program grouped.out "$sim" --table grouped.xml 2>grouped.err || exit 1
+frames() { grep -c '^Frame : ' "$1"; }
+"$vukra" -v -p "$PTY_PATH" --table grouped.xml poll a b c --count 3 --every 0.01 >rounds 2>frames.err
+[ "$(grep -c '  a = 1  b = 2  c = 70000$' rounds)" = 3 ] && ok || ko "grouped rounds: $(cat rounds frames.err)"
+# round 1: the span (refused), then a, b and c alone; then those three a round
+[ "$(frames frames.err)" = $((2 * (4 + 3 + 3))) ] && ok || ko "exchanges of the grouped poll: $(frames frames.err)"
+"$vukra" -v -p "$PTY_PATH" --table grouped.xml reg read setpoint cycle_count gain temperature >values 2>frames.err
+[ "$(frames frames.err)" = 4 ] && ok || ko "two tables, two exchanges: $(frames frames.err)"
+"$vukra" -v -p "$PTY_PATH" --table grouped.xml reg read setpoint gain --gap 6 >values 2>frames.err
+[ "$(frames frames.err)" = 4 ] && ok || ko "--gap 6 leaves 7 words apart: $(frames frames.err)"
+stop_sim
+
+# --- a device that answers late: the late reply is nobody's answer ---
+start_pty_program late.out "$sim" --table table.xml --late 4500 --fault-after 1 --fault-for 1 2>late.err || exit 1
+: >late_serve.err
+"$vukra" -p "$PTY_PATH" serve --modbus-tcp 127.0.0.1:0 2>late_serve.err &
+LATE=$!
+for _ in $(seq 300); do grep -q ' on 127.0.0.1:' late_serve.err && break; sleep 0.1; done
+lp=$(sed -n 's/^vukra: Modbus TCP on 127.0.0.1:\([0-9]*\)$/\1/p' late_serve.err)
+mbpoll -q -m tcp -p "$lp" -a 1 -1 -r 261 127.0.0.1 >out 2>&1
+grep -q '4711' out && ok || ko "before the late reply: $(cat out)"
+mbpoll -q -m tcp -p "$lp" -a 1 -1 -r 257 -c 2 -o 6 127.0.0.1 >out 2>&1
+grep -q 'Target device failed to respond' out && ok || ko "a late reply is a time-out: $(cat out)"
+mbpoll -q -m tcp -p "$lp" -a 1 -1 -r 261 127.0.0.1 >out 2>&1
+grep -q '\[261\]: 	4711$' out && ok || ko "the next request gets its own answer: $(cat out)"
+kill $LATE
+wait $LATE
+stop_sim
+
+# --- serve on the sim ---
+start_pty_program sim.out "$sim" --table table.xml --image card.img 2>sim.err || exit 1
+: >serve.err
+"$vukra" -p "$PTY_PATH" serve --modbus-tcp 127.0.0.1:0 --share 127.0.0.1:0 2>serve.err &
+SERVE=$!
+PTY_PIDS+=("$SERVE")
+for _ in $(seq 300); do [ "$(grep -c ' on 127.0.0.1:' serve.err)" = 2 ] && break; sleep 0.1; done
+mb=$(sed -n 's/^vukra: Modbus TCP on 127.0.0.1:\([0-9]*\)$/\1/p' serve.err)
+sh=$(sed -n 's/^vukra: the shared line on 127.0.0.1:\([0-9]*\)$/\1/p' serve.err)
+[ -n "$mb" ] && [ -n "$sh" ] && ok || { ko "no listening lines: $(cat serve.err)"; finish; }
+grep -q warning serve.err && ko "a loopback door warned: $(cat serve.err)" || ok
+share=tcp://127.0.0.1:$sh
+
+poll() { mbpoll -q -m tcp -p "$mb" -a 1 -1 "$@"; } # poll OPTIONS... 127.0.0.1 [VALUES...]
+has() { if "${@:2}" >out 2>&1 && grep -Eq -- "$1" out; then ok; else ko "$1: $(cat out)"; fi; }
+check "pymodbus" /usr/bin/python3 "$here/serve_pymodbus.py" "$mb"
+# (pymodbus wrote setpoint -3.25 and offset_trim -123)
+has '\[257\]: 	-3.25$' poll -r 257 -t 4:float -B 127.0.0.1
+has '\[262\]: 	-100000$' poll -r 262 -t 4:int -B 127.0.0.1
+has '\[259\]: 	65413 \(-123\)$' poll -r 259 127.0.0.1
+check "mbpoll writes" poll -r 259 127.0.0.1 77
+has '^offset_trim = 77$' "$vukra" -q -p "$share" reg read offset_trim
+poll -r 261 127.0.0.1 5 >out 2>&1
+grep -q 'Illegal data address' out && ok || ko "a write of a read-only register: $(cat out)"
+
+# --- hostile bytes: the connection goes, serve stays ---
+head -c 3000 /dev/urandom >noise
+/usr/bin/python3 - "$mb" "$sh" <<'PY' && ok || ko "hostile bytes"
+import socket, sys
+for port in sys.argv[1:]:
+    s = socket.create_connection(("127.0.0.1", int(port)))
+    s.sendall(open("noise", "rb").read() * 4)
+    s.settimeout(10)
+    try:
+        while s.recv(4096):
+            pass
+    except (ConnectionResetError, TimeoutError):
+        pass
+PY
+kill -0 $SERVE && ok || ko "serve ended on hostile bytes"
+has '^cycle_count = 4711$' "$vukra" -q -p "$share" reg read cycle_count
+
+# --- through the shared line: a mount, a Python script and Modbus polling at once ---
+if [ -e /dev/fuse ] && "$vukra" mount --help >/dev/null 2>&1; then
+  mkdir mnt
+  "$vukra" -q -p "$share" mount mnt --root /mem 2>mount.err &
+  MOUNT=$!
+  for _ in $(seq 100); do mountpoint -q mnt && break; sleep 0.1; done
+  mountpoint -q mnt && ok || ko "no mount through the shared line: $(cat mount.err)"
+  for _ in $(seq 30); do poll -r 261 127.0.0.1; done >poll.out 2>&1 &
+  POLLER=$!
+  MODBUS_VUKRA_LIBRARY=$library PYTHONPATH=$python_dir /usr/bin/python3 - "$share" >script.out 2>&1 <<'PY' &
+import os, sys, modbus_vukra
+with modbus_vukra.open(sys.argv[1]) as dev:
+    for i in range(20):
+        data = os.urandom(3000 + i)
+        with dev.fs.open("/mem/script.bin", "wb") as f:
+            f.write(data)
+        with dev.fs.open("/mem/script.bin", "rb") as f:
+            assert f.read() == data, i
+        assert dev.registers["cycle_count"] == 4711
+print("script ok", file=sys.stderr)
+PY
+  SCRIPT=$!
+  for i in 1 2 3 4 5; do
+    head -c $((20000 + i)) /dev/urandom >m$i
+    cp m$i mnt/m$i && cmp m$i mnt/m$i && ok || ko "file $i through the mount"
+  done
+  wait $SCRIPT && grep -q "script ok" script.out && ok || ko "the script: $(tail -n 5 script.out)"
+  wait $POLLER
+  [ "$(grep -c '^\[261\]: 	4711$' poll.out)" = 30 ] && ok || ko "polling meanwhile: $(grep -v 4711 poll.out | head -n 5)"
+  fusermount3 -u mnt
+  wait $MOUNT && ok || ko "the mount ended with status $?: $(cat mount.err)"
+fi
+
+fails "a taken port" "cannot listen for Modbus TCP on 127.0.0.1:$sh" "$vukra" -p "$PTY_PATH" serve --modbus-tcp "127.0.0.1:$sh"
+kill -TERM $SERVE
+wait $SERVE && ok || ko "SIGTERM: serve ended with status $?: $(cat serve.err)"
+finish
