@@ -111,7 +111,7 @@ seen "still read after both" '^plant/d4/register/offset_trim \{"value":-12,' sub
 ! grep -Eq '"value":(999|12),' sub.out && ok || ko "a refused set was written: $(grep -E '"value":(999|12),' sub.out)"
 mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d4/register/offset_trim/set -r -n
 fails "a name with +" 'register name "a+b" cannot be an MQTT topic level: it holds + or #' \
-  "$vukra" -q --table names.xml -p "$NAME" poll a+b --mqtt "mqtt://127.0.0.1:$mport/plant/d4"
+  "$vukra" -q --table names.xml -p "$NAME" poll a+b --count 1 --mqtt "mqtt://127.0.0.1:$mport/plant/d4"
 fails "prefix //" 'prefix "//" has an empty level' "$vukra" -q -p "$NAME" poll setpoint --mqtt "mqtt://127.0.0.1:$mport///"
 fails "prefix \$SYS" 'prefix "\$SYS/x" begins with \$' "$vukra" -q -p "$NAME" poll setpoint --mqtt "mqtt://127.0.0.1:$mport/\$SYS/x"
 
