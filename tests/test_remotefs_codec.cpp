@@ -3,10 +3,12 @@
 // damaged input.
 #include "remotefs/message_codec.h"
 #include "remotefs/messages.h"
+#include "remotefs/statuses.h"
 #include "support/wire_bytes.h"
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -141,6 +143,7 @@ TEST(RemoteFsReplies, ReadStatusIsTheFourthByteOfItsItem) {
     EXPECT_EQ(std::memcmp(reply.data.data, "abc", 3), 0);
     EXPECT_EQ(reply.eof, 1);
     EXPECT_EQ(reply.status, 7) << "the three bytes before the status byte do not count";
+    EXPECT_EQ(errno_of(212), ENOENT) << "so -44 arrives as 212, and the table reads it so";
 
     // The sending side: eof's item carries the pad bytes, the status item
     // the pad bytes then the status's low byte.
