@@ -100,6 +100,14 @@ rc=$?
 [ $rc != 0 ] && grep -q 'getfs cancelled at Ctrl-C (status -11)' cancel.err && [ ! -s cancel.out ] && ok ||
   ko "Ctrl-C during getfs (status $rc): $(cat cancel.err)"
 [ "$(v fs cat /mem/etc/hello.txt)" = hello ] && ok || ko "the device answers after a cancelled getfs"
+# A second Ctrl-C ends vukra at once, with the status a shell gives to an interrupted program.
+"$vukra" -q -p "$PTY_PATH" fs getfs >/dev/null 2>&1 &
+pid=$!
+interrupt_when_caught $pid
+kill -INT $pid
+wait $pid
+rc=$?
+[ $rc = 130 ] && ok || ko "a second Ctrl-C: status $rc"
 stop_sim
 
 # A device that vanishes during getfs: its status, no summary.
