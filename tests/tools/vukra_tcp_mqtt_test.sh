@@ -128,6 +128,13 @@ kill -INT "$POLLER5"
 wait "$POLLER5" && ok || ko "Ctrl-C during a slow read"
 seen "a set left at the end is told" '^plant/d5/register/offset_trim/error the value "88" came as the link stopped' sub.out
 grep -q 'offset_trim/set: the value "88" came as the link stopped: nothing was sent' servers.err && ok || ko "told on standard error: $(tail -n 3 servers.err)"
+# A flood while the slow device holds the line: what is past the bound of waiting sets is refused at once.
+serve poll6.out "$vukra" -q -p "$(head -n 1 sim5.out)" poll offset_trim --every 0.1 --mqtt "mqtt://127.0.0.1:$mport/plant/d6"
+POLLER6=$LAST
+seen "the slow device again" '^plant/d6/register/offset_trim \{' sub.out
+seq 1 300 | mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d6/register/offset_trim/set -l
+seen "sets past the bound" '^plant/d6/register/offset_trim/error 256 writes are already waiting' sub.out
+kill -KILL "$POLLER6"
 
 kill "$BROKER"
 wait "$BROKER" 2>/dev/null
