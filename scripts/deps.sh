@@ -19,6 +19,7 @@ packages=(
   fuse3 libfuse3-dev
   mosquitto mosquitto-clients libmosquitto-dev libssl-dev ser2net openssl
   python3-pymodbus mbpoll systemd
+  libcpp-httplib-dev nlohmann-json3-dev prometheus curl
 )
 
 missing=()

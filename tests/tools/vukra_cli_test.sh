@@ -64,7 +64,7 @@ done <<'TABLE'
 2||$vukra reg list process status
 2|is a number of seconds above 0|$vukra -p $port poll setpoint --every 0
 2|is text, csv or json, not "xml"|$vukra -p $port reg read setpoint --format xml
-2|no user name or password in the URL|$vukra -p $port poll setpoint --mqtt mqtt://user@broker/x
+2|--mqtt: |$vukra -p $port poll setpoint --mqtt mqtt://user@broker/x
 1|none.xml|$vukra --table none.xml reg list
 2||$gen
 2||$gen table.xml --html-live x.html

@@ -15,7 +15,9 @@
 #include <cstring>
 #include <deque>
 #include <fstream>
+#include <functional>
 #include <mutex>
+#include <vector>
 #include <thread>
 
 namespace vukra::cli {
@@ -39,6 +41,9 @@ struct Mqtt {
     bool waiting_answer = false;
     std::condition_variable watch;
     std::thread watchdog;
+    // What others built on the bridge asked for (mqtt_watch, mqtt_on_connect).
+    std::vector<std::pair<std::string, MqttHeard>> watches;
+    std::function<void()> on_connected;
 };
 
 namespace {
@@ -236,12 +241,24 @@ void on_connect(mosquitto* client, void* context, int rc) {
     mosquitto_subscribe(client, nullptr, sets.c_str(), 1);
     const std::string status = m->prefix + "/status";
     mosquitto_publish(client, nullptr, status.c_str(), 6, "online", 1, true);
+    std::function<void()> connected;
+    std::vector<std::string> filters;
+    {
+        std::lock_guard<std::mutex> hold(m->lock);
+        for (const auto& watched : m->watches) filters.push_back(watched.first);
+        connected = m->on_connected;
+        m->connected = true;
+    }
+    // Outside the lock: libmosquitto takes its own and may log (on_log).
+    for (const std::string& filter : filters) mosquitto_subscribe(client, nullptr, filter.c_str(), 1);
+    if (connected) connected();
 }
 
 void on_disconnect(mosquitto*, void* context, int rc) {
     auto* m = static_cast<Mqtt*>(context);
-    if (rc == 0) return; // asked for
     std::lock_guard<std::mutex> hold(m->lock);
+    m->connected = false;
+    if (rc == 0) return; // asked for
     m->waiting_answer = false;
     if (m->said_lost) return;
     m->said_lost = true;
@@ -253,8 +270,22 @@ void on_disconnect(mosquitto*, void* context, int rc) {
 // error topic at once.
 void on_message(mosquitto*, void* context, const mosquitto_message* message) {
     auto* m = static_cast<Mqtt*>(context);
-    // PREFIX/register/NAME/set: NAME is what lies between.
     const std::string topic = message->topic;
+    MqttHeard heard;
+    {
+        std::lock_guard<std::mutex> hold(m->lock);
+        for (const auto& [filter, callback] : m->watches) {
+            bool match = false;
+            if (mosquitto_topic_matches_sub(filter.c_str(), topic.c_str(), &match) == MOSQ_ERR_SUCCESS && match)
+                heard = callback;
+        }
+    }
+    if (heard) {
+        const auto* bytes = static_cast<const char*>(message->payload);
+        heard(topic, std::string(bytes, bytes + (message->payloadlen > 0 ? message->payloadlen : 0)));
+        return;
+    }
+    // PREFIX/register/NAME/set: NAME is what lies between.
     const std::size_t first = m->prefix.size() + std::strlen(kRegisterLevel), last = topic.size() - 4;
     if (topic.size() < first + 4 || last <= first) return;
     const std::string name = topic.substr(first, last - first);
@@ -376,6 +407,28 @@ bool mqtt_next_set(Mqtt* m, SetRequest& request, std::uint32_t wait_ms) {
     request = std::move(m->sets.front());
     m->sets.pop_front();
     return true;
+}
+
+void mqtt_publish(Mqtt* m, const std::string& topic, const std::string& payload, bool retain) {
+    mosquitto_publish(m->client, nullptr, topic.c_str(), static_cast<int>(payload.size()), payload.data(), 1, retain);
+}
+
+const std::string& mqtt_prefix(const Mqtt* m) { return m->prefix; }
+
+void mqtt_watch(Mqtt* m, const std::string& filter, MqttHeard heard) {
+    {
+        std::lock_guard<std::mutex> hold(m->lock);
+        m->watches.emplace_back(filter, std::move(heard));
+    }
+    mosquitto_subscribe(m->client, nullptr, filter.c_str(), 1); // when connected; else at the connection
+}
+
+void mqtt_on_connect(Mqtt* m, std::function<void()> connected) {
+    std::unique_lock<std::mutex> hold(m->lock);
+    m->on_connected = connected;
+    if (!m->connected) return;
+    hold.unlock(); // connected before it was asked for: told now
+    connected();
 }
 
 void mqtt_stop(Mqtt* m) {

@@ -30,6 +30,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace vukra::cli {
@@ -80,6 +81,23 @@ bool mqtt_next_set(Mqtt* m, SetRequest& request, std::uint32_t wait_ms);
 // loop that reads registers calls it between two reads, so that a set waits
 // at most for the read in progress.
 void mqtt_apply_sets(Mqtt* m, modbus_vukra_session* s, std::uint32_t wait_ms);
+
+// ---- for what is built on the bridge (Home Assistant discovery) ----
+
+// Publishes at QoS 1.
+void mqtt_publish(Mqtt* m, const std::string& topic, const std::string& payload, bool retain);
+
+// The bridge's topic prefix.
+const std::string& mqtt_prefix(const Mqtt* m);
+
+// Subscribes to filter, now and at every connection; messages on it go to
+// heard (on the link's thread) instead of the bridge.
+using MqttHeard = std::function<void(const std::string& topic, const std::string& payload)>;
+void mqtt_watch(Mqtt* m, const std::string& filter, MqttHeard heard);
+
+// Called on the link's thread at every connection, after the bridge's own
+// subscriptions and status.
+void mqtt_on_connect(Mqtt* m, std::function<void()> connected);
 
 // Tells each set still waiting that it was not written (standard error and
 // its error topic), says "offline", disconnects and frees the link.

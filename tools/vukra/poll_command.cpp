@@ -54,8 +54,6 @@ int poll(Options& o, const PollOptions& po) {
         mqtt.reset(mqtt_start(MqttSettings{po.mqtt, po.credentials, po.ca_file}, why));
         if (!mqtt) return fail(why);
     }
-#else
-    if (!po.mqtt.empty()) return fail("this vukra was built without MQTT (libmosquitto)");
 #endif
 
     const InterruptCaught caught;
@@ -76,7 +74,7 @@ int poll(Options& o, const PollOptions& po) {
         for (const Reading& r : readings) {
             failed_read |= !r.ok;
 #ifdef VUKRA_HAVE_MQTT
-            if (mqtt) mqtt_publish_value(mqtt.get(), r.name, reading_json(r, time));
+            if (mqtt) mqtt_publish_value(mqtt.get(), r.name, json_text(reading_object(r, time)));
 #endif
         }
         std::fputs(round_line(format, time, readings).c_str(), out);
@@ -139,12 +137,12 @@ void add_poll_command(CLI::App& app, Options& options) {
                         "online/offline")
 #ifdef VUKRA_HAVE_MQTT
         ->check(CLI::Validator(mqtt_url_problem, "URL"))
+#else
+        ->check(CLI::Validator(
+            [](const std::string&) { return std::string("this vukra was built without MQTT (libmosquitto)"); }, "URL"))
 #endif
         ;
-    command->add_option("--mqtt-credentials", po->credentials,
-                        "a file: the broker's user name on its first line, the password on its second (else "
-                        "VUKRA_MQTT_USERNAME and VUKRA_MQTT_PASSWORD)");
-    command->add_option("--mqtt-cafile", po->ca_file, "mqtts: the certificate authority's file (default: the system's)");
+    add_mqtt_options(command, po->credentials, po->ca_file);
     choose(command, options, [&options, po] { return poll(options, *po); });
 }
 

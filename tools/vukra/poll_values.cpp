@@ -7,6 +7,7 @@
 #include "session/tool_interface.h"
 #include "table/value_format.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -18,31 +19,27 @@ namespace vukra::cli {
 namespace {
 
 
-bool is_number(const std::string& word) {
-    if (word.empty()) return false;
+// A number as JSON has it: no "0x", no leading "+", no "inf" or "nan";
+// integers stay integers.
+bool json_number(const std::string& word, nlohmann::ordered_json& number) {
+    if (word.empty() || word[0] == '+' || word.find_first_not_of("0123456789.eE+-") != std::string::npos)
+        return false;
     char* end = nullptr;
+    if (word.find_first_of(".eE") == std::string::npos) {
+        errno = 0;
+        const long long v = std::strtoll(word.c_str(), &end, 10);
+        if (*end == '\0' && errno == 0) number = v;
+        return *end == '\0' && errno == 0;
+    }
     const double v = std::strtod(word.c_str(), &end);
-    // JSON's own shape: no "0x", no leading "+", no "inf" or "nan".
-    return *end == '\0' && std::isfinite(v) && word.find_first_not_of("0123456789.eE+-") == std::string::npos &&
-           word[0] != '+';
+    if (*end != '\0' || !std::isfinite(v)) return false;
+    number = v;
+    return true;
 }
 
-// The value's text in JSON: a buffer's elements as an array.
-std::string json_value(const table::TypeRecord& type, const std::string& text) {
-    const bool buffer = type.name != nullptr && std::strncmp(type.name, "buffer", 6) == 0 &&
-                        std::strcmp(type.name, "buffer2float") != 0;
-    if (!buffer) return is_number(text) ? text : json_string(text);
-    std::string out = "[";
-    std::size_t start = 0;
-    while (start < text.size()) {
-        std::size_t end = text.find(' ', start);
-        if (end == std::string::npos) end = text.size();
-        const std::string word = text.substr(start, end - start);
-        if (out.size() > 1) out += ',';
-        out += is_number(word) ? word : json_string(word);
-        start = end + 1;
-    }
-    return out + "]";
+nlohmann::ordered_json json_word(const std::string& word) {
+    nlohmann::ordered_json number;
+    return json_number(word, number) ? number : nlohmann::ordered_json(word);
 }
 
 std::string csv_cell(const std::string& text) {
@@ -53,6 +50,35 @@ std::string csv_cell(const std::string& text) {
 }
 
 } // namespace
+
+nlohmann::ordered_json value_json(const table::TypeRecord& type, const std::string& text) {
+    const bool buffer = type.name != nullptr && std::strncmp(type.name, "buffer", 6) == 0 &&
+                        std::strcmp(type.name, "buffer2float") != 0;
+    if (!buffer) return json_word(text);
+    nlohmann::ordered_json elements = nlohmann::ordered_json::array();
+    std::size_t start = 0;
+    while (start < text.size()) {
+        std::size_t end = text.find(' ', start);
+        if (end == std::string::npos) end = text.size();
+        elements.push_back(json_word(text.substr(start, end - start)));
+        start = end + 1;
+    }
+    return elements;
+}
+
+nlohmann::ordered_json reading_object(const Reading& r, const std::string& time) {
+    nlohmann::ordered_json object;
+    object["value"] = r.ok ? r.value : nullptr;
+    object["type"] = r.type;
+    if (!time.empty()) object["time"] = time;
+    object["status"] = r.ok ? "ok" : "error";
+    if (!r.ok) object["error"] = r.error;
+    return object;
+}
+
+std::string json_text(const nlohmann::ordered_json& json) {
+    return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
 
 namespace {
 
@@ -78,6 +104,13 @@ CLI::Option* add_format_option(CLI::App* command, Format& format, const std::str
                 return parse_format(text, seen) ? std::string() : "is text, csv or json, not \"" + text + "\"";
             },
             "text|csv|json"));
+}
+
+void add_mqtt_options(CLI::App* command, std::string& credentials, std::string& ca_file) {
+    command->add_option("--mqtt-credentials", credentials,
+                        "a file: the broker's user name on its first line, the password on its second (else "
+                        "VUKRA_MQTT_USERNAME and VUKRA_MQTT_PASSWORD)");
+    command->add_option("--mqtt-cafile", ca_file, "mqtts: the certificate authority's file (default: the system's)");
 }
 
 std::string look_up(Polled& p, bool writing) {
@@ -116,7 +149,7 @@ Reading reading_of(const Polled& p, const std::uint8_t* value) {
         r.error = "its type " + r.type + " has no text form";
         return r;
     }
-    r.json = json_value(p.type, r.text);
+    r.value = value_json(p.type, r.text);
     r.ok = true;
     return r;
 }
@@ -133,23 +166,6 @@ std::string timestamp() {
                   static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
                   static_cast<int>(time.seconds().count()), static_cast<int>(time.subseconds().count()));
     return text;
-}
-
-std::string json_string(const std::string& text) {
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-            out += escaped;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
 }
 
 std::string header_line(Format format, const std::vector<Polled>& polled) {
@@ -170,24 +186,16 @@ std::string round_line(Format format, const std::string& time, const std::vector
         line = time;
         for (const Reading& r : readings) line += "," + csv_cell(r.ok ? r.text : "error: " + r.error);
         break;
-    case Format::kJson:
-        line = "{\"time\":\"" + time + "\",\"values\":{";
-        for (std::size_t i = 0; i < readings.size(); ++i) {
-            const Reading& r = readings[i];
-            line += (i ? "," : "") + json_string(r.name) + ":{\"value\":" + (r.ok ? r.json : "null") +
-                    ",\"type\":" + json_string(r.type) + ",\"status\":" + (r.ok ? "\"ok\"" : "\"error\"") +
-                    (r.ok ? "" : ",\"error\":" + json_string(r.error)) + "}";
-        }
-        line += "}}";
+    case Format::kJson: {
+        nlohmann::ordered_json round;
+        round["time"] = time;
+        round["values"] = nlohmann::ordered_json::object();
+        for (const Reading& r : readings) round["values"][r.name] = reading_object(r);
+        line = json_text(round);
         break;
     }
+    }
     return line + "\n";
-}
-
-std::string reading_json(const Reading& r, const std::string& time) {
-    return "{\"value\":" + (r.ok ? r.json : std::string("null")) + ",\"type\":" + json_string(r.type) +
-           ",\"time\":\"" + time + "\",\"status\":" + (r.ok ? "\"ok\"" : "\"error\"") +
-           (r.ok ? "" : ",\"error\":" + json_string(r.error)) + "}";
 }
 
 int read_once(Options& o, const std::vector<std::string>& names, Format format, unsigned gap) {

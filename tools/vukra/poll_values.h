@@ -16,6 +16,8 @@
 
 #include "table/register_table.h"
 
+#include <nlohmann/json.hpp>
+
 #include <string>
 #include <vector>
 
@@ -26,6 +28,9 @@ enum class Format { kText, kCsv, kJson };
 // The --format option of a command, read into format: "text", "csv" or
 // "json"; anything else is a usage error, told before the command runs.
 CLI::Option* add_format_option(CLI::App* command, Format& format, const std::string& help);
+
+// --mqtt-credentials FILE and --mqtt-cafile FILE, as poll and serve take them.
+void add_mqtt_options(CLI::App* command, std::string& credentials, std::string& ca_file);
 
 // A register to read, looked up in the loaded table.
 struct Polled {
@@ -42,9 +47,22 @@ struct Reading {
     std::string name, type;
     bool ok = false;
     std::string text;  // the value for a person, when ok
-    std::string json;  // the value in JSON, when ok
+    nlohmann::ordered_json value; // the value in JSON, when ok: a number, an array for a buffer, else a string
     std::string error; // why not, when not ok
 };
+
+// A value's text (format_value's) in JSON: a buffer's elements as an
+// array, a number as a number, any other text as a string.
+nlohmann::ordered_json value_json(const table::TypeRecord& type, const std::string& text);
+
+// The JSON object of one reading, the one shape every output uses:
+//   {"value":21.5,"type":"real","status":"ok"}
+//   {"value":null,"type":"uint16","status":"error","error":"..."}
+// with "time" after "type" when a time is given.
+nlohmann::ordered_json reading_object(const Reading& r, const std::string& time = "");
+
+// JSON as text on one line; bytes that are not UTF-8 become U+FFFD.
+std::string json_text(const nlohmann::ordered_json& json);
 
 // One register read by its name (the library's named read).
 Reading read_register(modbus_vukra_session* s, const Polled& p);
@@ -54,15 +72,10 @@ Reading reading_of(const Polled& p, const std::uint8_t* value);
 // Now, UTC, as 2026-11-24T11:40:00.125Z.
 std::string timestamp();
 
-std::string json_string(const std::string& text);
-
 // The CSV header line (csv only; "" for the others) and one round's line,
 // each with its line feed.
 std::string header_line(Format format, const std::vector<Polled>& polled);
 std::string round_line(Format format, const std::string& time, const std::vector<Reading>& readings);
-
-// One register as its own JSON object, with the time: what MQTT publishes.
-std::string reading_json(const Reading& r, const std::string& time);
 
 // Reads the registers once, grouped with gaps of at most gap words, and
 // writes the round in the format (reg read): 0, or 1 when a register could

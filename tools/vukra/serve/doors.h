@@ -24,6 +24,15 @@ struct Settings {
     unsigned max_clients = 32;     // connections at once, per door
     std::uint32_t timeout_ms = 4000; // the line's time-out: a job's deadline counts from its arrival
     std::string table;             // the register table, for doors that read by name
+    // The web door and the MQTT bridge (vukra/web/serve_doors.cpp).
+    std::string http_token_file;   // --http-token-file FILE
+    double every = 1.0;            // --every SECONDS: their reading round
+    std::string mqtt;              // --mqtt URL
+    std::string mqtt_credentials;  // --mqtt-credentials FILE
+    std::string mqtt_cafile;       // --mqtt-cafile FILE
+    std::string ha_discovery;      // --ha-discovery [PREFIX]; "" without it
+    std::string name;              // --name: the device's name for Home Assistant
+    std::string port;              // the device's port, for the default name
 };
 
 struct Door {
@@ -43,5 +52,9 @@ bool start_modbus_tcp(const Settings& settings, Queue& queue);
 void stop_modbus_tcp();
 bool start_share(const Settings& settings, Queue& queue);
 void stop_share();
+bool start_web(const Settings& settings, Queue& queue);
+void stop_web();
+bool start_mqtt(const Settings& settings, Queue& queue);
+void stop_mqtt();
 
 } // namespace vukra::serve
