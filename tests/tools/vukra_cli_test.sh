@@ -88,9 +88,6 @@ for q in -q "" -v; do
   if [ "$(grep -c -e "Frame : \[:" -e '^read -12$' "$work/e")" = "$([ "$q" = -v ] && echo 3 || echo 0)" ] &&
      { [ "$q" = -v ] || [ ! -s "$work/e" ]; }; then ok; else ko "reg read $q: stderr $(cat "$work/e")"; fi
 done
-start_pty_program quiet.out "$sim" --table table.xml 2>quiet.err && [ ! -s quiet.err ] && ok || ko "vukra-sim is quiet"
-start_pty_program loud.out "$sim" -v --table table.xml 2>loud.err && grep -q "13 registers from table.xml" loud.err &&
-  ok || ko "vukra-sim -v shows what it serves: $(cat loud.err)"
 # Words starting with "/" are paths on every build, never Windows-style options.
 gives "--table /x" "offset_trim = -12" "$vukra" --table "$work/table.xml" -q -p "$port" reg read offset_trim
 
@@ -98,15 +95,12 @@ gives "--table /x" "offset_trim = -12" "$vukra" --table "$work/table.xml" -q -p 
 printf '<root><config/><type_list></types></root>' >bad.xml
 says "vukra on a malformed table" "bad.xml: Xml error, different names type_list types" "$vukra" --table bad.xml reg list
 if [ ! -s "$work/o" ]; then ok; else ko "the Xml error stays off stdout"; fi
-says "vukra-sim on a malformed table" "Xml error, different names" "$sim" --table bad.xml
 says "vukra-gen on a malformed table" "Xml error, different names" "$gen" bad.xml --c
 fails "reg list of an unknown table" "" "$vukra" reg list nosuch
 : >empty.xml
 mkdir dir.xml
 fails "vukra on an empty table file" "" "$vukra" --table empty.xml reg list
 fails "vukra reg read on a directory as table" "" "$vukra" --table dir.xml -p "$port" reg read setpoint
-fails "vukra-sim on an empty table file" "" "$sim" --table empty.xml
-fails "vukra-sim on a directory as table" "" "$sim" --table dir.xml
 sed "/<table_list>/q" table.xml >short.xml
 "$vukra" --table short.xml reg list >/dev/null 2>"$work/e"
 if grep -q "holds no register" "$work/e"; then ok; else ko "a table that ends early is warned of"; fi
