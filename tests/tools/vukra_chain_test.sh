@@ -100,10 +100,16 @@ rc=$?
 [ $rc != 0 ] && grep -q 'getfs cancelled at Ctrl-C (status -11)' cancel.err && [ ! -s cancel.out ] && ok ||
   ko "Ctrl-C during getfs (status $rc): $(cat cancel.err)"
 [ "$(v fs cat /mem/etc/hello.txt)" = hello ] && ok || ko "the device answers after a cancelled getfs"
-# A second Ctrl-C ends vukra at once, with the status a shell gives to an interrupted program.
-"$vukra" -q -p "$PTY_PATH" fs getfs >/dev/null 2>&1 &
+stop_sim
+
+# A second Ctrl-C, once the first is taken, ends vukra at once with the
+# status a shell gives to an interrupted program (the first waits for the
+# read under way: a silent device's time-out).
+start_pty_program silent.out "$sim" --table table.xml --silent 2>/dev/null || exit 1
+"$vukra" -q -p "$PTY_PATH" poll offset_trim --every 0.001 >/dev/null 2>&1 &
 pid=$!
 interrupt_when_caught $pid
+for _ in $(seq 100); do [ $((0x$(sed -n 's/^ShdPnd:\s*//p' "/proc/$pid/status" 2>/dev/null || echo 0) & 2)) = 0 ] && break; sleep 0.05; done
 kill -INT $pid
 wait $pid
 rc=$?
