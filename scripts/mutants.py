@@ -7,7 +7,10 @@ what changed) and built there in tree/build/release with ccache; then, for
 each mutation, the file is changed, ninja rebuilds what depends on it, the
 tests run with --stop-on-failure (first those the mutation names, then the
 rest), and the file is put back. A mutation is "killed" by the first test
-that fails and "survived" when every test passes.
+that fails and "survived" when every test passes. A mutation of the Python
+package (python/) is run by its pytest suite alone, with -x and the
+environment ctest gives it (the built library and vukra-sim); "tests" is
+then a pytest -k expression tried first.
 
 Environment:
   MUTANTS=id1,id2 or MUTANTS=pattern   run only these (ids, or a regex on ids)
@@ -27,6 +30,7 @@ are comments.
   + replacement text            (one or more lines; a lone '+' is empty)
 """
 import filecmp
+import json
 import os
 import re
 import shutil
@@ -130,9 +134,10 @@ def ctest(select):
 
 def test_names():
     """(number, name) of every test but the slow ones. Tests are chosen by
-    number: a parameterised test's name carries its parameter after it."""
-    r = subprocess.run(["ctest", "-N", "-E", SLOW], cwd=BUILD, stdout=subprocess.PIPE, text=True, check=True)
-    return [(int(n), name) for n, name in re.findall(r"Test\s+#(\d+): (\S+)", r.stdout)]
+    number (a parameterised test's name carries its parameter after it), the
+    number of the whole list: `ctest -N -E` would number the rest anew."""
+    r = subprocess.run(["ctest", "-N"], cwd=BUILD, stdout=subprocess.PIPE, text=True, check=True)
+    return [(int(n), name) for n, name in re.findall(r"Test\s+#(\d+): (\S+)", r.stdout) if not re.search(SLOW, name)]
 
 
 def first_tests(m, tests):
@@ -148,7 +153,38 @@ def first_tests(m, tests):
     return [t for t in tests if re.search(pattern, t[1], re.I)]
 
 
+def pytest_command():
+    """The python_package test's command and environment, as ctest holds them."""
+    r = subprocess.run(["ctest", "--show-only=json-v1", "-R", "^python_package$"], cwd=BUILD,
+                       stdout=subprocess.PIPE, text=True, check=True)
+    found = json.loads(r.stdout)["tests"]
+    if not found:
+        fail("no python_package test in the build")
+    env = dict(os.environ)
+    for prop in found[0].get("properties", []):
+        if prop["name"] == "ENVIRONMENT":
+            env.update(v.split("=", 1) for v in prop["value"])
+    return found[0]["command"], env
+
+
+def run_pytest(m):
+    """The first pytest case that fails (first among those -k selects), or None."""
+    command, env = pytest_command()
+    for select in ([["-k", m["tests"]]] if m["tests"] else []) + [[]]:
+        try:
+            r = subprocess.run(command + ["-x"] + select, cwd=BUILD, env=env, stdout=subprocess.PIPE,
+                               stderr=subprocess.STDOUT, text=True, timeout=600)
+        except subprocess.TimeoutExpired:
+            return "pytest:timeout"
+        if r.returncode not in (0, 5):  # 5: nothing selected
+            failed = re.search(r"^(?:FAILED|ERROR) (\S+)", r.stdout, re.M)
+            return "pytest:" + (failed.group(1).split("/")[-1] if failed else r.stdout.strip().splitlines()[-1])
+    return None
+
+
 def run_tests(m, tests):
+    if m["file"].startswith("python/"):
+        return run_pytest(m)
     first = first_tests(m, tests)
     rest = [t for t in tests if t not in first]
     for group in (first, rest):

@@ -1,6 +1,6 @@
 // The table code generator: the C it writes compiles and runs, the user's
-// code survives regeneration, and its texts come out as they must (the
-// pages as a browser shows them: html_pages).
+// code survives regeneration, and what it refuses (the pages as a browser
+// shows them: html_pages).
 #include "codegen/c_sources.h"
 #include "codegen/html_pages.h"
 #include "codegen/table_check.h"
@@ -12,7 +12,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <regex>
 #include <sstream>
 #include <string>
 
@@ -85,7 +84,8 @@ int main(void)
    short one = 1;
    int plain = ModbusCall(setpoint->functionRead, process->baseAddress + setpoint->offset, &value, setpoint->type);
    int shared = ModbusCall(reset->functionWrite, process->baseAddress + reset->offset, &one, reset->type);
-   printf("%d %.1f %d 0x%x\n", plain, value, shared, reset_address);
+   printf("%d %.1f %d 0x%x %d %d\n", plain, value, shared, reset_address, process->nbRegisters,
+          process->nbWordRegisters);
    return 0;
 }
 )");
@@ -100,7 +100,7 @@ int main(void)
     }
     std::string linked = run("gcc mb_Call.o mb_Data.o mb_Tableprocess.o mb_Tablestatus.o main.o -o table_test");
     ASSERT_EQ(linked, "");
-    EXPECT_EQ(run("./table_test"), "42 21.5 7 0x10b\n");
+    EXPECT_EQ(run("./table_test"), "42 21.5 7 0x10b 8 12\n");
 }
 
 TEST_F(CodegenTest, AlteredMarkersDropTheirBlockAndCrLfLinesAreKept) {
@@ -118,50 +118,11 @@ TEST_F(CodegenTest, AlteredMarkersDropTheirBlockAndCrLfLinesAreKept) {
     EXPECT_EQ(file.find("   *val = 2;\n"), std::string::npos);
 }
 
-TEST_F(CodegenTest, TextsOfTheTypesDispatcherPrototypesAndArrays) {
-    codegen::generate_c_sources();
-    std::string types = read_file("generated/mb_Type.h");
-    EXPECT_EQ(types.find("#ifndef MODBUS_TYPE_H\n#define MODBUS_TYPE_H\n\ntypedef struct {\n"), 0u);
-    EXPECT_TRUE(contains(types, "#define SHARED_FCT 0x80\nint ModbusCall(void *func, unsigned short address, "
-                                "void *arg, unsigned char argType);\n#define TYPE_INT16 0\n#define TYPE_UINT16 1\n"));
-    EXPECT_TRUE(contains(types, "#define TYPE_BUFFER_LONG2 8\n\n#endif\n"));
-
-    std::string call = read_file("generated/mb_Call.c");
-    EXPECT_EQ(call.find("#include \"generated/mb_Type.h\"\n\n"), 0u);
-    EXPECT_TRUE(contains(call, "    case TYPE_REAL :\n      {\n         int (*f)(float *);\n"
-                               "         f = (int(*)(float *))func;\n         return f((float *)arg);\n      }\n"));
-    EXPECT_TRUE(contains(call, "    case TYPE_REAL | SHARED_FCT:\n      {\n         int (*f)(unsigned short,float *);\n"
-                               "         f = (int(*)(unsigned short,float *))func;\n"
-                               "         return f(address,(float *)arg);\n"));
-    std::size_t cases = 0;
-    for (std::size_t at = 0; (at = call.find("    case ", at)) != std::string::npos; ++at) ++cases;
-    EXPECT_EQ(cases, 18u) << "two cases for each of nine types";
-
-    std::string header = read_file("generated/mb_Header.h");
-    EXPECT_TRUE(contains(header, "int MbRead_process_energy(long *val); // accés : R\n"
-                                 "int MbWrite_process_energy(long *val); // accés : W\n"));
-    EXPECT_TRUE(contains(header, "/* fonction partagée utilisée : CommonReset\n"
-                                 "int MbWrite_process_CommonReset(short *val); // accés : W\n*/\n"));
-
-    std::string data = read_file("generated/mb_Data.c");
-    EXPECT_TRUE(contains(data, "    { 0x0000, (void*)MbRead_status_temperature, (void*)0, TYPE_REAL , "
-                               "4,sizeof(float)}\n"
-                               "   ,{ 0x0002, (void*)MbRead_status_probe_raw,"))
-        << "automatic offsets, a blank ahead of the first row and commas after";
-    EXPECT_TRUE(contains(data, "   ,{ 0x000B, (void*)0, (void*)MbWrite_process_CommonReset, TYPE_INT16 | SHARED_FCT, "
-                               "2,sizeof(short)}\n"));
-    EXPECT_TRUE(contains(data, "   { (ModbusRegister *)ModbusRegisterprocess, 0x0100, 8, 12 }\n"
-                               "  ,{ (ModbusRegister *)ModbusRegisterstatus, 0x0200, 5, 12 }\n"
-                               "  ,{ 0,0,0,0 } // Marqueur de fin de table\n};\n"));
-
-    std::string skeletons = read_file("generated/mb_Tableprocess.c");
-    EXPECT_TRUE(contains(skeletons, "/* Fonction partagée utilisée : CommonReset */\n\n"));
-    EXPECT_EQ(skeletons.find("CommonReset(short"), std::string::npos) << "no skeleton for a shared function";
-    EXPECT_LT(skeletons.find("int MbRead_process_setpoint(float *val)\n{\n"),
-              skeletons.find("int MbWrite_process_setpoint(float *val)\n{\n"));
-    std::regex date(" \\* Date de génération : \\d\\d/\\d\\d/\\d{4}\n");
-    EXPECT_TRUE(std::regex_search(skeletons, date));
-    EXPECT_TRUE(contains(skeletons, " * Partie de la table MODBUS correspondante en XML :\n<table name=\"process\""));
+// The table's XML goes into each table's file unless C_code_XML_dump says "no".
+TEST_F(CodegenTest, TheXmlDumpFollowsItsSetting) {
+    codegen::write_table_files();
+    EXPECT_TRUE(contains(read_file("generated/mb_Tableprocess.c"),
+                         " * Partie de la table MODBUS correspondante en XML :\n<table name=\"process\""));
     std::string no_dump = read_file("table.xml");
     write_file("table.xml", no_dump.replace(no_dump.find("XML_dump=\"yes\""), 14, "XML_dump=\"no\""));
     ASSERT_EQ(table::load("table.xml"), 1);

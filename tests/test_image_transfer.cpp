@@ -5,6 +5,7 @@
 // fuzzer; host threads: test_stress.
 #include "kernel/vfs.h"
 #include "modbus_vukra.h"
+#include "remotefs/image_layout.h"
 #include "remotefs/image_transfer.h"
 #include "remotefs/local_server.h"
 #include "remotefs/messages.h"
@@ -30,25 +31,11 @@ using test::read_all;
 
 namespace {
 
-// The parts of an image as the transfer sees them.
-struct Layout {
-    std::uint32_t block_size = 0, map_start = 0, map_size = 0, groups = 0, metadata_size = 0;
-    std::uint32_t metadata_start() const { return map_start + map_size; }
-    std::uint32_t data_start() const { return map_start + map_size + metadata_size; }
-    std::uint32_t chunk() const { return block_size * 8; }
-};
-
-std::uint32_t le(const std::string& b, std::size_t at, int bytes) {
-    std::uint32_t v = 0;
-    for (int i = bytes - 1; i >= 0; --i) v = v << 8 | static_cast<std::uint8_t>(b[at + static_cast<std::size_t>(i)]);
-    return v;
-}
-
-Layout layout_of(const std::string& image) {
-    const bool v15 = image.compare(0, 7, "ufs 1.5") == 0;
-    const std::size_t at = v15 ? 9 : 7;
-    return Layout{v15 ? le(image, 7, 2) : 32u, static_cast<std::uint32_t>(at + 20), le(image, at, 4), le(image, at + 4, 4),
-                  le(image, at + 12, 4)};
+// The parts of an image, by the transfer's own reader of its header.
+remotefs::ImageLayout layout_of(const std::string& image) {
+    remotefs::ImageLayout l;
+    EXPECT_TRUE(remotefs::decode_layout(reinterpret_cast<const std::uint8_t*>(image.data()), l));
+    return l;
 }
 
 std::string random_bytes(std::size_t n, unsigned seed) {
@@ -131,18 +118,18 @@ TEST_F(ImageTransfer, GetCopiesTheUsedGroupsAndZerosTheOthers) {
     }
     const std::string device = test::read_file(card);
     const std::string local = test::read_file("sdcard0.o");
-    const Layout l = layout_of(device);
+    const remotefs::ImageLayout l = layout_of(device);
     ASSERT_EQ(l.block_size, 512u);
     // The last group reaches past the card's end: its copy stops there.
     const std::size_t card_end = 0x800000;
-    ASSERT_GT(l.data_start() + static_cast<std::size_t>(l.groups) * l.chunk(), card_end);
+    ASSERT_GT(l.data_start() + static_cast<std::size_t>(l.group_count) * l.chunk(), card_end);
     ASSERT_EQ(local.size(), card_end + 4) << "the local card file grew past its end marker";
     EXPECT_EQ(local.compare(0, l.data_start(), device, 0, l.data_start()), 0) << "header, map and metadata";
     int used = 0;
     // What a user is shown: the bytes that crossed the line, the header
     // read twice, the map, the metadata, the used groups and the signature.
     std::uint64_t crossing = 2 * l.map_start + l.map_size + l.metadata_size;
-    for (std::uint32_t i = 0; i < l.groups; ++i) {
+    for (std::uint32_t i = 0; i < l.group_count; ++i) {
         const std::size_t at = l.data_start() + static_cast<std::size_t>(i) * l.chunk();
         const std::size_t length = std::min<std::size_t>(l.chunk(), card_end - at);
         const bool in_use = device[l.map_start + i] != 0;
@@ -303,10 +290,10 @@ TEST_F(ImageTransfer, ChangedPutSendsEachChangeInAFewBytesAndTheCardsAgree) {
         EXPECT_LT(written, 1200) << "a block and a few pieces of metadata and map";
 
         const std::string local = test::read_file("sdcard0.o"), remote = device.card();
-        const Layout l = layout_of(local);
+        const remotefs::ImageLayout l = layout_of(local);
         EXPECT_EQ(remote.compare(0, l.data_start(), local, 0, l.data_start()), 0) << "header, map and metadata";
-        for (std::size_t i = 0; i < l.groups && i < l.map_size; ++i) {
-            const std::size_t at = l.data_start() + i * std::size_t{l.chunk()};
+        for (std::size_t i = 0; i < l.group_count && i < l.map_size; ++i) {
+            const std::size_t at = static_cast<std::size_t>(l.data_start() + i * l.chunk());
             if (local[l.map_start + i] != 0) {
                 EXPECT_EQ(remote.compare(at, l.chunk(), local, at, l.chunk()), 0) << i;
             }
@@ -330,7 +317,7 @@ TEST_F(ImageTransfer, ChangedPutSendsEachChangeInAFewBytesAndTheCardsAgree) {
 // Each refusal comes before the first write, with its error word.
 TEST_F(ImageTransfer, ChangedPutRefusalsWriteNothing) {
     make_card();
-    const Layout l = layout_of(test::read_file(card));
+    const remotefs::ImageLayout l = layout_of(test::read_file(card));
     const std::size_t big_data = l.data_start() + 2 * l.chunk(); // inside /big, far from what the change writes
     // Changes made behind the host's back: on the device, or on the local card's file.
     struct Behind {

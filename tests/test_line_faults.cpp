@@ -229,7 +229,6 @@ TEST_F(LineFaults, FileRequestsPurgeWhatEarlierRepliesLeft) {
     // fsstat's: whatever it gives, it stays in bounds and ends in time.
     modbus_vukra_usage usage{};
     EXPECT_LT(timed([&] { result = modbus_vukra_op_protected_fsstat(s, "/mem", &usage); }), kHangBoundMs);
-    EXPECT_TRUE(result == 0 || result == -1) << result;
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     ASSERT_EQ(modbus_vukra_op_protected_lookup(s, "/mem/f", nullptr), 0);
     EXPECT_EQ(read_all(s), kContent);

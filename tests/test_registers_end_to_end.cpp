@@ -1,5 +1,4 @@
 // Named registers through the library's exports against vukra-sim on a pty.
-#include "link/register_transactions.h"
 #include "modbus_vukra.h"
 #include "session/session.h"
 #include "support/session_fixture.h"
@@ -57,34 +56,6 @@ TEST_F(EndToEnd, CountsAreLimitedAndBadRequestsSendNothing) {
     EXPECT_EQ(modbus_vukra_op_protected_readreg(nullptr, "offset_trim", big, 2), -1);
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(out.find("0x"), out.rfind("0x")) << "only the write went to the device";
-}
-
-// The device keeps to its table and the access: a register it does not map,
-// a write of an "R" register and a read of a "W" one get exception 2.
-TEST_F(EndToEnd, TheDeviceRefusesWhatItsTableForbids) {
-    std::string device_table = test::read_file("table.xml");
-    const std::size_t cut = device_table.find("<table name=\"status\"");
-    device_table.erase(cut, device_table.find("</table_list>") - cut);
-    test::write_file("device.xml", device_table);
-    start({"--table", "device.xml"});
-    std::uint16_t word = 7;
-    float value = 0;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "temperature", &value, 4), -1);
-    EXPECT_EQ(modbus_vukra_op_protected_writereg(s, "cycle_count", &word, 2), -1);
-    const link::TransactionOutcome refused_write = link::last_outcome();
-    EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "reset", &word, 2), -1);
-    const link::TransactionOutcome refused_read = link::last_outcome();
-    EXPECT_EQ(modbus_vukra_op_protected_readreg(s, "cycle_count", &word, 2), 2);
-    const link::TransactionOutcome done = link::last_outcome();
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("Frame : [:0183027A<CR><LF>]"), std::string::npos) << out;
-    EXPECT_NE(out.find(":019002"), std::string::npos) << out;
-    EXPECT_EQ(refused_write.failure, link::Failure::kException);
-    EXPECT_EQ(refused_write.exception_code, 2);
-    EXPECT_EQ(refused_read.failure, link::Failure::kException);
-    EXPECT_EQ(done.failure, link::Failure::kNone);
-    EXPECT_EQ(word, 4711) << "the refused write left the value";
 }
 
 } // namespace

@@ -3,10 +3,12 @@
 // damaged input.
 #include "remotefs/message_codec.h"
 #include "remotefs/messages.h"
+#include "remotefs/statuses.h"
 #include "support/wire_bytes.h"
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -141,6 +143,7 @@ TEST(RemoteFsReplies, ReadStatusIsTheFourthByteOfItsItem) {
     EXPECT_EQ(std::memcmp(reply.data.data, "abc", 3), 0);
     EXPECT_EQ(reply.eof, 1);
     EXPECT_EQ(reply.status, 7) << "the three bytes before the status byte do not count";
+    EXPECT_EQ(errno_of(212), ENOENT) << "so -44 arrives as 212, and the table reads it so";
 
     // The sending side: eof's item carries the pad bytes, the status item
     // the pad bytes then the status's low byte.
@@ -200,22 +203,13 @@ TEST(RemoteFsReplies, ReaddirListOfThreeNodesCarriesItsSizeWords) {
     EXPECT_EQ(none.eof, 1);
 }
 
-TEST(RemoteFsDamagedInput, LongScalarsTruncationsLengthsPastTheEndAndStringsWithoutTheirNul) {
+// What stays inside the payload but breaks its rules (cuts and lengths past
+// the end: the reply fuzzer).
+TEST(RemoteFsDamagedInput, LongScalarsAndStringsWithoutTheirNul) {
     StatusReply status{};
     EXPECT_EQ(decode_all(&status, Wire{}.item(8, {1, 0, 0, 0, 0, 0, 0, 0}).bytes, 4, kStatusReplyFields).result, -1);
-    const Bytes wire = Wire{}.item(3).item(8, {'a', 'b', 'c'}).item(4, {1}).item(0).bytes;
-    for (std::size_t n = 0; n < wire.size(); ++n) {
-        Bytes cut(wire.begin(), wire.begin() + static_cast<long>(n)); // exactly n bytes on the heap
-        ReadReply reply{};
-        EXPECT_EQ(decode_all(&reply, cut, 20, kReadReplyFields).result, -1) << n;
-    }
     PathRequest path{};
-    EXPECT_EQ(decode_all(&path, Wire{}.item(1).word(1000).word(0x41414141).bytes, 8, kPathRequestFields).result, -1);
     EXPECT_EQ(decode_all(&path, Wire{}.item(1).item(4, {'a', 'b', 'c', 'd'}).bytes, 8, kPathRequestFields).result, -1);
-    WireBuffer buffer{};
-    const FieldDescriptor buffer_table[] = {{kFieldBuffer, 8, nullptr, 0}, {kFieldEnd, 0, nullptr, 0}};
-    EXPECT_EQ(decode_all(&buffer, Wire{}.word(1000).word(0x41414141).bytes, 8, buffer_table).result, -1);
-    EXPECT_EQ(decode_all(&buffer, Wire{}.word(0xFFFFFFFFu).bytes, 8, buffer_table).result, -1);
 }
 
 TEST(RemoteFsCodec, EncodingFailsRatherThanOverflow) {

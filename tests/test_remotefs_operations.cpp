@@ -15,9 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <poll.h>
 #include <thread>
-#include <unistd.h>
 
 using namespace vukra;
 using test::Bytes;
@@ -27,18 +25,6 @@ namespace {
 
 constexpr std::uint32_t kAll = 0xFFFFFFFFu;
 
-// One SLIP packet from the master end, or nothing within timeout_ms.
-Bytes receive_packet(int fd, int timeout_ms) {
-    test::SlipReader line;
-    for (;;) {
-        pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, timeout_ms) <= 0) return {};
-        std::uint8_t byte;
-        if (::read(fd, &byte, 1) != 1) return {};
-        if (line.take(byte)) return line.packet;
-    }
-}
-
 // The device: takes one request packet and answers it with a canned frame.
 struct ScriptedDevice {
     const test::PtyPair& pty;
@@ -47,7 +33,7 @@ struct ScriptedDevice {
 
     ScriptedDevice(const test::PtyPair& line, Bytes reply_frame) : pty(line) {
         thread = std::thread([this, reply = std::move(reply_frame)] {
-            request = receive_packet(pty.master, 3000);
+            request = pty.receive_packet(3000);
             if (request.empty() || reply.empty()) return;
             pty.send(test::slip_packet(reply));
         });
@@ -77,7 +63,7 @@ struct RemoteFsTest : ::testing::Test {
     // Every test starts with a session open.
     void SetUp() override { ASSERT_NE(s, nullptr); }
     // Nothing reaches the device within a moment.
-    bool line_quiet() const { return receive_packet(pty.master, 200).empty(); }
+    bool line_quiet() const { return pty.receive_packet(200).empty(); }
 };
 
 TEST_F(RemoteFsTest, MountSendsIdentityAndFlagsAndKeepsTheReply) {

@@ -101,10 +101,17 @@ TEST_F(XmlTest, OverlongValuesAreCutAndAnEndOfFileEndsTheDocument) {
     EXPECT_STREQ(root->first_child->next->name, "c");
     xml_free(root);
 
-    for (const char* cut : {"<r><a", "<r><a k=\"1\"", "<r>text", "<r", "<", "", "<r><a></a"}) {
+    // A document cut anywhere: what was read up to the cut.
+    std::string shapes;
+    for (const char* cut : {"<r><a", "<r><a k=\"1\"", "<r>text", "<r", "", "<r><a></a"}) {
         XmlNode* partial = parse(cut);
+        shapes += partial == nullptr ? std::string("-") : partial->name;
+        for (XmlNode* c = partial ? partial->first_child : nullptr; c != nullptr; c = c->next)
+            shapes += std::string(c->kind == kXmlText ? "'" : "/") + (c->kind == kXmlText ? c->value : c->name);
+        shapes += " ";
         if (partial != nullptr) xml_free(partial);
     }
+    EXPECT_EQ(shapes, "r/a r/a r'text r - r/a ");
     EXPECT_EQ(xml_load("missing.xml"), nullptr);
 
     std::string many = "<root>", deep; // many siblings, deep nesting

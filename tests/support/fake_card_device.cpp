@@ -4,8 +4,6 @@
 #include "support/wire_bytes.h"
 
 #include <algorithm>
-#include <poll.h>
-#include <unistd.h>
 
 namespace vukra::test {
 
@@ -28,15 +26,9 @@ std::string FakeCardDevice::card() const {
 }
 
 void FakeCardDevice::serve() {
-    SlipReader line;
     while (!stop_.load()) {
-        pollfd p{pty_.master, POLLIN, 0};
-        if (::poll(&p, 1, 50) <= 0) continue;
-        std::uint8_t bytes[4096];
-        const ssize_t n = ::read(pty_.master, bytes, sizeof bytes);
-        if (n <= 0) continue;
-        for (ssize_t i = 0; i < n; ++i)
-            if (line.take(bytes[i])) answer(line.packet);
+        const Bytes packet = pty_.receive_packet(50);
+        if (!packet.empty()) answer(packet);
     }
 }
 

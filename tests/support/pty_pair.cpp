@@ -1,7 +1,9 @@
 #include "support/pty_pair.h"
 
 #include "platform/platform.h"
+#include "support/wire_bytes.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <poll.h>
 #include <stdexcept>
@@ -49,6 +51,17 @@ std::vector<std::uint8_t> PtyPair::receive(std::size_t count, int timeout_ms) co
         out.insert(out.end(), chunk, chunk + n);
     }
     return out;
+}
+
+std::vector<std::uint8_t> PtyPair::receive_packet(int timeout_ms) const {
+    SlipReader line;
+    for (;;) {
+        pollfd p{master, POLLIN, 0};
+        if (::poll(&p, 1, line.packet.empty() ? timeout_ms : std::max(timeout_ms, 2000)) <= 0) return {};
+        std::uint8_t byte;
+        if (::read(master, &byte, 1) != 1) return {};
+        if (line.take(byte)) return line.packet;
+    }
 }
 
 std::vector<std::uint8_t> bytes_of(const std::string& text) { return {text.begin(), text.end()}; }

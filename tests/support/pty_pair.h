@@ -25,6 +25,9 @@ struct PtyPair {
     void send_packet(const std::string& payload) const;
     // Reads from the master end until count bytes came or timeout_ms passed.
     std::vector<std::uint8_t> receive(std::size_t count, int timeout_ms = 2000) const;
+    // One SLIP packet from the master end, unescaped, or nothing when none
+    // began within timeout_ms (a packet begun is waited for to its end).
+    std::vector<std::uint8_t> receive_packet(int timeout_ms) const;
 };
 
 std::vector<std::uint8_t> bytes_of(const std::string& text);

@@ -102,6 +102,20 @@ rc=$?
 [ "$(v fs cat /mem/etc/hello.txt)" = hello ] && ok || ko "the device answers after a cancelled getfs"
 stop_sim
 
+# A second Ctrl-C, once the first is taken, ends vukra at once with the
+# status a shell gives to an interrupted program (the first waits for the
+# read under way: a silent device's time-out).
+start_pty_program silent.out "$sim" --table table.xml --silent 2>/dev/null || exit 1
+"$vukra" -q -p "$PTY_PATH" poll offset_trim --every 0.001 >/dev/null 2>&1 &
+pid=$!
+interrupt_when_caught $pid
+for _ in $(seq 100); do [ $((0x$(sed -n 's/^ShdPnd:\s*//p' "/proc/$pid/status" 2>/dev/null || echo 0) & 2)) = 0 ] && break; sleep 0.05; done
+kill -INT $pid
+wait $pid
+rc=$?
+[ $rc = 130 ] && ok || ko "a second Ctrl-C: status $rc"
+stop_sim
+
 # A device that vanishes during getfs: its status, no summary.
 start_pty_program drop.out "$sim" --table table.xml --image slow.o --drop-after 20 2>/dev/null || exit 1
 fails "getfs from a vanishing device" "getfs failed: no reply from the device" v fs getfs

@@ -66,20 +66,6 @@ done <<'TABLE'
 2|is text, csv or json, not "xml"|$vukra -p $port reg read setpoint --format xml
 2|--mqtt: |$vukra -p $port poll setpoint --mqtt mqtt://user@broker/x
 1|none.xml|$vukra --table none.xml reg list
-2||$sim --table table.xml --baud abc
-2||$sim --table table.xml --baud -5
-2||$sim --table table.xml --corrupt 2
-2|"abc" is not a decimal number|$sim --table table.xml --cut abc
-2|is none of register|$sim --table table.xml --wrong nonsense
-2|an empty value|$sim --table table.xml --wrong ''
-2|is not from 1 to 600000|$sim --table table.xml --late 99999999999999
-2|needs --drop-after|$sim --table table.xml --drop-for 2
-2|takes no other fault option|$sim --table table.xml --silent --twice
-2|chooses the requests of a fault|$sim --table table.xml --fault-for 2
-2|needs --drop-after or a fault|$sim --table table.xml --count-only 5
-2|is not FROM=TO|$sim --table table.xml --statuses 2
-2|is not HOST:PORT|$sim --table table.xml --listen 127.0.0.1:99999
-2||$sim
 2||$gen
 2||$gen table.xml --html-live x.html
 2||$gen table.xml --frob
@@ -102,9 +88,6 @@ for q in -q "" -v; do
   if [ "$(grep -c -e "Frame : \[:" -e '^read -12$' "$work/e")" = "$([ "$q" = -v ] && echo 3 || echo 0)" ] &&
      { [ "$q" = -v ] || [ ! -s "$work/e" ]; }; then ok; else ko "reg read $q: stderr $(cat "$work/e")"; fi
 done
-start_pty_program quiet.out "$sim" --table table.xml 2>quiet.err && [ ! -s quiet.err ] && ok || ko "vukra-sim is quiet"
-start_pty_program loud.out "$sim" -v --table table.xml 2>loud.err && grep -q "13 registers from table.xml" loud.err &&
-  ok || ko "vukra-sim -v shows what it serves: $(cat loud.err)"
 # Words starting with "/" are paths on every build, never Windows-style options.
 gives "--table /x" "offset_trim = -12" "$vukra" --table "$work/table.xml" -q -p "$port" reg read offset_trim
 
@@ -112,15 +95,12 @@ gives "--table /x" "offset_trim = -12" "$vukra" --table "$work/table.xml" -q -p 
 printf '<root><config/><type_list></types></root>' >bad.xml
 says "vukra on a malformed table" "bad.xml: Xml error, different names type_list types" "$vukra" --table bad.xml reg list
 if [ ! -s "$work/o" ]; then ok; else ko "the Xml error stays off stdout"; fi
-says "vukra-sim on a malformed table" "Xml error, different names" "$sim" --table bad.xml
 says "vukra-gen on a malformed table" "Xml error, different names" "$gen" bad.xml --c
 fails "reg list of an unknown table" "" "$vukra" reg list nosuch
 : >empty.xml
 mkdir dir.xml
 fails "vukra on an empty table file" "" "$vukra" --table empty.xml reg list
 fails "vukra reg read on a directory as table" "" "$vukra" --table dir.xml -p "$port" reg read setpoint
-fails "vukra-sim on an empty table file" "" "$sim" --table empty.xml
-fails "vukra-sim on a directory as table" "" "$sim" --table dir.xml
 sed "/<table_list>/q" table.xml >short.xml
 "$vukra" --table short.xml reg list >/dev/null 2>"$work/e"
 if grep -q "holds no register" "$work/e"; then ok; else ko "a table that ends early is warned of"; fi
@@ -140,6 +120,7 @@ gives "a 100-element buffer is shown whole" "long = $values" "$vukra" -q --table
 says "a write of an R register" 'read-only' "$vukra" -v -p "$port" reg write cycle_count 5
 if ! grep -q "Frame" "$work/e"; then ok; else ko "nothing is sent for a refused write"; fi
 says "the device refuses it too" "exception 2 (illegal data address)" "$vukra" --table open.xml -p "$port" reg write cycle_count 5
+says "the device refuses a read of a W register" "exception 2 (illegal data address)" "$vukra" --table open.xml -p "$port" reg read reset
 says "a read of a W register" 'write-only' "$vukra" -p "$port" reg read reset
 sed 's/type="real"/type="bogus"/' table.xml >bogus.xml
 says "a type the table does not list" 'type "bogus" is not in the type_list' "$vukra" --table bogus.xml -p "$port" reg read setpoint

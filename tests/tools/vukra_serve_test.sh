@@ -148,6 +148,15 @@ PY
     head -c $((20000 + i)) /dev/urandom >m$i
     cp m$i mnt/m$i && cmp m$i mnt/m$i && ok || ko "file $i through the mount"
   done
+  # A file open on the mount and replaced by another client: stale, and what bears its name now untouched.
+  exec 5>>mnt/m1
+  "$vukra" -q -p "$share" fs mv /mem/m2 /mem/m1 >/dev/null 2>&1
+  { echo late >&5; } 2>/dev/null && ko "a write reached the file that replaced an open one" || ok
+  exec 5>&-
+  "$vukra" -q -p "$share" fs cat /mem/m1 | cmp -s - m2 && ok || ko "the file that replaced an open one changed"
+  # and once its cache time has passed, the mount shows the other client's file (m2's 20002 bytes).
+  for _ in $(seq 100); do [ "$(stat -c %s mnt/m1)" = 20002 ] && break; sleep 0.1; done
+  [ "$(stat -c %s mnt/m1)" = 20002 ] && ok || ko "the mount's cache kept the replaced file's size"
   wait $SCRIPT && grep -q "script ok" script.out && ok || ko "the script: $(tail -n 5 script.out)"
   wait $POLLER
   [ "$(grep -c '^\[261\]: 	4711$' poll.out)" = 30 ] && ok || ko "polling meanwhile: $(grep -v 4711 poll.out | head -n 5)"

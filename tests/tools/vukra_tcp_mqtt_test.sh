@@ -111,7 +111,7 @@ seen "still read after both" '^plant/d4/register/offset_trim \{"value":-12,' sub
 ! grep -Eq '"value":(999|12),' sub.out && ok || ko "a refused set was written: $(grep -E '"value":(999|12),' sub.out)"
 mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d4/register/offset_trim/set -r -n
 fails "a name with +" 'register name "a+b" cannot be an MQTT topic level: it holds + or #' \
-  "$vukra" -q --table names.xml -p "$NAME" poll a+b --mqtt "mqtt://127.0.0.1:$mport/plant/d4"
+  "$vukra" -q --table names.xml -p "$NAME" poll a+b --count 1 --mqtt "mqtt://127.0.0.1:$mport/plant/d4"
 fails "prefix //" 'prefix "//" has an empty level' "$vukra" -q -p "$NAME" poll setpoint --mqtt "mqtt://127.0.0.1:$mport///"
 fails "prefix \$SYS" 'prefix "\$SYS/x" begins with \$' "$vukra" -q -p "$NAME" poll setpoint --mqtt "mqtt://127.0.0.1:$mport/\$SYS/x"
 
@@ -128,6 +128,13 @@ kill -INT "$POLLER5"
 wait "$POLLER5" && ok || ko "Ctrl-C during a slow read"
 seen "a set left at the end is told" '^plant/d5/register/offset_trim/error the value "88" came as the link stopped' sub.out
 grep -q 'offset_trim/set: the value "88" came as the link stopped: nothing was sent' servers.err && ok || ko "told on standard error: $(tail -n 3 servers.err)"
+# A flood while the slow device holds the line: what is past the bound of waiting sets is refused at once.
+serve poll6.out "$vukra" -q -p "$(head -n 1 sim5.out)" poll offset_trim --every 0.1 --mqtt "mqtt://127.0.0.1:$mport/plant/d6"
+POLLER6=$LAST
+seen "the slow device again" '^plant/d6/register/offset_trim \{' sub.out
+seq 1 300 | mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d6/register/offset_trim/set -l
+seen "sets past the bound" '^plant/d6/register/offset_trim/error 256 writes are already waiting' sub.out
+kill -KILL "$POLLER6"
 
 kill "$BROKER"
 wait "$BROKER" 2>/dev/null
