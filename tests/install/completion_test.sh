@@ -30,8 +30,6 @@ offers() {
 offers "vukra " "fs mount poll reg serve watch"
 offers "vukra fs " "cat df get getfs ls mkdir mv put putfs rm rmdir stat tree"
 offers "vukra -p /dev/ttyUSB0 fs getfs + " "fs mount poll reg serve watch"
-offers "vukra fs ls /mem + fs g" "get getfs"
-offers "vukra fs r" "rm rmdir"
 offers "vukra -p /dev/ttyUSB0 fs m" "mkdir mv"
 offers "vukra reg " "list read write"
 offers "vukra -q --table t.xml reg w" "write"
@@ -40,7 +38,6 @@ offers "vukra reg read setpoint " ""  # no table.xml here: no names
 cp "$table" table.xml
 offers "vukra reg read s" "serial_number setpoint"
 offers "vukra reg read setpoint o" "offset_trim"
-offers "vukra reg write setp" "setpoint"
 offers "vukra reg write setpoint " ""
 mkdir other && cp "$table" other/mine.xml && rm table.xml
 offers "vukra --table other/mine.xml reg read e" "energy"

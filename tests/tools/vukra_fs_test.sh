@@ -32,9 +32,6 @@ check "get it back" fs get /mem/big.bin big.out
 check "byte-identical" cmp big.bin big.out
 loud get /mem/big.bin - >big.stdout 2>loud.err
 check "get to standard output: only the file's bytes" cmp big.bin big.stdout
-check "the library's lines went to stderr with -v" grep -q ready loud.err
-"$vukra" -p "$PTY_PATH" fs get /mem/big.bin big.out 2>quiet.err
-check "and nowhere without it" test ! -s quiet.err
 grep -q 'bytes/s' loud.err && ko "a progress line on a stderr that is no terminal" || ok
 if command -v script >/dev/null; then # a terminal for stderr
   for q in "" -q; do
@@ -140,16 +137,6 @@ fails "mv of a missing file" "/mem/missing" fs mv /mem/missing /mem/other
 fs cat /mem/big.bin >/dev/full 2>full.err
 [ $? = 1 ] && grep -q 'standard output failed: No space left' full.err && ok || ko "cat to a full disk: $(cat full.err)"
 fs cat /mem/big.bin | cmp -s - other.bin && ok || ko "the failures left /mem/big.bin as it was"
-
-# Bad arguments: a one-line reason and a failure status.
-fails "fs without a command" "" "$vukra" -p "$PTY_PATH" fs
-fails "fs with an unknown command" "frob" "$vukra" -p "$PTY_PATH" fs frob
-fails "get without LOCAL" "LOCAL" "$vukra" -p "$PTY_PATH" fs get /mem/big.bin
-fails "mv without NEW" "NEW" "$vukra" -p "$PTY_PATH" fs mv /mem/big.bin
-fails "ls without a path" "PATH" "$vukra" -p "$PTY_PATH" fs ls
-fails "fs ls without a port" "needs the device's port" "$vukra" fs ls /mem
-fails "a port that does not exist" "/dev/none" "$vukra" -p /dev/none fs ls /mem
-fails "a missing register table" "none.xml" "$vukra" --table none.xml -p "$PTY_PATH" fs ls /mem
 
 stop_sim
 # The card holds what was put, and is sound.

@@ -2,36 +2,15 @@
 # vukra on tcp:// ports (vukra-sim --listen, and a real ser2net bridging TCP
 # to the sim's pseudo-terminal) and vukra poll into a real mosquitto broker.
 # Every server is started here on 127.0.0.1 and a free port, and stopped on
-# exit with the rest (stop_pty_programs).
+# exit.
 #   vukra_tcp_mqtt_test.sh BUILD_TOOLS_DIR EXAMPLES_DIR SCRIPTS_DIR
 . "$(dirname "$0")/../support/tool_checks.sh"
 cp "$examples/table.xml" .
 
-free_port() { /usr/bin/python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
-# serve OUT COMMAND...: runs COMMAND in the background with its output in
-# OUT, stopped on exit; LAST is its pid.
-serve() {
-  local out=$1
-  shift
-  : >"$out"
-  "$@" >"$out" 2>>servers.err &
-  LAST=$!
-  PTY_PIDS+=("$LAST")
-}
 until_ok() { for _ in $(seq 100); do "$@" >/dev/null 2>&1 && return 0; sleep 0.1; done; return 1; }
-wait_for() { # wait_for PATTERN FILE: up to 20 s for a line matching PATTERN (grep -E)
-  for _ in $(seq 200); do grep -Eq -- "$1" "$2" && return 0; sleep 0.1; done
-  return 1
-}
 listening_sim() { # listening_sim OUT [PORT]: a sim on tcp; its name in NAME
-  serve "$1" "$sim" --table table.xml --listen "127.0.0.1:${2:-0}"
+  run "$1" "$sim" --table table.xml --listen "127.0.0.1:${2:-0}"
   wait_for '^tcp://' "$1" && NAME=$(head -n 1 "$1")
-}
-# has WHAT PATTERN COMMAND...: the command succeeds and its output matches.
-has() {
-  local what=$1 pattern=$2
-  shift 2
-  if "$@" >out 2>err && grep -Eq -- "$pattern" out; then ok; else ko "$what: $(cat out err | head -n 5)"; fi
 }
 seen() { if wait_for "$2" "$3"; then ok; else ko "$1: $(tail -n 5 "$3")"; fi; }
 
@@ -61,7 +40,7 @@ connection: &device
     kickolduser: true
     chardelay: false
 EOF
-serve ser2net.out ser2net -n -c ser2net.yaml -P "$work/ser2net.pid"
+run ser2net.out ser2net -n -c ser2net.yaml -P "$work/ser2net.pid"
 d2=tcp://127.0.0.1:$bridge
 until_ok "$vukra" -q -p "$d2" reg read heater_on
 has "registers through ser2net" '^heater_on = 1$' "$vukra" -q -p "$d2" reg read heater_on
@@ -75,9 +54,9 @@ has "getfs through ser2net" 'file.bin' "$vukra" -q -p "$d2" fs getfs + fs ls /me
 mport=$(free_port)
 # mosquitto started as root would drop to its own user, who cannot read $work.
 printf 'listener %s 127.0.0.1\nallow_anonymous true\npersistence false\nuser %s\n' "$mport" "$(id -un)" >broker.conf
-broker() { serve broker.out mosquitto -c broker.conf; BROKER=$LAST; until_ok mosquitto_pub -h 127.0.0.1 -p "$mport" -t probe -m x; }
-subscribe() { serve "$1" mosquitto_sub -h 127.0.0.1 -p "$mport" -v -t 'plant/#'; sleep 0.3; }
-poller() { serve "poll$1.out" "$vukra" -q -p "$2" poll offset_trim cycle_count --every 0.2 --mqtt "mqtt://127.0.0.1:$mport/plant/d$1"; }
+broker() { run broker.out mosquitto -c broker.conf; BROKER=$LAST; until_ok mosquitto_pub -h 127.0.0.1 -p "$mport" -t probe -m x; }
+subscribe() { run "$1" mosquitto_sub -h 127.0.0.1 -p "$mport" -v -t 'plant/#'; sleep 0.3; }
+poller() { run "poll$1.out" "$vukra" -q -p "$2" poll offset_trim cycle_count --every 0.2 --mqtt "mqtt://127.0.0.1:$mport/plant/d$1"; }
 broker
 subscribe sub.out
 poller 1 "$d1"
@@ -101,7 +80,7 @@ seen "a flood of sets, in order" '^plant/d1/register/offset_trim \{"value":200,'
 sed 's/name="cycle_count"/name="status"/; s/name="heater_on"/name="a+b"/' table.xml >names.xml
 mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d4/register/offset_trim/set -r -m 999
 listening_sim sim4.out
-serve poll4.out "$vukra" -q --table names.xml -p "$NAME" poll offset_trim status --every 0.2 --mqtt "mqtt://127.0.0.1:$mport/plant/d4"
+run poll4.out "$vukra" -q --table names.xml -p "$NAME" poll offset_trim status --every 0.2 --mqtt "mqtt://127.0.0.1:$mport/plant/d4"
 seen "a retained set is refused" '^plant/d4/register/offset_trim/error a retained set is never applied' sub.out
 seen "a register named status has its own topic" '^plant/d4/register/status \{"value":4711,' sub.out
 printf '12\0999' | mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d4/register/offset_trim/set -s
@@ -116,9 +95,9 @@ fails "prefix //" 'prefix "//" has an empty level' "$vukra" -q -p "$NAME" poll s
 fails "prefix \$SYS" 'prefix "\$SYS/x" begins with \$' "$vukra" -q -p "$NAME" poll setpoint --mqtt "mqtt://127.0.0.1:$mport/\$SYS/x"
 
 # --- sets between the reads of a slow device, and a set left at the end ---
-serve sim5.out "$sim" --table table.xml --listen 127.0.0.1:0 --late 1000
+run sim5.out "$sim" --table table.xml --listen 127.0.0.1:0 --late 1000
 wait_for '^tcp://' sim5.out
-serve poll5.out "$vukra" -q -p "$(head -n 1 sim5.out)" poll offset_trim setpoint --every 0.1 --mqtt "mqtt://127.0.0.1:$mport/plant/d5"
+run poll5.out "$vukra" -q -p "$(head -n 1 sim5.out)" poll offset_trim setpoint --every 0.1 --mqtt "mqtt://127.0.0.1:$mport/plant/d5"
 POLLER5=$LAST
 seen "the slow device's first value" '^plant/d5/register/offset_trim \{"value":-12,' sub.out
 mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d5/register/offset_trim/set -m 77
@@ -127,9 +106,9 @@ mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d5/register/offset_trim/set -q 1
 kill -INT "$POLLER5"
 wait "$POLLER5" && ok || ko "Ctrl-C during a slow read"
 seen "a set left at the end is told" '^plant/d5/register/offset_trim/error the value "88" came as the link stopped' sub.out
-grep -q 'offset_trim/set: the value "88" came as the link stopped: nothing was sent' servers.err && ok || ko "told on standard error: $(tail -n 3 servers.err)"
+grep -q 'offset_trim/set: the value "88" came as the link stopped: nothing was sent' poll5.out && ok || ko "told on standard error: $(tail -n 3 poll5.out)"
 # A flood while the slow device holds the line: what is past the bound of waiting sets is refused at once.
-serve poll6.out "$vukra" -q -p "$(head -n 1 sim5.out)" poll offset_trim --every 0.1 --mqtt "mqtt://127.0.0.1:$mport/plant/d6"
+run poll6.out "$vukra" -q -p "$(head -n 1 sim5.out)" poll offset_trim --every 0.1 --mqtt "mqtt://127.0.0.1:$mport/plant/d6"
 POLLER6=$LAST
 seen "the slow device again" '^plant/d6/register/offset_trim \{' sub.out
 seq 1 300 | mosquitto_pub -h 127.0.0.1 -p "$mport" -t plant/d6/register/offset_trim/set -l
@@ -162,10 +141,10 @@ openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext su
 : >passwords && mosquitto_passwd -b passwords poller 's3cret' 2>/dev/null
 printf 'listener %s 127.0.0.1\ncertfile %s\nkeyfile %s\npassword_file %s\nallow_anonymous false\nuser %s\n' \
   "$tport" "$work/cert.pem" "$work/key.pem" "$work/passwords" "$(id -un)" >tls.conf
-serve tls.out mosquitto -c tls.conf
+run tls.out mosquitto -c tls.conf
 until_ok mosquitto_pub -h 127.0.0.1 -p "$tport" --cafile cert.pem -u poller -P s3cret -t probe -m x
-serve tsub.out mosquitto_sub -h 127.0.0.1 -p "$tport" --cafile cert.pem -u poller -P s3cret -v -t 'tls/#'
-serve tpoll.out env VUKRA_MQTT_USERNAME=poller VUKRA_MQTT_PASSWORD=s3cret "$vukra" -q -p "$d1" poll heater_on \
+run tsub.out mosquitto_sub -h 127.0.0.1 -p "$tport" --cafile cert.pem -u poller -P s3cret -v -t 'tls/#'
+run tpoll.out env VUKRA_MQTT_USERNAME=poller VUKRA_MQTT_PASSWORD=s3cret "$vukra" -q -p "$d1" poll heater_on \
   --every 0.2 --mqtt "mqtts://127.0.0.1:$tport/tls" --mqtt-cafile cert.pem
 seen "TLS with a password" '^tls/register/heater_on \{"value":1,' tsub.out
 # Failures that say why: the CA file, a certificate for another host, a
@@ -173,17 +152,17 @@ seen "TLS with a password" '^tls/register/heater_on \{"value":1,' tsub.out
 fails "a CA file that is not there" 'cannot read the CA file nothere.pem: No such file' \
   "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtts://127.0.0.1:$tport/tls" --mqtt-cafile nothere.pem
 openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=other -keyout other.key -out other.pem 2>/dev/null
-serve /dev/null "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtts://127.0.0.1:$tport/tls" --mqtt-cafile other.pem
+run servers.err "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtts://127.0.0.1:$tport/tls" --mqtt-cafile other.pem
 seen "another CA" 'TLS with the MQTT broker 127.0.0.1:[0-9]+ failed: .* not vouched for by the CA file other.pem' servers.err
-serve /dev/null "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtts://localhost:$tport/tls" --mqtt-cafile cert.pem
+run servers.err "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtts://localhost:$tport/tls" --mqtt-cafile cert.pem
 seen "another host" 'certificate is for another host than localhost' servers.err
 refused=$(free_port) # nothing listens: refused, and never told as taken (that would come before the silent one's)
-listening_sim sim9.out && serve /dev/null "$vukra" -q -p "$NAME" poll heater_on --mqtt "mqtt://127.0.0.1:$refused/x"
+listening_sim sim9.out && run servers.err "$vukra" -q -p "$NAME" poll heater_on --mqtt "mqtt://127.0.0.1:$refused/x"
 seen "a refused connection" "127.0.0.1:$refused is not there yet" servers.err
 silent=$(free_port)
-serve silent.out /usr/bin/python3 -c "import socket, time
+run silent.out /usr/bin/python3 -c "import socket, time
 s = socket.create_server(('127.0.0.1', $silent)); c = s.accept(); time.sleep(60)"
-serve /dev/null "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtt://127.0.0.1:$silent/x"
+run servers.err "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtt://127.0.0.1:$silent/x"
 seen "a listener that never answers" 'took the connection but has not answered it in 5 s' servers.err
 grep -q "127.0.0.1:$refused took the connection" servers.err && ko "a refused connection told as taken" || ok
 finish

@@ -7,16 +7,6 @@ here=$(dirname "$(realpath "$0")")
 . "$here/../support/tool_checks.sh"
 cp "$examples/table.xml" .
 
-free_port() { /usr/bin/python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
-run() { # run OUT COMMAND...: in the background, stopped on exit; its pid in LAST
-  local out=$1
-  shift
-  : >"$out"
-  "$@" >"$out" 2>&1 &
-  LAST=$!
-  PTY_PIDS+=("$LAST")
-}
-wait_for() { for _ in $(seq 300); do grep -Eq -- "$1" "$2" && return 0; sleep 0.1; done; return 1; }
 # code WANT WHAT CURL-ARGS...: the HTTP status is WANT and the body a JSON reason.
 code() {
   local want=$1 what=$2
