@@ -7,6 +7,9 @@
                                          value on the page that comes back
   web_browser.py shows URL NAME VALUE    loads URL and waits (at most 30 s)
                                          until the row of NAME shows VALUE
+  web_browser.py rows URL                loads URL and prints each table row
+                                         as Chromium draws it: its background
+                                         colour, "|", its first two cells' text
 """
 import json
 import os
@@ -87,11 +90,17 @@ class Chrome:
 
 
 def main():
-    command, url, name, value = sys.argv[1:5]
+    command, url, *rest = sys.argv[1:]
     with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as profile:
         chrome = Chrome(profile)
         try:
             chrome.load(url)
+            if command == "rows":
+                cells = "Array.from(r.cells).slice(0, 2).map(c => c.textContent).join(' ').replace(/\\s+/g, ' ')"
+                print(chrome.evaluate("Array.from(document.querySelectorAll('tr'), r => getComputedStyle(r).backgroundColor"
+                                      " + '|' + " + cells + ").join('\\n')"))
+                return 0
+            name, value = rest
             field = "document.querySelector(%s)" % json.dumps('input[name="%s"]' % name)
             if command == "submit":
                 chrome.evaluate(field + ".focus(); " + field + ".select()")
