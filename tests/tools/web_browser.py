@@ -97,8 +97,8 @@ def main():
             chrome.load(url)
             if command == "rows":
                 cells = "Array.from(r.cells).slice(0, 2).map(c => c.textContent).join(' ').replace(/\\s+/g, ' ')"
-                print(chrome.evaluate("Array.from(document.querySelectorAll('tr'), r => getComputedStyle(r).backgroundColor"
-                                      " + '|' + " + cells + ").join('\\n')"))
+                rows = "Array.from(document.querySelectorAll('tr'), r => getComputedStyle(r).backgroundColor + '|' + "
+                print(chrome.evaluate(rows + cells + ").join('\\n')"))
                 return 0
             name, value = rest
             field = "document.querySelector(%s)" % json.dumps('input[name="%s"]' % name)
