@@ -34,6 +34,10 @@ v() { "$vukra" -q -p "$PTY_PATH" "$@"; }
 check "getfs, then a put into the copy" v fs getfs + fs put notes.txt /mem/etc/local-only.txt
 v fs ls /mem/etc | grep -q local-only && ko "a put under /mem reached the device without putfs" || ok
 
+# reg list after a command of the device: its listing is data still.
+v fs ls /mem/etc + reg list process >list.out && grep -qx 'setpoint \[0x0100, real (2)\]' list.out && ok ||
+  ko "reg list in a chain: $(cat list.out)"
+
 # The whole round: get, list, change, read back, put.
 v fs getfs + fs ls /mem/etc + fs put notes.txt /mem/etc/notes.txt + fs cat /mem/etc/notes.txt + fs putfs \
   >chain.out 2>chain.err

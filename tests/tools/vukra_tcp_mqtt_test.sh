@@ -147,6 +147,14 @@ run tsub.out mosquitto_sub -h 127.0.0.1 -p "$tport" --cafile cert.pem -u poller 
 run tpoll.out env VUKRA_MQTT_USERNAME=poller VUKRA_MQTT_PASSWORD=s3cret "$vukra" -q -p "$d1" poll heater_on \
   --every 0.2 --mqtt "mqtts://127.0.0.1:$tport/tls" --mqtt-cafile cert.pem
 seen "TLS with a password" '^tls/register/heater_on \{"value":1,' tsub.out
+kill "$LAST" # the sim serves one client at a time
+# ... and from a file written on Windows; a file without the user name is refused.
+printf 'poller\r\ns3cret\r\n' >crlf && printf '\ns3cret\n' >nouser
+run crlf.out "$vukra" -q -p "$d1" poll heater_on --every 0.2 --mqtt "mqtts://127.0.0.1:$tport/tls/crlf" --mqtt-cafile cert.pem \
+  --mqtt-credentials crlf
+seen "credentials from CR LF lines" '^tls/crlf/register/heater_on \{"value":1,' tsub.out
+fails "no user name" 'nouser has no user name' "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtt://127.0.0.1:$tport/x" \
+  --mqtt-credentials nouser
 # Failures that say why: the CA file, a certificate for another host, a
 # listener that never answers CONNECT.
 fails "a CA file that is not there" 'cannot read the CA file nothere.pem: No such file' \
