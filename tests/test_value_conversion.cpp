@@ -1,7 +1,5 @@
 // Register values to text and back, by type (through the two exports: test_table_threads).
 #include "modbus_vukra.h"
-#include "support/files.h"
-#include "support/temp_dir.h"
 #include "table/value_conversion.h"
 #include "table/value_format.h"
 #include "table/value_parse.h"
