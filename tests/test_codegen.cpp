@@ -130,15 +130,8 @@ TEST_F(CodegenTest, TheXmlDumpFollowsItsSetting) {
     EXPECT_EQ(read_file("generated/mb_Tableprocess.c").find("Partie de la table"), std::string::npos);
 }
 
-TEST_F(CodegenTest, AnEmptyTableListAndAnUnwritableDirectory) {
-    write_file("empty.xml", "<root><config path=\"no/such/dir\"/><type_list/><table_list/></root>");
-    ASSERT_EQ(table::load("empty.xml"), 1);
-    testing::internal::CaptureStdout();
-    codegen::generate_c_sources();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Erreur d'ouverture en ecriture [no/such/dir/Header.h]\n"
-              "Erreur d'ouverture en ecriture [no/such/dir/Data.c]\n");
-
+// A directory that cannot be written: vukra_cli_tools.
+TEST_F(CodegenTest, AnEmptyTableListAndATableWithoutRegisters) {
     write_file("none.xml", "<root><config/><table_list/></root>");
     ASSERT_EQ(table::load("none.xml"), 1);
     codegen::write_data_file();
@@ -163,22 +156,6 @@ TEST_F(CodegenTest, ATableThatWouldNotCompileIsRefusedWithItsProblems) {
     EXPECT_EQ(codegen::generation_problems(),
               (std::vector<std::string>{"type \"int16\": Ctype \"short \" is not a C type",
                                         "table \"t\", register \"9lives\": its name is not a C identifier"}));
-}
-
-TEST(GeneratorEntry, ArgumentsAndResults) {
-    test::TempWorkingDir dir;
-    char program[] = "vukra-gen", good[] = "t.xml", missing[] = "missing.xml", extra[] = "x";
-    write_file("t.xml", "<root/>");
-    testing::internal::CaptureStdout();
-    char* none[] = {program};
-    EXPECT_EQ(codegen::generator_entry(1, none), -1);
-    char* loads[] = {program, good, extra};
-    EXPECT_EQ(codegen::generator_entry(3, loads), 1);
-    char* fails[] = {program, missing};
-    EXPECT_EQ(codegen::generator_entry(2, fails), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "error: missing xml input file\r\nwarning: too many input parameters\r\n"
-              "error: cannot open xml input file: missing.xml\r\nerror: invalid xml input file\r\n");
 }
 
 } // namespace

@@ -138,12 +138,6 @@ TEST_F(LineFaults, SilenceFailsWithinTheTimeOutAndTheNextOperationWorks) {
          4, 0}, // a register call leaves the error word as the mount left it
         // The first read request (1) is answered, the second is not.
         {"file read", {"--count-only", "5", "--drop-after", "1", "--drop-for", "1"}, nullptr, read_file, 8, 513},
-        // getfs's fourth read goes unanswered (phase 1, the header).
-        {"getfs", {"--count-only", "5", "--drop-after", "3", "--drop-for", "1"}, nullptr, modbus_vukra_op_protected_getfs, 0, 513},
-        // putfs's third write goes unanswered.
-        {"putfs", {"--count-only", "6", "--drop-after", "2", "--drop-for", "1"},
-         [](modbus_vukra_session* t) { ASSERT_EQ(modbus_vukra_op_protected_getfs(t), 0); },
-         modbus_vukra_op_protected_putfs, 0, 513},
         // putfs --changed's fourth write (past the data) goes unanswered; the
         // put again takes the device's card that holds part of what it writes.
         {"putfs --changed", {"--count-only", "6", "--drop-after", "3", "--drop-for", "1"},

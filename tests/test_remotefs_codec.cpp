@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 using namespace vukra::remotefs;
@@ -63,11 +62,7 @@ Bytes operator+(Bytes a, const Bytes& b) {
 
 // Each operation's request frame through the exports is in
 // test_remotefs_operations; here what the frames do not show.
-TEST(RemoteFsRequests, FlagsGetattrRecordSizesAndCodesWithoutARequest) {
-    const MountRequest mount{"pc.me", MountFlags{{0, 1, 1, 1}}};
-    // Each flag byte carries the record's following bytes; past the record, zeros.
-    EXPECT_EQ(encoded(&mount, 8, kMountRequestFields),
-              Wire{}.text(8, "pc.me").item(4, {0, 1, 1, 1}).item(4, {1, 1, 1}).item(4, {1, 1}).item(4, {1}).bytes);
+TEST(RemoteFsRequests, GetattrRecordSizesAndCodesWithoutARequest) {
     const GetattrRequest getattr{2, FileHandle{5, -1}};
     EXPECT_EQ(encoded(&getattr, 12, kGetattrRequestFields), Wire{}.item(2).item(5).item(kAll).bytes);
 
@@ -157,31 +152,20 @@ TEST(RemoteFsReplies, ReadStatusIsTheFourthByteOfItsItem) {
               Wire{}.item(3).item(4, {'a', 'b', 'c'}).item(4, {1}).item(4, {0, 0, 0, 5}).bytes);
 }
 
+// What a listing's decoding gives: test_remotefs_operations; here its size
+// words and items as the local server sends them back.
 TEST(RemoteFsReplies, ReaddirListOfThreeNodesCarriesItsSizeWords) {
-    const Bytes wire = Wire{}
+    const Bytes list = Wire{}
                            .word(36).item(1).text(4, "a")
                            .word(24).item(2).text(4, "bb")
                            .word(12).item(3).text(4, "ccc")
                            .word(0)
                            .item(99)
-                           .item(4, {1, 0x44, 0x55, 0x66})
-                           .item(4, {0x77, 0x88, 0x99, 0})
                            .bytes;
     ReaddirReply reply{};
-    const Decoded d = decode_all(&reply, wire, 16, kReaddirReplyFields);
-    ASSERT_GE(d.result, 0);
+    const Decoded d = decode_all(&reply, list + Wire{}.item(4, {1, 0x44, 0x55, 0x66}).item(4, {0x77, 0x88, 0x99, 0}).bytes,
+                                 16, kReaddirReplyFields);
     EXPECT_EQ(d.result, 40 + 4 + 1 + 4) << "the list's 36 bytes and its own word, then cookie, flag, status";
-    EXPECT_EQ(d.size, wire.size());
-    // Packed nodes: their fields are read by value, never bound to references.
-    std::vector<std::pair<std::uint32_t, std::string>> nodes;
-    for (const DirEntryNode* n = reply.entries; n != nullptr && nodes.size() < 4; n = n->next) {
-        const char* name = n->name;
-        nodes.emplace_back(std::uint32_t{n->entry}, name != nullptr ? name : "(null)");
-    }
-    EXPECT_EQ(nodes, (std::vector<std::pair<std::uint32_t, std::string>>{{1, "a"}, {2, "bb"}, {3, "ccc"}}));
-    EXPECT_EQ(reply.cookie, 99);
-    EXPECT_EQ(reply.eof, 1);
-    EXPECT_EQ(reply.status, 0);
 
     // The same list encodes to the same bytes, given a size that covers it.
     ReaddirReply send{};
@@ -189,18 +173,14 @@ TEST(RemoteFsReplies, ReaddirListOfThreeNodesCarriesItsSizeWords) {
     send.cookie = 99;
     send.eof = 1;
     std::memcpy(send.pad, "\x44\x55\x66", 3);
-    send.status = 0;
-    Bytes again = encoded(&send, kAll, kReaddirReplyFields);
-    Bytes expected(wire.begin(), wire.end() - 16); // all but the flag and status items
-    expected = expected + Wire{}.item(4, {1, 0x44, 0x55, 0x66}).item(4, {0x44, 0x55, 0x66, 0}).bytes;
-    EXPECT_EQ(again, expected);
+    EXPECT_EQ(encoded(&send, kAll, kReaddirReplyFields),
+              list + Wire{}.item(4, {1, 0x44, 0x55, 0x66}).item(4, {0x44, 0x55, 0x66, 0}).bytes);
     free_nodes(reply.entries);
 
     // An empty directory: a 0 word and no node.
     ReaddirReply none{};
     EXPECT_EQ(decode_all(&none, Wire{}.word(0).item(5).item(4, {1}).item(0).bytes, 16, kReaddirReplyFields).result, 13);
     EXPECT_TRUE(none.entries == nullptr);
-    EXPECT_EQ(none.eof, 1);
 }
 
 // What stays inside the payload but breaks its rules (cuts and lengths past

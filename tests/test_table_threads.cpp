@@ -21,7 +21,7 @@ TEST(TableThreads, ConversionsRunWhileSessionsReloadTheTable) {
     test::PtyPair pty;
     test::write_file("table.xml", R"(<root><type_list><type name="int16" words="1"/></type_list><table_list>
 <table name="t" base="0"><register_list><register name="level" type="int16" offset="0"/>
-<register name="other" type="int16" offset="1"/></register_list></table></table_list></root>)");
+<register name="other" type="int16" offset="1"/><register name="odd" type="uint16" offset="2"/></register_list></table></table_list></root>)");
     testing::internal::CaptureStdout();
     modbus_vukra_session* first = modbus_vukra_op_session_open(pty.slave_path.c_str());
     ASSERT_NE(first, nullptr);
@@ -51,4 +51,9 @@ TEST(TableThreads, ConversionsRunWhileSessionsReloadTheTable) {
     char text[MODBUS_VUKRA_TEXT_SIZE];
     ASSERT_EQ(modbus_vukra_op_register_atob(&word, "other", "12"), 0);
     EXPECT_STREQ(modbus_vukra_op_register_btoa(text, "other", &word), "12");
+    // What the conversions refuse: a register not in the table, a type it does not declare.
+    EXPECT_EQ(modbus_vukra_op_register_btoa(text, "missing", &word), nullptr);
+    EXPECT_EQ(modbus_vukra_op_register_atob(&word, "missing", "1"), -1);
+    EXPECT_EQ(modbus_vukra_op_register_atob(&word, "odd", "1"), -1);
+    EXPECT_EQ(modbus_vukra_op_register_btoa(text, "odd", &word), nullptr);
 }

@@ -191,13 +191,9 @@ TEST_F(Ufs, ListingsResumeFromToldPositions) {
         kernel::close(fd);
         return names;
     };
+    // Pages that give the whole listing once: vukra_fs_tool. A change under
+    // a told position: entries before it go, one is renamed.
     long cookie = 0;
-    std::vector<std::string> all;
-    for (std::vector<std::string> names; !(names = page(cookie, 8)).empty();) all.insert(all.end(), names.begin(), names.end());
-    EXPECT_EQ(all, test::list_dir("/mem/d")) << "pages give the whole listing, in order, once";
-
-    // A change under a told position: entries before it go, one is renamed.
-    cookie = 0;
     std::vector<std::string> first = page(cookie, 20);
     ASSERT_EQ(first.size(), 20u);
     for (int i = 0; i < 5; ++i) ASSERT_EQ(kernel::remove(("/mem/d/" + first[static_cast<std::size_t>(i)]).c_str()), 0);

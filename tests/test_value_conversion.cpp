@@ -1,7 +1,5 @@
-// Register values to text and back, by type, and through the two exports.
+// Register values to text and back, by type (through the two exports: test_table_threads).
 #include "modbus_vukra.h"
-#include "support/files.h"
-#include "support/temp_dir.h"
 #include "table/value_conversion.h"
 #include "table/value_format.h"
 #include "table/value_parse.h"
@@ -132,25 +130,6 @@ TEST(ValueFormat, ShowsEveryElementOfALongBuffer) {
     ASSERT_TRUE(format_value(type_of("buffer2float", 2, "float"), &gain, text));
     EXPECT_EQ(text, "0.750000");
     EXPECT_FALSE(format_value(type_of("buffer_x", 2, "double"), &gain, text));
-}
-
-TEST(ValueExports, ConvertThroughTheRegisterTable) {
-    test::TempWorkingDir dir;
-    test::write_file("t.xml", R"(<root><type_list><type name="int16" words="1"/><type name="uint16" words="1"/>
-</type_list><table_list><table name="t" base="0"><register_list>
-<register name="level" type="int16" offset="0"/><register name="count" type="uint16" offset="1"/>
-<register name="odd" type="nothing" offset="2"/></register_list></table></table_list></root>)");
-    ASSERT_EQ(load("t.xml"), 1);
-    std::uint16_t word = 0;
-    EXPECT_EQ(modbus_vukra_op_register_atob(&word, "level", "70000"), 0);
-    EXPECT_EQ(word, 4464);
-    char text[MODBUS_VUKRA_TEXT_SIZE];
-    EXPECT_EQ(modbus_vukra_op_register_btoa(text, "level", &word), text);
-    EXPECT_STREQ(text, "4464");
-    EXPECT_EQ(modbus_vukra_op_register_atob(&word, "count", "5"), -1);
-    EXPECT_EQ(modbus_vukra_op_register_btoa(text, "odd", &word), nullptr);
-    EXPECT_EQ(modbus_vukra_op_register_btoa(text, "missing", &word), nullptr);
-    EXPECT_EQ(modbus_vukra_op_register_atob(&word, "missing", "1"), -1);
 }
 
 } // namespace

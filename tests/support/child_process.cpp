@@ -8,32 +8,41 @@
 
 namespace vukra::test {
 
-Child::Child(std::vector<std::string> args, bool keep_output) {
-    int e[2], o[2];
-    if (pipe(e) != 0 || pipe(o) != 0) return;
-    pid = fork();
+pid_t spawn(std::vector<std::string> args, int out, int err) {
+    const pid_t pid = fork();
     if (pid == 0) {
-        dup2(e[1], 2);
-        dup2(keep_output ? o[1] : open("/dev/null", O_WRONLY), 1);
+        const int nowhere = open("/dev/null", O_WRONLY);
+        dup2(out >= 0 ? out : nowhere, 1);
+        dup2(err >= 0 ? err : nowhere, 2);
         std::vector<char*> argv;
         for (std::string& a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
         execv(argv[0], argv.data());
         _exit(127);
     }
+    return pid;
+}
+
+Child::Child(std::vector<std::string> args, bool keep_output) {
+    // Close-on-exec: the child holds only its own ends, as 1 and 2.
+    int e[2], o[2];
+    if (pipe2(e, O_CLOEXEC) != 0 || pipe2(o, O_CLOEXEC) != 0) return;
+    pid = spawn(std::move(args), keep_output ? o[1] : -1, e[1]);
     close(e[1]);
     close(o[1]);
     err = e[0];
     out = o[0];
 }
 
-std::string Child::line() {
+std::string read_line(int fd) {
     std::string l;
     char c;
-    pollfd p{err, POLLIN, 0};
-    while (poll(&p, 1, 30000) > 0 && read(err, &c, 1) == 1 && c != '\n') l += c;
+    pollfd p{fd, POLLIN, 0};
+    while (poll(&p, 1, 30000) > 0 && read(fd, &c, 1) == 1 && c != '\n') l += c;
     return l;
 }
+
+std::string Child::line() { return read_line(err); }
 
 std::string Child::output() {
     std::string s;

@@ -9,6 +9,12 @@
 
 namespace vukra::test {
 
+// Starts the program args[0] with its standard output on out and its
+// standard error on err (-1: nowhere); its pid, or -1.
+pid_t spawn(std::vector<std::string> args, int out, int err);
+// The next line from fd; empty at its end, or after 30 s of silence.
+std::string read_line(int fd);
+
 struct Child {
     pid_t pid = -1;
     int err = -1; // its standard error
