@@ -151,7 +151,7 @@ printf 'poller\r\ns3cret\r\n' >crlf && printf '\ns3cret\n' >nouser
 run crlf.out "$vukra" -q -p "$d1" poll heater_on --every 0.2 --mqtt "mqtts://127.0.0.1:$tport/tls/crlf" --mqtt-cafile cert.pem \
   --mqtt-credentials crlf
 seen "credentials from CR LF lines" '^tls/crlf/register/heater_on \{"value":1,' tsub.out
-fails "no user name" 'nouser has no user name' "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtt://127.0.0.1:$tport/x" \
+fails "no user name" 'nouser has no user name' timeout 10 "$vukra" -q -p "$d1" poll heater_on --mqtt "mqtt://127.0.0.1:$tport/x" \
   --mqtt-credentials nouser
 # Failures that say why: the CA file, a certificate for another host, a
 # listener that never answers CONNECT.
