@@ -137,6 +137,7 @@ def test_getfs_progress_and_mirror(dev):
     (lambda d: d.cancel(), modbus_vukra.TransferCancelled),
     (lambda d: os.kill(os.getpid(), signal.SIGINT), KeyboardInterrupt)])
 def test_a_transfer_stops_and_the_session_goes_on(dev, stop, error):
+    signal.signal(signal.SIGINT, signal.default_int_handler)  # also when started with SIGINT ignored, as by "&"
     asked = []  # once, from another thread, as the data start to move
     progress = lambda phase, _: phase < 2 or asked or asked.append(threading.Thread(target=stop, args=[dev]).start())
     with pytest.raises(error):
