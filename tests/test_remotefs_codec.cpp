@@ -162,9 +162,9 @@ TEST(RemoteFsReplies, ReaddirListOfThreeNodesCarriesItsSizeWords) {
                            .word(0)
                            .item(99)
                            .bytes;
-    ReaddirReply reply{};
-    const Decoded d = decode_all(&reply, list + Wire{}.item(4, {1, 0x44, 0x55, 0x66}).item(4, {0x77, 0x88, 0x99, 0}).bytes,
-                                 16, kReaddirReplyFields);
+    const Bytes payload = list + Wire{}.item(4, {1, 0x44, 0x55, 0x66}).item(4, {0x77, 0x88, 0x99, 0}).bytes;
+    ReaddirReply reply{}; // its names point into the payload
+    const Decoded d = decode_all(&reply, payload, 16, kReaddirReplyFields);
     EXPECT_EQ(d.result, 40 + 4 + 1 + 4) << "the list's 36 bytes and its own word, then cookie, flag, status";
 
     // The same list encodes to the same bytes, given a size that covers it.
