@@ -46,6 +46,7 @@ check "the image is untouched" cmp card.o before.o
 
 # rename: a file replaces a file.
 check "mkdir /docs/sub" bash -c "'$ufs' card.o mkdir /docs && '$ufs' card.o mkdir /docs/sub"
+check "tree: two blanks a level" bash -c "'$ufs' card.o tree | grep -qx '    sub/'"
 check "mv a file onto a file" "$ufs" card.o mv /x /hello
 check "the volume is consistent" "$ufs" card.o check
 check "the file was replaced" bash -c "[ \"\$('$ufs' card.o cat /hello)\" = hello ] && ! '$ufs' card.o cat /x"
